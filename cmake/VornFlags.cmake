@@ -1,0 +1,32 @@
+# How vorn's own targets are compiled; none of it reaches a consumer.
+#
+# Contraction is off because host forms round every product and every sum; kernels that fuse say
+# fmaf. NDEBUG is never defined: assertions guard labels in every build type.
+foreach(language CXX CUDA)
+  foreach(type RELEASE RELWITHDEBINFO)
+    string(REPLACE "-DNDEBUG" "" CMAKE_${language}_FLAGS_${type}
+           "${CMAKE_${language}_FLAGS_${type}}")
+  endforeach()
+endforeach()
+
+set(vorn_host_flags -march=${VORN_MARCH} -ffp-contract=off -fno-math-errno -fno-trapping-math
+                    -Wall -Wextra -Wno-sign-compare -Wno-unknown-pragmas)
+list(JOIN vorn_host_flags "," vorn_host_flags_for_nvcc)
+
+add_library(vorn_flags INTERFACE)
+target_compile_options(vorn_flags INTERFACE
+  "$<$<COMPILE_LANGUAGE:CXX>:${vorn_host_flags}>"
+  "$<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-O3>"
+  "$<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=${vorn_host_flags_for_nvcc}>"
+  "$<$<COMPILE_LANGUAGE:CUDA>:--diag-suppress=20012,20014>")
+
+# Files with kernels are CUDA where the toolkit is the real one, and C++ on the simulated one.
+function(vorn_compile_as_cuda target)
+  if(VORN_GPU STREQUAL "cuda")
+    get_target_property(sources ${target} SOURCES)
+    list(FILTER sources INCLUDE REGEX "\\.cpp$")
+    set_source_files_properties(${sources} PROPERTIES LANGUAGE CUDA)
+    set_target_properties(${target} PROPERTIES CUDA_STANDARD 17 CUDA_STANDARD_REQUIRED ON
+                                               LINKER_LANGUAGE CXX)
+  endif()
+endfunction()

@@ -1,0 +1,122 @@
+#ifndef VORN_CPU_ITERATOR_H_
+#define VORN_CPU_ITERATOR_H_
+
+#include "vorn/tensor/tensor.h"
+
+/// Host loops that run one scalar rule over every element. All tensors contiguous: one flat loop
+/// over `out.count()` elements; otherwise a loop over `out.row()` rows, each pointer stepping by
+/// its own pitch. Each element is read before it is written, so an input may be the output itself;
+/// partly overlapping tensors are not defined.
+namespace vorn {
+namespace cpu {
+
+/// f(i) for i in [0, count).
+template <typename F>
+void iterate(F f, index_t count) {
+    for (index_t i = 0; i < count; ++i) {
+        f(i);
+    }
+}
+
+// One run of elements. The rule comes by value: were it a reference, every store might change its
+// members. `ivdep` says that an element depends on its own position only, without which an output
+// that is its own input would not vectorise.
+template <typename Op, typename Out>
+void generate_row(Op f, Out* out, index_t n) {
+#pragma GCC ivdep
+    for (index_t i = 0; i < n; ++i) {
+        out[i] = f();
+    }
+}
+
+template <typename Op, typename In, typename Out>
+void unary_row(Op f, const In* in, Out* out, index_t n) {
+#pragma GCC ivdep
+    for (index_t i = 0; i < n; ++i) {
+        out[i] = f(in[i]);
+    }
+}
+
+template <typename Op, typename In1, typename In2, typename Out>
+void binary_row(Op f, const In1* in1, const In2* in2, Out* out, index_t n) {
+#pragma GCC ivdep
+    for (index_t i = 0; i < n; ++i) {
+        out[i] = f(in1[i], in2[i]);
+    }
+}
+
+template <typename Op, typename In1, typename In2, typename Out>
+void trinary_inplace_row(Op f, const In1* in1, const In2* in2, Out* out, index_t n) {
+#pragma GCC ivdep
+    for (index_t i = 0; i < n; ++i) {
+        out[i] = f(in1[i], in2[i], out[i]);
+    }
+}
+
+/// out = f()
+template <typename Op, typename OutT>
+void generate(Op f, Tensor<OutT>& out) {
+    if (out.is_contiguous()) {
+        generate_row(f, out.get_ptr(), out.count());
+        return;
+    }
+    const index_t dimM = out.row(), dimN = out.col(), out_ld = out.ld();
+    OutT* out_p = out.get_ptr();
+    for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
+        generate_row(f, out_p, dimN);
+    }
+}
+
+/// out = f(in)
+template <typename Op, typename InT, typename OutT>
+void unary_op(Op f, const Tensor<InT>& in, Tensor<OutT>& out) {
+    if (in.is_contiguous() && out.is_contiguous()) {
+        unary_row(f, in.get_ptr(), out.get_ptr(), out.count());
+        return;
+    }
+    const index_t dimM = out.row(), dimN = out.col(), in_ld = in.ld(), out_ld = out.ld();
+    const InT* in_p = in.get_ptr();
+    OutT* out_p = out.get_ptr();
+    for (index_t m = 0; m < dimM; ++m, in_p += in_ld, out_p += out_ld) {
+        unary_row(f, in_p, out_p, dimN);
+    }
+}
+
+/// out = f(in1, in2)
+template <typename Op, typename InT1, typename InT2, typename OutT>
+void binary_op(Op f, const Tensor<InT1>& in1, const Tensor<InT2>& in2, Tensor<OutT>& out) {
+    if (in1.is_contiguous() && in2.is_contiguous() && out.is_contiguous()) {
+        binary_row(f, in1.get_ptr(), in2.get_ptr(), out.get_ptr(), out.count());
+        return;
+    }
+    const index_t dimM = out.row(), dimN = out.col();
+    const index_t in1_ld = in1.ld(), in2_ld = in2.ld(), out_ld = out.ld();
+    const InT1* in1_p = in1.get_ptr();
+    const InT2* in2_p = in2.get_ptr();
+    OutT* out_p = out.get_ptr();
+    for (index_t m = 0; m < dimM; ++m, in1_p += in1_ld, in2_p += in2_ld, out_p += out_ld) {
+        binary_row(f, in1_p, in2_p, out_p, dimN);
+    }
+}
+
+/// out = f(in1, in2, out)
+template <typename Op, typename InT1, typename InT2, typename OutT>
+void trinary_inplace_op(Op f, const Tensor<InT1>& in1, const Tensor<InT2>& in2, Tensor<OutT>& out) {
+    if (in1.is_contiguous() && in2.is_contiguous() && out.is_contiguous()) {
+        trinary_inplace_row(f, in1.get_ptr(), in2.get_ptr(), out.get_ptr(), out.count());
+        return;
+    }
+    const index_t dimM = out.row(), dimN = out.col();
+    const index_t in1_ld = in1.ld(), in2_ld = in2.ld(), out_ld = out.ld();
+    const InT1* in1_p = in1.get_ptr();
+    const InT2* in2_p = in2.get_ptr();
+    OutT* out_p = out.get_ptr();
+    for (index_t m = 0; m < dimM; ++m, in1_p += in1_ld, in2_p += in2_ld, out_p += out_ld) {
+        trinary_inplace_row(f, in1_p, in2_p, out_p, dimN);
+    }
+}
+
+}  // namespace cpu
+}  // namespace vorn
+
+#endif  // VORN_CPU_ITERATOR_H_

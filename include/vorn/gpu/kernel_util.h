@@ -1,0 +1,50 @@
+#ifndef VORN_GPU_KERNEL_UTIL_H_
+#define VORN_GPU_KERNEL_UTIL_H_
+
+#include <cuda_runtime.h>
+
+#include <utility>
+
+#include "vorn/context/context.h"
+#include "vorn/logging.h"
+#include "vorn/util/gpu_util.h"
+
+/// Marks a rule that runs on both sides.
+#define VORN_HD __host__ __device__
+
+namespace vorn {
+
+const int wrap_size = 32;        ///< Threads of a warp.
+const int kMaxGridSize = 40960;  ///< Cap of grids over rows or items; kernels step over the rest.
+
+namespace gpu {
+
+/// The one door for kernels: queues `kernel` on the calling thread's `default_stream`, without
+/// dynamic shared memory. The result is the caller's tail's to see: every operation ends with
+/// VORN_KERNEL_TAIL(), once behind its launches.
+template <typename... P, typename... A>
+void launch(dim3 grid, dim3 block, void (*kernel)(P...), A&&... args) {
+    cudaLaunchConfig_t config = {};
+    config.gridDim = grid;
+    config.blockDim = block;
+    config.stream = default_stream;
+    (void)cudaLaunchKernelEx(&config, kernel, std::forward<A>(args)...);
+}
+
+}  // namespace gpu
+}  // namespace vorn
+
+/// A macro, so that a failure names the file and line of the launch.
+#define VORN_KERNEL_TAIL()                                 \
+    do {                                                   \
+        if (::vorn::g_sync_flag) {                         \
+            cudaStreamSynchronize(::vorn::default_stream); \
+            cudaError_t ret = cudaGetLastError();          \
+            if (ret != 0) {                                \
+                LOG_ERROR << static_cast<int>(ret);        \
+                CHECK_CALL(ret);                           \
+            }                                              \
+        }                                                  \
+    } while (0)
+
+#endif  // VORN_GPU_KERNEL_UTIL_H_

@@ -1,0 +1,65 @@
+#ifndef VORN_OPS_OP_WRAPPERS_H_
+#define VORN_OPS_OP_WRAPPERS_H_
+
+#include "vorn/base.h"
+#include "vorn/gpu/kernel_util.h"
+
+/// What a kernel of the frame gets: a rule and the views of its operands, by value. One call does
+/// one element, at an index on the contiguous path, at a row and column on the pitched path. All
+/// views of a wrapper are of the same form.
+namespace vorn {
+
+template <typename Op, typename View>
+struct GenerateOp {
+    Op _op;
+    View _out;
+
+    GenerateOp(Op op, View out) : _op(op), _out(out) {}
+    VORN_HD void operator()(index_t i) { _out(i) = _op(); }
+    VORN_HD void operator()(index_t row, index_t col) { _out(row, col) = _op(); }
+};
+
+template <typename Op, typename InView, typename OutView>
+struct UnaryOp {
+    Op _op;
+    InView _in;
+    OutView _out;
+
+    UnaryOp(Op op, InView in, OutView out) : _op(op), _in(in), _out(out) {}
+    VORN_HD void operator()(index_t i) { _out(i) = _op(_in(i)); }
+    VORN_HD void operator()(index_t row, index_t col) { _out(row, col) = _op(_in(row, col)); }
+};
+
+template <typename Op, typename InView1, typename InView2, typename OutView>
+struct BinaryOp {
+    Op _op;
+    InView1 _in1;
+    InView2 _in2;
+    OutView _out;
+
+    BinaryOp(Op op, InView1 in1, InView2 in2, OutView out)
+        : _op(op), _in1(in1), _in2(in2), _out(out) {}
+    VORN_HD void operator()(index_t i) { _out(i) = _op(_in1(i), _in2(i)); }
+    VORN_HD void operator()(index_t row, index_t col) {
+        _out(row, col) = _op(_in1(row, col), _in2(row, col));
+    }
+};
+
+template <typename Op, typename InView1, typename InView2, typename OutView>
+struct TrinaryInplaceOp {
+    Op _op;
+    InView1 _in1;
+    InView2 _in2;
+    OutView _out;
+
+    TrinaryInplaceOp(Op op, InView1 in1, InView2 in2, OutView out)
+        : _op(op), _in1(in1), _in2(in2), _out(out) {}
+    VORN_HD void operator()(index_t i) { _out(i) = _op(_in1(i), _in2(i), _out(i)); }
+    VORN_HD void operator()(index_t row, index_t col) {
+        _out(row, col) = _op(_in1(row, col), _in2(row, col), _out(row, col));
+    }
+};
+
+}  // namespace vorn
+
+#endif  // VORN_OPS_OP_WRAPPERS_H_

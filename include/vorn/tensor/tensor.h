@@ -1,0 +1,365 @@
+#ifndef VORN_TENSOR_TENSOR_H_
+#define VORN_TENSOR_TENSOR_H_
+
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "vorn/base.h"
+#include "vorn/tensor/buffer.h"
+#include "vorn/tensor/device.h"
+#include "vorn/tensor/dim.h"
+#include "vorn/tensor/reference.h"
+
+namespace vorn {
+
+template <typename T>
+class Tensor;
+
+namespace gpu {
+void vorn_norm1(const Tensor<float>& in, DType* res);
+void vorn_norm2(const Tensor<float>& in, DType* res);
+}  // namespace gpu
+
+/// A shaped view with a row pitch on reference-counted storage that lies on the host or on a GPU.
+///
+/// Layout. The last axis is unit-stride; `ld()`, the pitch of the second-last axis, is counted in
+/// elements and differs from the width only in a view that takes part of the last axis. Any tensor
+/// reads as a matrix of `row()` rows (the product of all axes but the last) of `col()` elements.
+/// Element counts and offsets stay below 2^31.
+///
+/// Kinds. An empty tensor has no memory; an owning one has its own Buffer; an external one wraps a
+/// pointer of the caller's; a block is a view into a Buffer that others share. Copying a Tensor
+/// copies no data: both look at the same memory. Only empty and owning tensors can be resized.
+///
+/// Operations. `*this` is the output, which no operation resizes unless it says so: the caller
+/// shapes it. Inputs and output lie on the same device (CPU and CPU_PINNED count as one). Host
+/// forms are done on return; GPU forms return with their kernels queued on the thread's
+/// `default_stream`. Where nothing else is said, `alpha` and `beta` blend a result into the old
+/// output, which is always read, even if `beta` is 0: it must then be finite. Everything that is
+/// called an abort here logs a message and a stack trace and stops the process.
+///
+/// Element types: `float` has every member. `int` has resize, element access, `add(T)`, `mul(T)`,
+/// `elem_add`, `col_sum`, `row_sum`, `sum`, `transpose` and the file and debug forms; `unsigned
+/// long` has resize; and all five (`unsigned char` and `short` too) have construction, shape
+/// queries, copies and fills. Any other use does not link.
+template <typename T>
+class Tensor {
+public:
+    // ---- Construction -------------------------------------------------------------------------
+
+    /// An empty tensor on the default device, the host.
+    Tensor();
+    /// An empty tensor on `device`.
+    Tensor(const Device& device);
+    /// An owning tensor, zero-filled. Aborts if the product of `size` is 2^31 or more.
+    Tensor(const Dim& size, const Device& device);
+    Tensor(const Dim& size);
+    /// A block of `buffer` whose first element is `ptr`. Aborts if it has elements and `ptr` lies
+    /// outside the buffer.
+    Tensor(std::shared_ptr<Buffer> buffer, const Dim& size, index_t stride, T* ptr);
+    Tensor(std::shared_ptr<Buffer> buffer, const Dim& size, index_t stride);
+    Tensor(std::shared_ptr<Buffer> buffer, const Dim& size);
+    /// An external tensor on dense memory of the caller's, which outlives it.
+    Tensor(T* ptr, const Dim& size, const Device& device);
+    /// A dense copy of `other` on `device`.
+    Tensor(const Tensor& other, const Device& device);
+
+    // ---- Views: blocks that share this tensor's Buffer ----------------------------------------
+    // A view of an external tensor is an external tensor.
+
+    /// The memory under another shape of equal element count, from the first element of the
+    /// Buffer on. Aborts unless contiguous.
+    Tensor get_with_shape(const Dim& dim) const;
+    /// The elements from coordinate `start` up to, not including, `stop`: a cut of the first axis
+    /// or of the last, never of both, and never of a middle axis. Aborts otherwise.
+    Tensor get_block(const Dim& start, const Dim& stop) const;
+    /// Axis 0 cut to [start, end).
+    Tensor slice(index_t start, index_t end) const;
+    /// Rows [start * step, stop * step) of a matrix.
+    Tensor range_row(index_t start, index_t stop, index_t step) const;
+    Tensor range_row(index_t start, index_t stop) const;
+    /// Columns [start * step, stop * step) of a matrix.
+    Tensor range_col(index_t start, index_t stop, index_t step) const;
+    Tensor range_col(index_t start, index_t stop) const;
+
+    // ---- Shape changes; none moves data -------------------------------------------------------
+
+    /// Another shape of equal element count. Aborts unless contiguous.
+    void reshape(const Dim& size);
+    void reshape_like(const Tensor& other);
+    /// A new shape; allocates only where the Buffer is too small, and then drops the contents.
+    /// Aborts on a block or an external tensor, and if the product of `size` is 2^31 or more.
+    void resize(const Dim& size, bool is_zero = true);
+    void resize_like(const Tensor& other);
+    /// Aborts on a tensor with memory.
+    void set_device(const Device& device);
+    /// Does nothing: memory and shape stay.
+    void clear();
+    /// No axes; the Buffer stays, for a later resize.
+    void clear_size();
+
+    // ---- Queries ------------------------------------------------------------------------------
+
+    bool is_init() const { return _buffer != nullptr; }
+    T* get_ptr() const { return _ptr; }
+    T* get_data() const { return _ptr; }
+    T* get_data_python() const { return _ptr; }
+    const Dim& get_size() const { return _size; }
+    index_t get_size(index_t i) const { return _size[static_cast<int>(i)]; }
+    index_t get_stride() const { return _stride; }
+    index_t ld() const { return _stride; }
+    index_t get_width() const { return _size[-1]; }
+    index_t get_height() const { return _size[-2]; }
+    index_t get_w() const { return _size[-1]; }
+    index_t get_h() const { return _size[-2]; }
+    index_t get_c() const { return _size[-3]; }
+    index_t get_n() const { return _size[-4]; }
+    index_t row() const { return _size.height(); }
+    index_t col() const { return _size[-1]; }
+    index_t get_dim() const { return _size.get_axis(); }
+    index_t count() const { return product(_size); }
+    index_t get_element_count() const { return product(_size); }
+    /// The product of axes [start_axis, end_axis).
+    index_t count(int start_axis, int end_axis) const;
+    index_t count(int start_axis) const;
+    const Device& get_device() const { return _device; }
+    bool is_contiguous() const {
+        return _size.get_axis() == 0 || _size[-1] == static_cast<int>(_stride);
+    }
+    /// Compares shapes only, up to leading axes of extent 1.
+    bool operator==(const Tensor& other) const { return _size == other._size; }
+    bool operator!=(const Tensor& other) const { return _size != other._size; }
+
+    // ---- Elements; one on a GPU costs a copy --------------------------------------------------
+
+    bool is_valid_index(const Dim& idx) const;
+    /// The address of an element. Aborts outside the shape.
+    T* index(const Dim& coor) const;
+    T* get_data(const Dim& dim) const;
+    T* get_row(index_t idx) const;
+    T operator[](const Dim& idx) const;
+    Reference<T> operator[](const Dim& idx);
+    T get_element(const Dim& dim) const;
+    void set_element(const Dim& dim, T val);
+
+    // ---- Fills --------------------------------------------------------------------------------
+
+    void set_element(T val);
+    void zero();
+    void ones();
+
+    // ---- Copies, complete for the host on return ----------------------------------------------
+
+    /// *this = src, across devices and pitches. Aborts unless the sizes are equal.
+    void copy_from(const Tensor& src);
+    void copy_to(Tensor& dst) const;
+    /// Copies `num` elements between host memory and this contiguous tensor, from element
+    /// `start_pos`, or from coordinate `start`, on. The range is the caller's to keep. Aborts on a
+    /// pitched tensor.
+    void copy_from(const T* data, index_t start_pos, index_t num);
+    void copy_from(const T* data, const Dim& start, index_t num);
+    void copy_to(T* dst, index_t start_pos, index_t num) const;
+    void copy_to(T* dst, const Dim& start, index_t num) const;
+    /// Row `src_row` of the host matrix `src` into row `dst_row` of this contiguous matrix; a
+    /// shorter row leaves the rest as it was.
+    void copy_row(Tensor& src, int src_row, int dst_row);
+
+    // ---- Element rules ------------------------------------------------------------------------
+
+    /// this += val
+    void add(T val);
+    /// alpha * in1 + beta * in2: here `beta` weighs the second operand.
+    void add(const Tensor& in1, const Tensor& in2, DType alpha = 1, DType beta = 1);
+    /// alpha0 * in1 + alpha1 * in2 + beta * old. On int tensors computed in float and truncated.
+    void elem_add(const Tensor& in1, const Tensor& in2, DType alpha0 = 1, DType alpha1 = 1,
+                  DType beta = 0);
+    /// this *= val
+    void mul(T val);
+    /// alpha * in1 * in2 + beta * old
+    void elem_mul(const Tensor& in1, const Tensor& in2, DType alpha = 1, DType beta = 0);
+    /// this *= 1 / val. Aborts if |val| is not above 1.1920929e-07.
+    void div(T val);
+    /// alpha * in1 / in2 + beta * old
+    void elem_div(const Tensor& in1, const Tensor& in2, DType alpha = 1, DType beta = 0);
+    /// (in1 + alpha) / (in2 + beta): no blend.
+    void dot_div(const Tensor& in1, const Tensor& in2, DType alpha = 0, DType beta = 0);
+    /// 1 / in, without a blend, as are the rules up to `limit`.
+    void reciprocal();
+    void reciprocal(const Tensor& in);
+    /// Natural logarithm.
+    void log();
+    void log(const Tensor& in);
+    void pow(DType p);
+    void pow(const Tensor& in, DType p);
+    void square();
+    void square(const Tensor& in);
+    void sqrt();
+    void sqrt(const Tensor& in);
+    /// `in` limited to [lo, hi].
+    void limit(DType lo, DType hi);
+    void limit(const Tensor& in, DType lo, DType hi);
+    /// alpha * tanh(in) + beta * old
+    void tanh();
+    void tanh(const Tensor& in, DType alpha = 1, DType beta = 0);
+    void ld_tanh(const Tensor& in, DType alpha = 1, DType beta = 0);
+    /// alpha * max(in, 0) + beta * old
+    void relu();
+    void relu(const Tensor& in, DType alpha = 1, DType beta = 0);
+    /// alpha / (1 + exp(-in)) + beta * old, with `in` limited to [-64, 64].
+    void sigmoid();
+    void sigmoid(const Tensor& in, DType alpha = 1, DType beta = 0);
+    /// The derivative of an activation times an error: `in1` is the activation's output, `in2` the
+    /// error from above. alpha * (1 - in1 in1) in2 + beta * old for tanh, alpha * in1 (1 - in1) in2
+    /// + beta * old for sigmoid, alpha * [in1 > 0] in2 + beta * old for relu.
+    void tanh_bp(const Tensor& in1, const Tensor& in2, DType alpha = 1, DType beta = 0);
+    void relu_bp(const Tensor& in1, const Tensor& in2, DType alpha = 1, DType beta = 0);
+    void sigmoid_bp(const Tensor& in1, const Tensor& in2, DType alpha = 1, DType beta = 0);
+
+    // ---- Folds --------------------------------------------------------------------------------
+
+    /// The fold of each column (`col_*`) or row (`row_*`) of the matrix `a`, blended into element k
+    /// of this contiguous tensor: alpha * fold + beta * old. Aborts unless `a` has 2 axes and this
+    /// at most 2. Maxima and minima start from the lowest and highest finite float. Host sums run
+    /// in ascending order, GPU sums in a fixed tree.
+    void col_sum(const Tensor& a, DType alpha = 1, DType beta = 0);
+    void col_max(const Tensor& a, DType alpha = 1, DType beta = 0);
+    void col_min(const Tensor& a, DType alpha = 1, DType beta = 0);
+    void row_sum(const Tensor& a, DType alpha = 1, DType beta = 0);
+    void row_max(const Tensor& a, DType alpha = 1, DType beta = 0);
+    void row_min(const Tensor& a, DType alpha = 1, DType beta = 0);
+    /// col_sum under another name.
+    void collect_bias(const Tensor& in, DType alpha = 1, DType beta = 0);
+    /// The fold of all elements, on the host in ascending order.
+    T sum() const;
+    T max() const;
+    T min() const;
+    T avg() const;
+
+    // ---- Vectors broadcast over a matrix ------------------------------------------------------
+
+    /// alpha0 * mat(i, j) + alpha1 * vec[j] + beta * old; with vec[i] for columns.
+    void row_add_vec(const Tensor& mat, const Tensor& vec, DType alpha0 = 1, DType alpha1 = 1,
+                     DType beta = 0);
+    void col_add_vec(const Tensor& mat, const Tensor& vec, DType alpha0 = 1, DType alpha1 = 1,
+                     DType beta = 0);
+    /// alpha * mat(i, j) * vec[j] + beta * old; with vec[i] for columns. Aborts unless `vec` is a
+    /// vector or a row of the right width.
+    void row_mul_vec(const Tensor& mat, const Tensor& vec, DType alpha = 1, DType beta = 0);
+    void col_mul_vec(const Tensor& mat, const Tensor& vec, DType alpha = 1, DType beta = 0);
+    /// alpha0 * mat + beta * old, with alpha1 * diag_mat[i] added on the diagonal. Aborts unless
+    /// `mat` is square, of the size of this, and `diag_mat` has one element per row.
+    void diag_add_vec(const Tensor& mat, const Tensor& diag_mat, DType alpha0 = 1, DType alpha1 = 1,
+                      DType beta = 0);
+    /// alpha * mat + beta * old, with the first term times diag_mat[i] on the diagonal.
+    void diag_mul_vec(const Tensor& mat, const Tensor& diag_mat, DType alpha = 1, DType beta = 0);
+    /// log(in(i, j)) - log(prior[j]); the first logarithm is -125 where `in` is below the smallest
+    /// normal float. On a GPU `in` and this are contiguous.
+    void log_sub_prior(const Tensor& in, const Tensor& prior);
+    void log_sub_prior(const Tensor& prior);
+
+    // ---- Linear algebra -----------------------------------------------------------------------
+
+    /// this = alpha * op(a) * op(b) + beta * this, where op transposes if its flag is set. Aborts
+    /// unless all are matrices of fitting shapes.
+    void mul(const Tensor& a, const Tensor& b, DType alpha = 1, DType beta = 0);
+    void mul(const Tensor& a, bool a_t, const Tensor& b, bool b_t, DType alpha = 1, DType beta = 0);
+    /// `batch` products: matrix i of each operand starts `i * stride` elements from the first. A
+    /// matrix has the tensor's last axis as columns and stride / columns as rows. Aborts unless
+    /// batch * stride is each tensor's element count.
+    void batch_mul(const Tensor& a, bool a_t, int64_t a_stride, const Tensor& b, bool b_t,
+                   int64_t b_stride, int64_t c_stride, int batch, DType alpha = 1, DType beta = 0);
+    /// this = transpose of `tensor`, whose two axes this has exchanged.
+    void transpose(const Tensor& tensor);
+    /// Euclidean norm, and sum of absolute values, of all elements. Abort unless contiguous.
+    T norm2() const;
+    T norm1() const;
+    /// Least squares min |lhs[b] x - y|: `lhs` is (batch, m, n) of full rank, overwritten; this is
+    /// (batch, max(m, n)), row b holding y in its first m places on entry and x in its first n on
+    /// return. `ws_d` and `ws_h` are work space, resized as needed.
+    void sgels(Tensor<float>& lhs, Tensor<unsigned long>& ws_d, Tensor<unsigned long>& ws_h);
+
+    // ---- Softmax, over the middle of three nested extents -------------------------------------
+
+    /// exp(in - max) / sum over the channels of each (outer, inner) pair; element (o, c, k) lies at
+    /// (o * channel + c) * inner + k of the contiguous operands. Without extents, over the rows of
+    /// a matrix. Aborts unless alpha is 1, beta 0 and channel not 1. `in` may be this tensor.
+    void softmax(const Tensor& in, index_t outer, index_t channel, index_t inner, DType alpha = 1,
+                 DType beta = 0);
+    void softmax(const Tensor& in, DType alpha = 1, DType beta = 0);
+    /// output * (src_grad - sum over channels of output * src_grad). `softmax_sum` is work space of
+    /// outer * inner elements; on the host it is added to, so the caller zeroes it.
+    void softmax_bp_normal(const Tensor& output, const Tensor& src_grad, Tensor& softmax_sum,
+                           index_t outer, index_t channel, index_t inner, DType alpha = 1,
+                           DType beta = 0);
+    void softmax_bp_normal(const Tensor& output, const Tensor& src_grad, Tensor& softmax_sum,
+                           DType alpha = 1, DType beta = 0);
+
+    // ---- LSTM with peepholes, one time step for all rows of a batch ---------------------------
+
+    /// The forward step, on m_cur (H by W). `wx_out` (H by 4W) holds the pre-activations, gate
+    /// blocks in the order input, forget, output, cell input; `wc_*` the peephole weights of W
+    /// cells. With G the logistic function, its argument kept above -64:
+    ///   i = G(wc_i c_pre + x_i),  f = G(wc_f c_pre + x_f),  g = tanh(x_c),
+    ///   c = f c_pre + i g, limited to [min, max] if they differ by more than 1e-6,
+    ///   o = G(wc_o c + x_o),  m_cur = o tanh(c).
+    /// Writes i, f, g, o, c and hc = tanh(c). `c_cur` may be `c_pre`. On a GPU i_out to hc share
+    /// the pitch of m_cur. After Gers, Schraudolph and Schmidhuber, "Learning precise timing with
+    /// LSTM recurrent networks", 2002.
+    void lstm_op(const Tensor& wx_out, const Tensor& wc_i, const Tensor& wc_f, const Tensor& wc_o,
+                 const Tensor& c_pre, Tensor& c_cur, Tensor& i_out, Tensor& f_out, Tensor& c_out,
+                 Tensor& o_out, Tensor& hc, float max, float min);
+    /// The backward step, on wx_err (H by 4W). `m_err` is the error at m_cur, `c_err` the error
+    /// that reaches the cell from the next time step, next step's peepholes included:
+    ///   d_o = m_err hc o (1 - o),   e_cur = m_err o (1 - hc hc) + d_o wc_o + c_err,
+    ///   d_c = e_cur i (1 - g g),    d_f = e_cur c_pre f (1 - f),   d_i = e_cur g i (1 - i).
+    /// Clipping passes errors unchanged. `e_cur` may be `c_err`. On a GPU all but wx_err are dense.
+    void lstm_bp_op(const Tensor& i_out, const Tensor& f_out, const Tensor& c_out,
+                    const Tensor& o_out, const Tensor& wc_o, const Tensor& m_err, const Tensor& hc,
+                    const Tensor& c_pre, const Tensor& c_err, Tensor& e_cur);
+
+    // ---- Connectionist temporal classification ------------------------------------------------
+
+    /// One frame row of the forward table (rows t * N + n, L wide), on a GPU only: entry s is the
+    /// log probability of all prefixes that end at position s of utterance n's extended label
+    /// sequence at frame t = row_idx, the frame's own term included. `prob` holds log posteriors
+    /// (T * N rows, time-major, K classes), `labels` (N by L) the sequences with blanks at even
+    /// positions and -1 behind their ends, `frame_num_utt` and `label_lengths_utt` (N) the frames
+    /// and the extended lengths. Call it for t = 0, 1, ... on a table filled with -1e30, the log of
+    /// zero. After Graves et al., "Connectionist temporal classification", ICML 2006.
+    void compute_ctc_alpha(const Tensor<float>& prob, int row_idx, const Tensor<int>& labels,
+                           const Tensor<int>& frame_num_utt, const Tensor<int>& label_lengths_utt);
+    /// The backward table, for t = T - 1 down to 0: all suffixes from position s on, the frame's
+    /// own term left out.
+    void compute_ctc_beta(const Tensor<float>& prob, int row_idx, const Tensor<int>& labels,
+                          const Tensor<int>& frame_num_utt, const Tensor<int>& label_lengths_utt);
+    /// The share of all label paths that emit class k at frame t, in row t * N + n: the sum over
+    /// positions with label k of exp(alpha + beta - pzx). `pzx` (N) is the log probability of each
+    /// label sequence. Rows beyond an utterance's frames are not written: zero them before.
+    void compute_ctc_err(const Tensor<float>& alpha, const Tensor<float>& beta,
+                         const Tensor<int>& labels, const Tensor<int>& frame_num_utt,
+                         const Tensor<float>& pzx);
+    /// The column of the largest element of each dense row. Among equal maxima the host takes the
+    /// lowest column, a GPU the first in the bit-reversed order of its 128 threads.
+    void find_row_max_id(Tensor<int>& max_id_vec) const;
+    /// Row r of `in` where mask[r] is not 0, else zeros. Dense rows; `in` may be this tensor.
+    void vec_mask(const Tensor<float>& in, const Tensor<int>& mask);
+
+private:
+    friend void gpu::vorn_norm1(const Tensor<float>& in, DType* res);
+    friend void gpu::vorn_norm2(const Tensor<float>& in, DType* res);
+
+    Tensor view(const Dim& size, index_t stride, T* ptr) const;
+
+    std::shared_ptr<Buffer> _buffer;
+    Dim _size;
+    index_t _stride;
+    T* _ptr;
+    Device _device;
+    bool _is_block;
+};
+
+}  // namespace vorn
+
+#endif  // VORN_TENSOR_TENSOR_H_

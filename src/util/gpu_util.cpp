@@ -1,0 +1,47 @@
+#include "vorn/util/gpu_util.h"
+
+namespace vorn {
+
+#define STATUS_NAME(status) \
+    case status:            \
+        return #status
+
+const char* cublas_get_error_string(cublasStatus_t error) {
+    switch (error) {
+        STATUS_NAME(CUBLAS_STATUS_SUCCESS);
+        STATUS_NAME(CUBLAS_STATUS_NOT_INITIALIZED);
+        STATUS_NAME(CUBLAS_STATUS_ALLOC_FAILED);
+        STATUS_NAME(CUBLAS_STATUS_INVALID_VALUE);
+        STATUS_NAME(CUBLAS_STATUS_ARCH_MISMATCH);
+        STATUS_NAME(CUBLAS_STATUS_MAPPING_ERROR);
+        STATUS_NAME(CUBLAS_STATUS_EXECUTION_FAILED);
+        STATUS_NAME(CUBLAS_STATUS_INTERNAL_ERROR);
+        STATUS_NAME(CUBLAS_STATUS_NOT_SUPPORTED);
+        STATUS_NAME(CUBLAS_STATUS_LICENSE_ERROR);
+    }
+    return "<unknown> cublasStatus_t";
+}
+
+const char* curand_get_error_string(curandStatus_t error) {
+    switch (error) {
+        STATUS_NAME(CURAND_STATUS_VERSION_MISMATCH);
+        STATUS_NAME(CURAND_STATUS_NOT_INITIALIZED);
+        STATUS_NAME(CURAND_STATUS_ALLOCATION_FAILED);
+        STATUS_NAME(CURAND_STATUS_TYPE_ERROR);
+        STATUS_NAME(CURAND_STATUS_OUT_OF_RANGE);
+        STATUS_NAME(CURAND_STATUS_LENGTH_NOT_MULTIPLE);
+        STATUS_NAME(CURAND_STATUS_DOUBLE_PRECISION_REQUIRED);
+        STATUS_NAME(CURAND_STATUS_LAUNCH_FAILURE);
+        STATUS_NAME(CURAND_STATUS_PREEXISTING_FAILURE);
+        STATUS_NAME(CURAND_STATUS_INITIALIZATION_FAILED);
+        STATUS_NAME(CURAND_STATUS_ARCH_MISMATCH);
+        STATUS_NAME(CURAND_STATUS_INTERNAL_ERROR);
+        case CURAND_STATUS_SUCCESS:
+            break;
+    }
+    return "<unknown> curandStatus_t";
+}
+
+#undef STATUS_NAME
+
+}  // namespace vorn

@@ -1,0 +1,222 @@
+#ifndef VORN_TESTS_DEVICE_TEST_H_
+#define VORN_TESTS_DEVICE_TEST_H_
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "vorn/context/context.h"
+#include "vorn/tensor/tensor.h"
+
+namespace vorn {
+namespace test {
+
+/// Where a test case runs: each device, dense and as a view of some columns of a wider matrix.
+enum class Place { kHost, kHostPitched, kGpu, kGpuPitched };
+
+inline const char* place_name(Place place) {
+    switch (place) {
+        case Place::kHost:
+            return "Host";
+        case Place::kHostPitched:
+            return "HostPitched";
+        case Place::kGpu:
+            return "Gpu";
+        case Place::kGpuPitched:
+            return "GpuPitched";
+    }
+    return "";
+}
+inline std::string name_of_place(const ::testing::TestParamInfo<Place>& info) {
+    return place_name(info.param);
+}
+inline void PrintTo(Place place, std::ostream* os) {
+    *os << place_name(place);
+}
+
+inline const auto kAllPlaces =
+    ::testing::Values(Place::kHost, Place::kHostPitched, Place::kGpu, Place::kGpuPitched);
+inline const auto kDensePlaces = ::testing::Values(Place::kHost, Place::kGpu);
+
+/// Random values with a fixed seed per call site, in [lo, hi).
+inline std::vector<float> random_values(size_t count, unsigned seed, float lo = -1, float hi = 1) {
+    std::mt19937 engine(seed);
+    std::uniform_real_distribution<float> draw(lo, hi);
+    std::vector<float> values(count);
+    for (float& value : values) {
+        value = draw(engine);
+    }
+    return values;
+}
+
+/// The elements of a tensor of any device and pitch, row-major.
+template <typename T>
+std::vector<T> values_of(const Tensor<T>& tensor) {
+    std::vector<T> values(tensor.get_element_count());
+    Tensor<T> view(values.data(), tensor.get_size(), CPU);
+    view.copy_from(tensor);
+    return values;
+}
+
+/// A context for the thread of the test, and tensors of the test's place.
+class ContextTest : public ::testing::Test {
+protected:
+    ThreadContextScope _context;
+};
+
+class DeviceTest : public ::testing::TestWithParam<Place> {
+protected:
+    void SetUp() override {
+        if (on_gpu() && !has_gpu()) {
+            GTEST_SKIP() << "no GPU on this machine";
+        }
+    }
+
+    bool on_gpu() const { return GetParam() == Place::kGpu || GetParam() == Place::kGpuPitched; }
+    bool pitched() const {
+        return GetParam() == Place::kHostPitched || GetParam() == Place::kGpuPitched;
+    }
+    Device device() const { return on_gpu() ? GPU : CPU; }
+
+    /// A tensor of the test's place with these elements. A matrix is pitched where the place is,
+    /// between guard columns; other shapes are dense.
+    template <typename T>
+    Tensor<T> make(const Dim& size, const std::vector<T>& values) {
+        Tensor<T> tensor = allocate<T>(size);
+        tensor.copy_from(Tensor<T>(const_cast<T*>(values.data()), size, CPU));
+        return tensor;
+    }
+
+    /// The same, poisoned with a value that no test expects. It is finite, because blends read it.
+    template <typename T = float>
+    Tensor<T> poisoned(const Dim& size) {
+        return make(size, std::vector<T>(size.product(), T(-12345)));
+    }
+
+    /// Fails if an operation wrote beside a pitched matrix made by this test.
+    void expect_guards_untouched() {
+        for (const Guarded& guarded : _guarded) {
+            const std::vector<float> all = values_of(guarded.whole);
+            const int width = guarded.whole.get_size()[-1];
+            for (size_t i = 0; i < all.size(); ++i) {
+                const int column = static_cast<int>(i) % width;
+                if (column < kGuard || column >= width - kGuard - 1) {
+                    ASSERT_EQ(all[i], kGuardValue) << "guard column " << column << " written";
+                }
+            }
+        }
+    }
+
+    void TearDown() override { expect_guards_untouched(); }
+
+private:
+    static constexpr int kGuard = 3;
+    static constexpr float kGuardValue = 777;
+
+    struct Guarded {
+        Tensor<float> whole;
+    };
+
+    template <typename T>
+    Tensor<T> allocate(const Dim& size) {
+        return Tensor<T>(size, device());
+    }
+
+    ThreadContextScope _context;
+    std::vector<Guarded> _guarded;
+};
+
+template <>
+inline Tensor<float> DeviceTest::allocate<float>(const Dim& size) {
+    if (!pitched() || size.get_axis() != 2) {
+        return Tensor<float>(size, device());
+    }
+    Tensor<float> whole(Dim(size[0], size[1] + 2 * kGuard + 1), device());
+    whole.set_element(kGuardValue);
+    _guarded.push_back({whole});
+    return whole.range_col(kGuard, kGuard + size[1]);
+}
+
+/// |actual - expected| <= absolute + relative * |expected|, element by element; NaN equals NaN.
+inline void expect_close(const std::vector<float>& actual, const std::vector<double>& expected,
+                         double relative, double absolute = 0) {
+    ASSERT_EQ(actual.size(), expected.size());
+    for (size_t i = 0; i < actual.size(); ++i) {
+        if (std::isnan(expected[i])) {
+            ASSERT_TRUE(std::isnan(actual[i])) << "element " << i << " is " << actual[i];
+        } else if (std::isinf(expected[i])) {
+            ASSERT_EQ(actual[i], expected[i]) << "element " << i;
+        } else {
+            ASSERT_NEAR(actual[i], expected[i], absolute + relative * std::abs(expected[i]))
+                << "element " << i;
+        }
+    }
+}
+
+/// The same bits.
+inline void expect_same_bits(const std::vector<float>& actual, const std::vector<float>& expected) {
+    ASSERT_EQ(actual.size(), expected.size());
+    for (size_t i = 0; i < actual.size(); ++i) {
+        uint32_t a, e;
+        memcpy(&a, &actual[i], sizeof(a));
+        memcpy(&e, &expected[i], sizeof(e));
+        ASSERT_EQ(a, e) << "element " << i << ": " << actual[i] << " against " << expected[i];
+    }
+}
+
+/// Compares an analytic gradient with central differences of a loss in double precision.
+/// `loss` evaluates the loss with its present inputs; `x` are the inputs, changed and restored.
+inline void expect_gradient(const std::function<double()>& loss, std::vector<double>& x,
+                            const std::vector<float>& gradient, double tolerance,
+                            double step = 1e-4) {
+    ASSERT_EQ(x.size(), gradient.size());
+    for (size_t i = 0; i < x.size(); ++i) {
+        const double saved = x[i];
+        x[i] = saved + step;
+        const double above = loss();
+        x[i] = saved - step;
+        const double below = loss();
+        x[i] = saved;
+        const double expected = (above - below) / (2 * step);
+        ASSERT_NEAR(gradient[i], expected, tolerance * (1 + std::abs(expected)))
+            << "derivative by input " << i;
+    }
+}
+
+/// One row of a table of failures: a call and the exact text behind the log prefixes.
+struct FailureCase {
+    std::string text;
+    std::function<void()> call;
+};
+
+/// A pattern that matches `text` literally.
+inline std::string literal(const std::string& text) {
+    std::string pattern;
+    for (char c : text) {
+        if (std::strchr("\\^$.|?*+()[]{}", c)) {
+            pattern += '\\';
+        }
+        pattern += c;
+    }
+    return pattern;
+}
+
+/// Each call aborts with a fatal line whose text is exactly the given one: the log prefix before
+/// it, the end of the line behind it. A text without extras thus ends with its blank.
+inline void expect_failures(const std::vector<FailureCase>& failures) {
+    for (const FailureCase& failure : failures) {
+        EXPECT_DEATH(failure.call(), literal(": " + failure.text + "\n")) << failure.text;
+    }
+}
+
+}  // namespace test
+}  // namespace vorn
+
+#endif  // VORN_TESTS_DEVICE_TEST_H_
