@@ -28,7 +28,16 @@ constexpr std::array<std::string_view, kClassCount> kColours = {
     "#e64a19", "#3949ab", "#7cb342", "#00acc1", "#6d4c41", "#c2185b"};
 
 constexpr std::string_view kInk = "#30343a";
-constexpr std::string_view kFaint = "#e3e6ea";
+constexpr std::string_view kFaint = "#d3d7dc";
+
+/// The least of 1, 2, 5, 10, 20, 50, ... that needs at most twelve steps.
+int epoch_step(int epochs) {
+    int step = 1;
+    for (int i = 0; epochs > 12 * step; ++i) {
+        step = i % 3 == 1 ? step / 2 * 5 : 2 * step;
+    }
+    return step;
+}
 
 std::string gnuplot_string(std::string_view text) {
     std::string result = "'";
@@ -59,18 +68,17 @@ void write_data(std::ostream& out, const std::vector<EpochPoint>& epochs,
 }
 
 void write_curves(std::ostream& out, const std::vector<EpochPoint>& epochs) {
-    // A fixed step of whole numbers: half epochs mean nothing.
     const int last = epochs.empty() ? 1 : epochs.back().epoch;
     const bool few = epochs.size() <= 60;
     out << "set origin 0, 0.5\nset size 1, 0.5\n"
         << "set title 'Learning to read spoken digits' font ',17' offset 0, -0.2\n"
         << "set xrange [" << (epochs.empty() ? 0 : epochs.front().epoch) - 0.5 << ":" << last + 0.5
         << "]\nset yrange [0:*]\nset y2range [0:*]\n"
-        << "set xtics " << std::max(1, (last + 9) / 10) << "\nset ytics nomirror textcolor '"
-        << kColours[2] << "'\nset y2tics textcolor '" << kColours[6] << "'\n"
+        << "set xtics 0, " << epoch_step(last) << "\nset ytics nomirror textcolor '" << kColours[2]
+        << "'\nset y2tics textcolor '" << kColours[6] << "'\n"
         << "set xlabel 'epoch'\nset ylabel 'training loss' textcolor '" << kColours[2]
         << "'\nset y2label 'digit error rate (%)' textcolor '" << kColours[6] << "'\n"
-        << "set key top right\n";
+        << "set border 11\nset key top right\n";
     const char* style = few ? "with linespoints pt 7 ps 0.7 lw 2.5" : "with lines lw 2.5";
     out << "plot $epochs using 1:2 " << style << " lc rgb '" << kColours[2]
         << "' title 'training loss', \\\n     $epochs using 1:3 axes x1y2 " << style << " lc rgb '"
@@ -90,13 +98,16 @@ void write_posteriors(std::ostream& out, const UtterancePicture& utterance) {
     const std::string said = "said: " + to_transcript(utterance.reference);
     const std::string read =
         "read: " + (spikes.empty() ? std::string("nothing") : to_transcript(recognised));
-    out << "set origin 0, 0\nset size 1, 0.5\n"
+    out << "set border 3\nset origin 0, 0\nset size 1, 0.5\n"
         << "set title 'What the network hears in ' . " << gnuplot_string(utterance.name)
         << " font ',15' noenhanced offset 0, 1.1\n"
         << "set label 100 " << gnuplot_string(said) << " at graph 0, graph 1.065 left font ',12'\n"
         << "set label 101 " << gnuplot_string(read + (right ? "  (right)" : "  (wrong)"))
         << " at graph 1, graph 1.065 right font ',12' textcolor '"
         << (right ? kColours[4] : kColours[1]) << "'\n";
+
+    out << "set label 102 'dashed: blank' at graph 0.5, graph 1.065 center font ',12' textcolor '"
+        << kColours[kBlank] << "'\n";
 
     int number = 0;
     for (const Spike& spike : spikes) {
@@ -108,16 +119,16 @@ void write_posteriors(std::ostream& out, const UtterancePicture& utterance) {
     out << "set xrange [0:" << std::max(posteriors.rows, 1) * utterance.row_seconds
         << "]\nset yrange [0:1.15]\nset xtics autofreq\nset ytics 0, 0.25, 1 nomirror\n"
         << "set xlabel 'time (s)'\nset ylabel 'posterior'\n"
-        << "set key bottom right opaque\nset style fill transparent solid 0.30 noborder\n"
-        << "plot $posteriors using 1:2 with lines lw 1.5 dt 2 lc rgb '" << kColours[kBlank]
-        << "' title 'blank'";
+        << "set key off\nset style fill transparent solid 0.30 noborder\n"
+        << "plot $posteriors using 1:2 with lines lw 1.5 dt 2 lc rgb '" << kColours[kBlank] << "'";
     for (int c = kBlank + 1; c < kClassCount; ++c) {
         const std::string column = std::to_string(c + 2);
         out << ", \\\n     $posteriors using 1:" << column << " with filledcurves y1=0 lc rgb '"
-            << kColours[c] << "' notitle, $posteriors using 1:" << column
-            << " with lines lw 2 lc rgb '" << kColours[c] << "' notitle";
+            << kColours[c] << "', $posteriors using 1:" << column << " with lines lw 2 lc rgb '"
+            << kColours[c] << "'";
     }
-    out << '\n';
+    // Eleven curves at zero would leave the last one's colour on the axis.
+    out << ", \\\n     0 with lines lw 2 lc rgb '" << kInk << "'\n";
 }
 
 }  // namespace
