@@ -22,8 +22,9 @@ SoundFile open_sound(const std::filesystem::path& file, SF_INFO* info) {
     if (!std::filesystem::exists(file, ignored)) {
         throw Error(file.string() + ": no such file");
     }
-    if (std::filesystem::is_directory(file, ignored)) {
-        throw Error(file.string() + ": is a folder, not a sound file");
+    // A pipe would block, and none of the formats could be searched in it.
+    if (!std::filesystem::is_regular_file(file, ignored)) {
+        throw Error(file.string() + ": is not a regular file");
     }
     *info = SF_INFO{};
     SoundFile sound(sf_open(file.c_str(), SFM_READ, info), sf_close);

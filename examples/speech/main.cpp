@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -11,9 +12,11 @@ namespace {
 
 constexpr int kBadInput = 2;
 
-/// Reports a failure in one line, whatever line breaks its text has.
+/// Reports a failure in one line. The text may quote a file: line breaks and escape sequences in
+/// it must not reach the terminal.
 int fail(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
+    const auto control = [](unsigned char c) { return std::iscntrl(c) != 0; };
+    std::replace_if(text.begin(), text.end(), control, '?');
     std::cerr << "vorn_speech: " << text << '\n';
     return kBadInput;
 }

@@ -52,6 +52,12 @@ TEST(SpeechAudio, ReadsAndMixes) {
     EXPECT_EQ(speech::read_audio(stereo, 16000),
               (std::vector<float>{0.125f, 32767 / 65536.0f, -1.0f}));
 
+    // A streamed file: the header's length is a guess.
+    std::string endless = wav<std::int16_t>(16000, 1, {16384, -16384});
+    endless.replace(40, 4, "\xff\xff\xff\x7f");
+    EXPECT_EQ(speech::read_audio(folder.write("endless.wav", endless), 16000),
+              (std::vector<float>{0.5f, -0.5f}));
+
     // Longer than one block of the reader, at another rate.
     const auto slow = folder.write("slow.wav", wav(8000, 1, tone(440, 8000, 100000)));
     const auto samples = speech::read_audio(slow, 16000);
@@ -69,7 +75,7 @@ TEST(SpeechAudio, RefusesWhatIsNoSound) {
         std::string file, message;  // the message goes on with libsndfile's reason
     } cases[] = {
         {"missing.wav", ": no such file"},
-        {"", ": is a folder, not a sound file"},
+        {"", ": is not a regular file"},
         {folder.write("empty.wav", "").filename(), ": not a readable sound file ("},
         {folder.write("text.wav", "three four").filename(), ": not a readable sound file ("},
         {folder.write("cut.wav", whole.substr(0, 30)).filename(), ": not a readable sound file ("},
