@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "error.h"
 

@@ -1,9 +1,9 @@
-#include <algorithm>
 #include <cstdint>
 #include <iomanip>
 #include <iostream>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"

@@ -101,18 +101,17 @@ void write_posteriors(std::ostream& out, const UtterancePicture& utterance) {
     out << "set border 3\nset origin 0, 0\nset size 1, 0.5\n"
         << "set title 'What the network hears in ' . " << gnuplot_string(utterance.name)
         << " font ',15' noenhanced offset 0, 1.1\n"
-        << "set label 100 " << gnuplot_string(said) << " at graph 0, graph 1.065 left font ',12'\n"
-        << "set label 101 " << gnuplot_string(read + (right ? "  (right)" : "  (wrong)"))
+        << "set label " << gnuplot_string(said) << " at graph 0, graph 1.065 left font ',12'\n"
+        << "set label " << gnuplot_string(read + (right ? "  (right)" : "  (wrong)"))
         << " at graph 1, graph 1.065 right font ',12' textcolor '"
         << (right ? kColours[4] : kColours[1]) << "'\n";
 
-    out << "set label 102 'dashed: blank' at graph 0.5, graph 1.065 center font ',12' textcolor '"
+    out << "set label 'dashed: blank' at graph 0.5, graph 1.065 center font ',12' textcolor '"
         << kColours[kBlank] << "'\n";
 
-    int number = 0;
     for (const Spike& spike : spikes) {
         const double peak = posteriors.row(spike.frame)[spike.label];
-        out << "set label " << ++number << " '{/:Bold " << word_of_label(spike.label) << "}' at "
+        out << "set label '{/:Bold " << word_of_label(spike.label) << "}' at "
             << (spike.frame + 0.5) * utterance.row_seconds << ", " << peak + 0.065
             << " center font ',13' textcolor '" << kColours[spike.label] << "' front\n";
     }
