@@ -21,7 +21,7 @@ const Dim kPooledSizes[] = {Dim(1, 1), Dim(31, 33), Dim(33, 32), Dim(3, 65)};
 // Values from a small set, so that groups have ties; the lowest offset wins.
 TEST_P(LinearOpsTest, MaxOutTakesTheFirstMaximumOfEachGroup) {
     for (const Dim& size : kPooledSizes) {
-        for (int pooling_size : {1, 2, 5}) {
+        for (int pooling_size : {1, 2, 3, 4, 5}) {
             std::vector<float> wide(size.product() * pooling_size);
             const std::vector<float> draws = random_values(wide.size(), 3, -2, 2);
             for (size_t i = 0; i < wide.size(); ++i) {
@@ -47,12 +47,20 @@ TEST_P(LinearOpsTest, MaxOutTakesTheFirstMaximumOfEachGroup) {
 }
 
 TEST_P(LinearOpsTest, MaxOutErrorGoesToTheWinnerOnly) {
-    const Tensor<int> idx = make<int>(Dim(2, 2), {1, 0, 2, 2});
-    const Tensor<float> error = make<float>(Dim(2, 2), {1, 2, 3, 4});
-    const std::vector<float> old(12, 10);
-    Tensor<float> out = make(Dim(2, 6), old);
-    out.max_out_bwd(error, 3, idx, 2, 0.5);
-    EXPECT_EQ(values_of(out), (std::vector<float>{10, 7, 10, 9, 10, 10, 10, 10, 11, 10, 10, 13}));
+    for (int pooling_size : {1, 2, 3, 4, 5}) {
+        const Dim size(33, 7);
+        const std::vector<float> error = random_values(size.product(), 8);
+        std::vector<float> expected = random_values(size.product() * pooling_size, 9);
+        std::vector<int> winners(size.product());
+        Tensor<float> out = make(Dim(size[0], size[1] * pooling_size), expected);
+        for (size_t i = 0; i < winners.size(); ++i) {
+            winners[i] = static_cast<int>(i * 7 % pooling_size);
+            float& winner = expected[i * pooling_size + winners[i]];
+            winner = 2 * error[i] + 0.5f * winner;
+        }
+        out.max_out_bwd(make(size, error), pooling_size, make(size, winners), 2, 0.5);
+        EXPECT_EQ(values_of(out), expected);
+    }
 }
 
 TEST_P(LinearOpsTest, ColumnsGoInAndComeOut) {
