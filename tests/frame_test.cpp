@@ -25,35 +25,48 @@ struct Shape {
     int rows, cols;
 };
 
+// Memory full of `kBeside`, and a matrix that is all of it or, pitched, some of its columns.
+template <typename T>
+struct Room {
+    static constexpr int kLeft = 2, kRight = 3, kBeside = 77;
+
+    Room(Shape shape, bool is_pitched, Device device) {
+        const int width = shape.cols + (is_pitched ? kLeft + kRight : 0);
+        const Dim size(shape.rows, width);
+        const auto buffer = std::make_shared<Buffer>(size.product() * sizeof(T), device);
+        whole = Tensor<T>(buffer, size);
+        whole.set_element(T(kBeside));
+        view = Tensor<T>(buffer, Dim(shape.rows, shape.cols), width,
+                         whole.get_ptr() + (is_pitched ? kLeft : 0));
+    }
+
+    void expect_untouched_beside() const {
+        const std::vector<T> all = values_of(whole);
+        const int width = whole.get_size()[-1], cols = view.get_size()[-1];
+        for (size_t i = 0; width > cols && i < all.size(); ++i) {
+            const int column = static_cast<int>(i) % width;
+            if (column < kLeft || column >= kLeft + cols) {
+                ASSERT_EQ(all[i], T(kBeside)) << "position " << i;
+            }
+        }
+    }
+
+    Tensor<T> whole, view;
+};
+
 class FrameTest : public DeviceTest {
 protected:
-    // Element (i, j) is base + its flat position modulo 1000: small integers, so that results are
-    // exact. A pitched matrix is a view of some columns of one full of `kBeside`.
+    // The matrix in it. Element (i, j) is base + its flat position modulo 1000: small integers, so
+    // that results are exact.
     template <typename T>
-    Tensor<T> matrix(Shape shape, bool is_pitched, T base) {
-        const Dim size(shape.rows, shape.cols);
-        Tensor<T> whole(Dim(shape.rows, shape.cols + (is_pitched ? kLeft + kRight : 0)), device());
-        whole.set_element(kBeside);
-        Tensor<T> view = is_pitched ? whole.range_col(kLeft, kLeft + shape.cols) : whole;
-        std::vector<T> values(size.product());
+    static Tensor<T> place_in(const Room<T>& room, T base) {
+        std::vector<T> values(room.view.get_element_count());
         for (size_t i = 0; i < values.size(); ++i) {
             values[i] = base + static_cast<T>(i % 1000);
         }
-        view.copy_from(Tensor<T>(values.data(), size, CPU));
-        _whole.push_back(whole);
+        Tensor<T> view = room.view;
+        view.copy_from(Tensor<T>(values.data(), view.get_size(), CPU));
         return view;
-    }
-
-    // The output of the last call is the last matrix made: nothing beside it was written.
-    void expect_untouched_beside(Shape shape) {
-        const std::vector<float> all = values_of(_whole.back());
-        const int width = _whole.back().get_size()[-1];
-        for (size_t i = 0; width > shape.cols && i < all.size(); ++i) {
-            const int column = static_cast<int>(i) % width;
-            if (column < kLeft || column >= kLeft + shape.cols) {
-                ASSERT_EQ(all[i], kBeside) << "position " << i;
-            }
-        }
     }
 
     static void expect_each(const Tensor<float>& out, float start, float slope) {
@@ -62,17 +75,6 @@ protected:
             ASSERT_EQ(values[i], start + slope * (i % 1000)) << "position " << i;
         }
     }
-
-    void push(const Tensor<float>& whole) { _whole.push_back(whole); }
-
-    static constexpr int kLeft = 2, kRight = 3, kBeside = 77;
-
-private:
-    struct Kept : std::vector<Tensor<float>> {
-        using std::vector<Tensor<float>>::push_back;
-        void push_back(const Tensor<int>&) {}  // only outputs, which are float, are looked at
-    };
-    Kept _whole;
 };
 
 TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
@@ -80,12 +82,13 @@ TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
                                        {129, 5}, {7, 33},  {2, 8192}, {40961, 10}};
     for (Shape shape : shapes) {
         // Each operand dense or pitched; large shapes in two mixes only, to save time.
-        for (int mix = 0; mix < 8; mix += shape.rows * shape.cols > 10000 ? 7 : 1) {
+        for (int mix = 0; mix<8; mix += shape.rows * shape.cols> 10000 ? 7 : 1) {
             SCOPED_TRACE(std::to_string(shape.rows) + " x " + std::to_string(shape.cols) +
                          ", mix " + std::to_string(mix));
-            const Tensor<int> a = matrix<int>(shape, mix & 1, 3);
-            const Tensor<float> b = matrix<float>(shape, mix & 2, 10);
-            Tensor<float> out = matrix<float>(shape, mix & 4, 20);
+            const Tensor<int> a = place_in(Room<int>(shape, mix & 1, device()), 3);
+            const Tensor<float> b = place_in(Room<float>(shape, mix & 2, device()), 10.0f);
+            const Room<float> room(shape, mix & 4, device());
+            Tensor<float> out = place_in(room, 20.0f);
             unary_op(Affine(), a, out);
             expect_each(out, 7, 2);
             binary_op(Weigh2(), a, b, out);
@@ -94,16 +97,16 @@ TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
             expect_each(out, 37.5f, 7.25f);
             binary_inplace_op(Weigh2(), a, out);
             expect_each(out, 24.75f, 5.625f);
-            expect_untouched_beside(shape);
+            room.expect_untouched_beside();
         }
     }
 }
 
 TEST_P(FrameTest, TakesFurtherTurnsBeyondTheCapOfBlocks) {
     const int count = 40960 * 128 + 1;
-    const Tensor<int> in = matrix<int>({1, count}, false, 0);
+    const Tensor<int> in = place_in(Room<int>({1, count}, false, device()), 0);
     Tensor<float> out(Dim(count), device());
-    unary_op(Affine(), in, out);  // 1, count and count are one shape
+    unary_op(Affine(), in, out);  // shapes (1, count) and (count) are equal
     expect_each(out, 1, 2);
 }
 
@@ -127,20 +130,16 @@ TEST_P(FrameTest, EmptyTensorsAreLeftAlone) {
 
 template <typename T>
 void expect_fills(const Device& device) {
-    Tensor<T> whole(Dim(4, 6), device);
-    whole.set_element(T(9));
-    Tensor<T> view = whole.range_col(1, 4);
-    for (T value : {T(1), T(0)}) {
-        view.set_element(value);
-        const std::vector<T> all = values_of(whole);
-        for (int i = 0; i < 24; ++i) {
-            ASSERT_EQ(all[i], i % 6 >= 1 && i % 6 < 4 ? value : T(9)) << "position " << i;
-        }
+    Room<T> room({4, 3}, true, device);
+    for (T value : {T(9), T(0)}) {
+        room.view.set_element(value);
+        EXPECT_EQ(values_of(room.view), std::vector<T>(12, value));
+        room.expect_untouched_beside();
     }
-    whole.ones();
-    EXPECT_EQ(values_of(whole), std::vector<T>(24, T(1)));
-    whole.zero();
-    EXPECT_EQ(values_of(whole), std::vector<T>(24, T(0)));
+    room.whole.ones();
+    EXPECT_EQ(values_of(room.whole), std::vector<T>(32, T(1)));
+    room.whole.zero();
+    EXPECT_EQ(values_of(room.whole), std::vector<T>(32, T(0)));
 }
 
 TEST_P(FrameTest, FillsEveryTypeAndNothingBesideAView) {
@@ -194,8 +193,8 @@ TEST_P(LaunchTest, GridsAreCappedAt40960Blocks) {
     struct {
         index_t rows, cols;
         float grid_x, grid_y;
-    } const pitched[] = {{3, 128, 1, 3},         {3, 129, 2, 3},     {40961, 10, 1, 40960},
-                         {20481, 129, 2, 20480}, {3, 8192, 32, 3},   {1281, 8192, 32, 1280}};
+    } const pitched[] = {{3, 128, 1, 3},         {3, 129, 2, 3},   {40961, 10, 1, 40960},
+                         {20481, 129, 2, 20480}, {3, 8192, 32, 3}, {1281, 8192, 32, 1280}};
     for (const auto& c : pitched) {
         gpu::iterate(GridProbe{out.get_ptr()}, c.rows, c.cols);
         EXPECT_EQ(values_of(out), (std::vector<float>{c.grid_x, c.grid_y, 128})) << c.rows;
@@ -223,7 +222,8 @@ TEST(ViewTest, AddressesElementsLikeTheTensor) {
     const Tensor4DView<float, false> vector(Tensor<float>(whole.get_ptr(), Dim(7), CPU));
     EXPECT_EQ(vector.n * vector.c * vector.h, 1);
     EXPECT_EQ(vector(0, 0, 0, 6), 6);
-    expect_failures({{"Check failed: t.is_contiguous() ", [&] { MatrixView<float, true>{block}; }}});
+    expect_failures(
+        {{"Check failed: t.is_contiguous() ", [&] { MatrixView<float, true>{block}; }}});
 }
 
 TEST(IterateTest, GoesThroughIndicesInOrder) {
