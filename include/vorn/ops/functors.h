@@ -184,20 +184,21 @@ public:
 };
 
 /// alpha / (1 + exp(-x)) + beta * c with x limited to [-64, 64]; all but the exponential and
-/// beta * c in double, rounded once. In two stages, because a loop that mixes the exponential with
-/// double does not vectorise well: the host runs them one after the other on a block of elements.
+/// beta * c in double, rounded once. `exponent` and `finish` are what stands before and behind the
+/// exponential: host loops take the three steps one by one, because a loop that mixes the
+/// exponential with double does not vectorise well.
 class sigmoid {
 public:
     sigmoid() : sigmoid(1, 0) {}
     sigmoid(const DType& alpha, const DType& beta)
         : VORN_SIGMOID_MAX(64.0f), VORN_SIGMOID_MIN(-64.0f), _alpha(alpha), _beta(beta) {}
-    VORN_HD DType operator()(DType x, DType c) const { return finish(prepare(x), c); }
+    VORN_HD DType operator()(DType x, DType c) const { return finish(expf(exponent(x)), c); }
 
-    VORN_HD DType prepare(DType x) const {
+    VORN_HD DType exponent(DType x) const {
         const DType t = x > VORN_SIGMOID_MAX   ? VORN_SIGMOID_MAX
                         : x < VORN_SIGMOID_MIN ? VORN_SIGMOID_MIN
                                                : x;
-        return expf(-t);
+        return -t;
     }
     VORN_HD DType finish(DType exponential, DType c) const {
         return static_cast<DType>(_alpha / (1.0 + exponential) + _beta * c);
