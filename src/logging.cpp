@@ -12,9 +12,12 @@ const char* DateLogger::human_date() {
     time_t now = time(nullptr);
     tm local;
     localtime_r(&now, &local);
-    // The fields are within two digits; the modulo tells the compiler so.
-    snprintf(_buffer, sizeof(_buffer), "%02d:%02d:%02d", local.tm_hour % 100, local.tm_min % 100,
-             local.tm_sec % 100);
+    // Unsigned and below 100, so that the compiler sees that two digits do.
+    const auto field = [](int value) {
+        return static_cast<int>(static_cast<unsigned>(value) % 100);
+    };
+    snprintf(_buffer, sizeof(_buffer), "%02d:%02d:%02d", field(local.tm_hour), field(local.tm_min),
+             field(local.tm_sec));
     return _buffer;
 }
 

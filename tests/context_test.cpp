@@ -1,0 +1,157 @@
+#include "vorn/context/context.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "device_test.h"
+#include "vorn/gpu/kernel_util.h"
+#include "vorn/tensor/tensor.h"
+
+namespace vorn {
+
+// At namespace scope, because a kernel can not stand in an unnamed one everywhere.
+__global__ void KeFailingAssertion(int* value) {
+    assert(*value == 1);
+}
+
+namespace {
+
+using test::expect_failures;
+using test::literal;
+using test::values_of;
+
+TEST(ContextTest, SetUpAndTearDown) {
+    EXPECT_EQ(t_ctx, nullptr);
+    for (int turn = 0; turn < 2; ++turn) {
+        ThreadContextScope context;
+        ASSERT_NE(t_ctx, nullptr);
+        EXPECT_TRUE(t_ctx->is_init);
+        EXPECT_NE(t_ctx->c_gen, nullptr);
+        EXPECT_FALSE(g_sync_flag);
+        if (has_gpu()) {
+            EXPECT_EQ(t_ctx->device, 0);
+            EXPECT_NE(default_stream, nullptr);
+            EXPECT_NE(t_ctx->handle, nullptr);
+            EXPECT_NE(t_ctx->cudnn_handle, nullptr);
+            EXPECT_NE(t_ctx->g_gen, nullptr);
+            EXPECT_NE(cudaEventQuery(t_ctx->event), cudaErrorNotReady);
+        }
+    }
+    EXPECT_EQ(t_ctx, nullptr);
+    EXPECT_EQ(default_stream, nullptr);
+    release_thread_context();  // without one: nothing
+}
+
+TEST(ContextTest, SeedRestartsTheHostGenerator) {
+    ThreadContextScope context;
+    seed_thread_context(5);
+    const auto first = (*t_ctx->c_gen)();
+    (*t_ctx->c_gen)();
+    seed_thread_context(5);
+    EXPECT_EQ((*t_ctx->c_gen)(), first);
+    EXPECT_EQ(rng_t(5)(), first);
+}
+
+TEST(ContextTest, FailureTexts) {
+    expect_failures({
+        {"Check failed: nullptr == t_ctx thread context inited before",
+         [] {
+             init_thread_context();
+             init_thread_context();
+         }},
+        {"Check notnull: t_ctx ", [] { seed_thread_context(1); }},
+    });
+}
+
+// Each thread has a stream, a flag and a context of its own, and works beside the others.
+TEST(ContextTest, ThreadsWorkAtOnce) {
+    if (!has_gpu()) {
+        GTEST_SKIP() << "no GPU on this machine";
+    }
+    std::vector<std::vector<float>> results(4);
+    std::vector<ThreadContext*> contexts(results.size());
+    std::vector<std::thread> threads;
+    for (size_t id = 0; id < results.size(); ++id) {
+        threads.emplace_back([&, id] {
+            ThreadContextScope context;
+            contexts[id] = t_ctx;
+            g_sync_flag = id % 2 == 0;
+            Tensor<float> t(Dim(30, 40), GPU);
+            for (int round = 0; round < 20; ++round) {
+                t.set_element(static_cast<float>(id * 100 + round));
+                Tensor<float> copy(t, GPU);  // a stream-ordered temporary
+                t.copy_from(copy);
+            }
+            results[id] = values_of(t);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (size_t id = 0; id < results.size(); ++id) {
+        EXPECT_EQ(results[id], std::vector<float>(1200, static_cast<float>(id * 100 + 19)));
+        for (size_t other = 0; other < id; ++other) {
+            EXPECT_NE(contexts[id], contexts[other]);
+        }
+    }
+    EXPECT_EQ(t_ctx, nullptr);
+}
+
+void launch_failing_kernel() {
+    int* value = nullptr;
+    cudaMalloc(reinterpret_cast<void**>(&value), sizeof(int));
+    cudaMemset(value, 0, sizeof(int));
+    gpu::launch(1, 1, KeFailingAssertion, value);
+    VORN_KERNEL_TAIL();
+}
+
+TEST(KernelTailTest, SyncFlagStopsAtTheLaunchSite) {
+    if (!has_gpu()) {
+        GTEST_SKIP() << "no GPU on this machine";
+    }
+    EXPECT_DEATH(
+        {
+            ThreadContextScope context;
+            g_sync_flag = true;
+            launch_failing_kernel();
+        },
+        "\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: 710\n"
+        "\\[..:..:..\\] [^\n]*\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: " +
+            literal("Check failed: 0 == (ret) device-side assert triggered\n"));
+}
+
+TEST(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
+    if (!has_gpu()) {
+        GTEST_SKIP() << "no GPU on this machine";
+    }
+    EXPECT_DEATH(
+        {
+            init_thread_context();
+            launch_failing_kernel();
+            std::cerr << "<went on>";
+            Tensor<float>(Dim(2), GPU).get_element(Dim(0));
+        },
+        "<went on>[^<]*device-side assert triggered");
+}
+
+TEST(KernelTailTest, RefusedLaunchIsSilentWithoutTheFlag) {
+    if (!has_gpu()) {
+        GTEST_SKIP() << "no GPU on this machine";
+    }
+    ThreadContextScope context;
+    Tensor<float> empty(Dim(0, 4), GPU);
+    empty.ones();  // a grid without blocks
+    EXPECT_EQ(cudaGetLastError(), cudaErrorInvalidConfiguration);
+    EXPECT_DEATH(
+        {
+            g_sync_flag = true;
+            empty.ones();
+        },
+        literal(": 9\n") + "[^\n]*" +
+            literal("Check failed: 0 == (ret) invalid configuration argument\n"));
+}
+
+}  // namespace
+}  // namespace vorn

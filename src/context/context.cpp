@@ -10,9 +10,9 @@
 
 namespace vorn {
 
-thread_local ThreadContext* t_ctx = nullptr;
-thread_local cudaStream_t default_stream = nullptr;
-thread_local bool g_sync_flag = false;
+__thread ThreadContext* t_ctx = nullptr;
+__thread cudaStream_t default_stream = nullptr;
+__thread bool g_sync_flag = false;
 
 bool has_gpu() {
     static const bool found = [] {

@@ -7,15 +7,17 @@
 /// thread works on its own stream, and threads that share a tensor order their work themselves.
 namespace vorn {
 
-extern thread_local ThreadContext* t_ctx;
+// `__thread` rather than `thread_local`: a reader elsewhere then knows that no initialiser is to be
+// run, and reads the variable without a call.
+extern __thread ThreadContext* t_ctx;
 
 /// The stream of every launch and asynchronous call of this thread.
-extern thread_local cudaStream_t default_stream;
+extern __thread cudaStream_t default_stream;
 
 /// When true, every launch is followed by a wait and an error check, which stops the process at
 /// the launch site of a kernel that failed. When false (the start value), calls return with their
 /// kernels in flight.
-extern thread_local bool g_sync_flag;
+extern __thread bool g_sync_flag;
 
 /// Sets up the calling thread's context on GPU `device`: streams, library handles, generators and
 /// scratch. Without a GPU it sets up the host generator only. Aborts if the thread has a context.

@@ -346,6 +346,109 @@ public:
     /// Row r of `in` where mask[r] is not 0, else zeros. Dense rows; `in` may be this tensor.
     void vec_mask(const Tensor<float>& in, const Tensor<int>& mask);
 
+    // ---- LSTM step by step, and batches of sequences of unequal length ------------------------
+    // W cells; an operand called strided may be one gate block of a (rows by 4W) matrix, all others
+    // are dense. Composed, these give the steps of lstm_op and lstm_bp_op without clipping.
+
+    /// G(alpha * in * w[c] + beta * bak), with G of lstm_op; `bak` strided.
+    void ld_mul_diag_mat_sigmoid(const Tensor& in, const Tensor& w, const Tensor& bak,
+                                 DType alpha = 1, DType beta = 1);
+    /// a * b + c * d
+    void elem_mul_add(const Tensor& a, const Tensor& b, const Tensor& c, const Tensor& d);
+    /// b = tanh(c) and this = a * tanh(c): `b` is a second output.
+    void elem_mul_tanh(const Tensor& a, const Tensor& b, const Tensor& c);
+    /// alpha * b * c * (1 - c) + beta * old; all strided.
+    void ld_sigmoid_bprop(const Tensor& b, const Tensor& c, DType alpha = 1, DType beta = 0);
+    /// a * b * c * (1 - c); this strided.
+    void ld_sigmoid_backprop(const Tensor& a, const Tensor& b, const Tensor& c);
+    /// m_err * o * (1 - hc * hc) + o_err * w_oc[c] + ebc; `o` and `o_err` strided.
+    void ld_cell_cur_error(const Tensor& m_err, const Tensor& o, const Tensor& hc,
+                           const Tensor& o_err, const Tensor& w_oc, const Tensor& ebc);
+    /// c_err * f + f_err * w_fc[c] + i_err * w_ic[c]; `f_err` and `i_err` strided.
+    void ld_cell_back_error(const Tensor& c_err, const Tensor& f, const Tensor& f_err,
+                            const Tensor& w_fc, const Tensor& i_err, const Tensor& w_ic);
+    /// a * b * (1 - c * c); this strided.
+    void ld_tanh_backprop(const Tensor& a, const Tensor& b, const Tensor& c);
+    /// this[c] = alpha * sum over rows of a * b + beta * old; `a` and `b` strided.
+    void diag_mat_diff(const Tensor& a, const Tensor& b, DType alpha = 1, DType beta = 0);
+    /// Each sequence reversed in time, its padding left in place: frame t of sequence b is row
+    /// t * batch_size + b. `in` must not be this tensor.
+    void mask_reverse(const Tensor& in, const Tensor<int>& batch_seq_len, int batch_size,
+                      int seq_len);
+    /// On a Tensor<int>: this[b] = the number of frames t with mask[t * batch_size + b] not 0.
+    void count_valid_label(const Tensor<int>& mask, int batch_size, int sub_frame_len);
+
+    // ---- Convolution of filter banks along frequency, in groups of filter positions -----------
+    // A feature row holds context frame s, delta d and frequency q at (s * delta + d) * fbank + q.
+    // Group g has the positions conv_start[g] to conv_end[g], both inclusive, and a block of rows
+    // of its own: row (frame n, position c) of the group stands n * positions + c - conv_start[g]
+    // rows behind the group's first. All matrices are dense. `conv_out_dim` is not read.
+
+    /// The patch matrix: column f * temporal_dim + t of row (n, c) is feat(n, t * fbank + c + f).
+    void expand_feat(const Tensor& feat, int fbank, int delta, int conv_out_dim, int filter_size,
+                     const Tensor<int>& conv_start, const Tensor<int>& conv_end);
+    /// The adjoint: patch errors summed back onto the features. The host adds to what this tensor
+    /// holds, so the caller zeroes it; a GPU replaces it.
+    void shrink_errors(const Tensor& expand, int fbank, int delta, int conv_out_dim,
+                       int filter_size, const Tensor<int>& conv_start, const Tensor<int>& conv_end);
+    /// this(r, c) += bias(k, c) for the rows r of each of `batch` equal blocks k.
+    void audio_conv_batch_bias(const Tensor& bias, int batch);
+    /// On dbias: this(k, c) = sum of dy(r, c) over the rows of block k.
+    void audio_conv_batch_bias_bp(const Tensor& dy, int batch);
+    /// alpha * max + beta * old over `pooling_size` neighbouring positions inside each group of
+    /// conv_size[g]; positions left over are not pooled. One row per frame; column j is filter
+    /// j / pooling_len at pooled position j % pooling_len. `max_idx` receives the winner's offset,
+    /// the lowest among equals. `filter_num` counts the filters of all groups.
+    void max_pooling(const Tensor& in, const Tensor<int>& conv_size, int filter_num,
+                     int pooling_size, Tensor<int>& max_idx, DType alpha = 1, DType beta = 0);
+    /// alpha * in + beta * old at the winners; all else keeps its value, so the caller zeroes it.
+    void max_pooling_bp(const Tensor& in, const Tensor<int>& conv_size, int filter_num,
+                        int pooling_size, const Tensor<int>& max_idx, DType alpha = 1,
+                        DType beta = 0);
+
+    // ---- Batch normalization over frames ------------------------------------------------------
+
+    /// (x - mean[c]) * var[c] * scale[c] + bias[c], and zeros in rows whose mask is -1. `var` is
+    /// the inverse standard deviation. `epsilon` is not read. `x` may be this tensor.
+    void audio_batch_norm_inf(const Tensor& x, const Tensor& scale, const Tensor& bias,
+                              const Tensor& mean, const Tensor& var, const Tensor<int>& mask,
+                              DType epsilon);
+    /// Training, per column c, with sums over rows weighted by the mask (1 valid, 0 padding):
+    ///   m = sum(x) / real_frame_size,  v = sum((x - m)^2) / real_frame_size,
+    ///   run = (1 - exp_avg_factor) * run + exp_avg_factor * (m or v),
+    ///   saved_mean = run_mean,  saved_inv_std = 1 / sqrt(run_var + epsilon),
+    ///   statis = statis * statis_factor + (m or v),
+    ///   this = (scale * (x - run_mean) * saved_inv_std + bias) * mask.
+    /// It normalizes with the running averages just updated. `x` may be this tensor.
+    void audio_batch_norm_train(const Tensor& x, const Tensor& scale, const Tensor& bias,
+                                const Tensor<int>& mask, Tensor& run_mean, Tensor& run_var,
+                                Tensor& statis_mean, Tensor& statis_var, Tensor& saved_mean,
+                                Tensor& saved_inv_std, int real_frame_size, DType exp_avg_factor,
+                                DType statis_factor, DType epsilon);
+    /// On dx, with h = saved_inv_std * (x - saved_mean) and sums over rows weighted by the mask:
+    ///   dbias = sum(dy),  dscale = sum(h * dy),
+    ///   this = scale * saved_inv_std * (dy - (h * dscale + dbias) / real_frame_size) * mask.
+    /// That is the derivative of a normalization with the batch's own statistics: it is exact where
+    /// exp_avg_factor was 1, and an approximation where the running averages remember more.
+    /// `exp_avg_factor` and `epsilon` are not read. `dy` may be this tensor.
+    void audio_batch_norm_bp(const Tensor& x, const Tensor& dy, const Tensor& scale,
+                             const Tensor& saved_mean, const Tensor& saved_inv_std,
+                             const Tensor<int>& mask, Tensor& dscale, Tensor& dbias,
+                             int real_frame_size, DType exp_avg_factor, DType epsilon);
+
+    // ---- Linear layer helpers, on dense matrices ----------------------------------------------
+
+    /// The maximum of `pooling_size` neighbouring columns; `idx_vec` receives the winner's offset,
+    /// the lowest among equals. After Goodfellow et al., "Maxout networks", ICML 2013.
+    void max_out_fwd(const Tensor& in, int pooling_size, Tensor<int>& idx_vec);
+    /// alpha * in + beta * old at the winners; all else keeps its value.
+    void max_out_bwd(const Tensor& in, int pooling_size, const Tensor<int>& idx_vec,
+                     DType alpha = 1, DType beta = 0);
+    /// Columns [count, count + width of in) of this become `in`.
+    void col_append(const Tensor& in, index_t count);
+    /// This becomes columns [count, count + width of this) of `in`.
+    void col_deappend(const Tensor& in, index_t count);
+
 private:
     friend void gpu::vorn_norm1(const Tensor<float>& in, DType* res);
     friend void gpu::vorn_norm2(const Tensor<float>& in, DType* res);

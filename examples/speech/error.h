@@ -1,0 +1,13 @@
+#pragma once
+
+#include <stdexcept>
+
+namespace speech {
+
+/// Anything that the user can put right: a bad option, list, sound file or model.
+/// what() is one line; the program prints it and exits with status 2.
+struct Error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+}  // namespace speech

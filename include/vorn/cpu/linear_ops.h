@@ -1,0 +1,89 @@
+#ifndef VORN_CPU_LINEAR_OPS_H_
+#define VORN_CPU_LINEAR_OPS_H_
+
+#include "vorn/cpu/memory.h"
+#include "vorn/tensor/tensor.h"
+
+/// Host forms of the linear layer helpers, on dense matrices.
+namespace vorn {
+namespace cpu {
+
+// `kSize` is the pooling size, or 0 where only `size` knows it: a group of known size unrolls, and
+// the loop over the groups vectorises.
+template <int kSize>
+void max_out_groups(const float* __restrict in, int size, int* __restrict idx,
+                    float* __restrict out, index_t count) {
+    const int n = kSize > 0 ? kSize : size;
+    for (index_t index = 0; index < count; ++index) {
+        const float* group = in + index * n;
+        float max_val = group[0];
+        int max_pos = 0;
+        for (int k = 1; k < n; ++k) {
+            const bool above = group[k] > max_val;
+            max_val = above ? group[k] : max_val;
+            max_pos = above ? k : max_pos;
+        }
+        idx[index] = max_pos;
+        out[index] = max_val;
+    }
+}
+
+// A group of known size is written whole, which vectorises where a jump to the winner does not.
+template <int kSize>
+void max_out_group_errors(const float* __restrict in, int size, const int* __restrict idx,
+                          float* __restrict out, index_t count, DType alpha, DType beta) {
+    for (index_t index = 0; index < count; ++index) {
+        if (kSize > 0) {
+            float* group = out + index * kSize;
+            for (int k = 0; k < kSize; ++k) {
+                const float blend = alpha * in[index] + beta * group[k];
+                group[k] = idx[index] == k ? blend : group[k];
+            }
+        } else {
+            float& winner = out[index * size + idx[index]];
+            winner = alpha * in[index] + beta * winner;
+        }
+    }
+}
+
+inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<int>& idx_vec,
+                             Tensor<float>& out) {
+    const auto groups = pooling_size == 2   ? max_out_groups<2>
+                        : pooling_size == 3 ? max_out_groups<3>
+                        : pooling_size == 4 ? max_out_groups<4>
+                                            : max_out_groups<0>;
+    groups(in.get_ptr(), pooling_size, idx_vec.get_ptr(), out.get_ptr(), out.row() * out.get_w());
+}
+
+inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Tensor<int>& idx_vec,
+                             Tensor<float>& out, DType alpha, DType beta) {
+    const auto groups = pooling_size == 2   ? max_out_group_errors<2>
+                        : pooling_size == 3 ? max_out_group_errors<3>
+                        : pooling_size == 4 ? max_out_group_errors<4>
+                                            : max_out_group_errors<0>;
+    groups(in.get_ptr(), pooling_size, idx_vec.get_ptr(), out.get_ptr(), in.row() * in.get_w(),
+           alpha, beta);
+}
+
+inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t offset) {
+    const index_t dimM = out.row(), dimN = out.get_w(), in_dimN = in.get_w();
+    const float* in_p = in.get_ptr();
+    float* out_p = out.get_ptr() + offset;
+    for (index_t i = 0; i < dimM; ++i, in_p += in_dimN, out_p += dimN) {
+        cpu::vorn_memcpy(out_p, in_p, in_dimN * sizeof(float));
+    }
+}
+
+inline void vorn_col_deappend(const Tensor<float>& in, Tensor<float>& out, index_t offset) {
+    const index_t dimM = out.row(), dimN = out.get_w(), in_dimN = in.get_w();
+    const float* in_p = in.get_ptr() + offset;
+    float* out_p = out.get_ptr();
+    for (index_t i = 0; i < dimM; ++i, in_p += in_dimN, out_p += dimN) {
+        cpu::vorn_memcpy(out_p, in_p, dimN * sizeof(float));
+    }
+}
+
+}  // namespace cpu
+}  // namespace vorn
+
+#endif  // VORN_CPU_LINEAR_OPS_H_

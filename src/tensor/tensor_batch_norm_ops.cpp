@@ -1,0 +1,1 @@
+#include "vorn/tensor/tensor.h"

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/// A folder that is gone when the test is over.
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "speechXXXXXX").string();
+        _path = mkdtemp(pattern.data());
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(_path); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    std::filesystem::path operator/(const std::string& name) const { return _path / name; }
+    const std::filesystem::path& path() const { return _path; }
+
+    std::filesystem::path write(const std::string& name, const std::string& contents) const {
+        std::ofstream(_path / name, std::ios::binary) << contents;
+        return _path / name;
+    }
+
+private:
+    std::filesystem::path _path;
+};
+
+inline std::string read_file(const std::filesystem::path& file) {
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+/// A WAV file of 16-bit integers, or of floats for T = float, channels interleaved.
+template <typename T>
+std::string wav(int rate, int channels, const std::vector<T>& samples) {
+    std::string text;
+    const auto put = [&text](auto value) {
+        text.append(reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(T));
+    text += "RIFF";
+    put(static_cast<std::uint32_t>(36 + bytes));
+    text += "WAVEfmt ";
+    put(std::uint32_t{16});
+    put(static_cast<std::uint16_t>(sizeof(T) == sizeof(float) ? 3 : 1));
+    put(static_cast<std::uint16_t>(channels));
+    put(static_cast<std::uint32_t>(rate));
+    put(static_cast<std::uint32_t>(rate * channels * sizeof(T)));
+    put(static_cast<std::uint16_t>(channels * sizeof(T)));
+    put(static_cast<std::uint16_t>(8 * sizeof(T)));
+    text += "data";
+    put(bytes);
+    text.append(reinterpret_cast<const char*>(samples.data()), bytes);
+    return text;
+}
+
+/// The text of the Error that `call` throws; a failure when it throws none.
+template <typename Error, typename Call>
+std::string message_of(Call call) {
+    try {
+        call();
+    } catch (const Error& error) {
+        return error.what();
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return "";
+}
