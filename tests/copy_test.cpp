@@ -204,6 +204,24 @@ TEST_P(HostMemoryTest, CopyRow) {
     EXPECT_EQ(to.read(), expected);
 }
 
+// Large enough to be streamed, from an unaligned start to an odd end.
+template <typename T>
+void fill_large(T val) {
+    const index_t count = cpu::kStreamFillBytes / sizeof(T) + 5;
+    std::vector<T> values(count + 2, T(3)), expected(count + 2, val);
+    expected.front() = expected.back() = T(3);
+    Tensor<T>(values.data() + 1, Dim(count), CPU).set_element(val);
+    EXPECT_TRUE(values == expected);
+}
+
+TEST(FillTest, LargeHostFills) {
+    fill_large<float>(1.5f);
+    fill_large<int>(-7);
+    fill_large<unsigned long>(1ul << 40);
+    fill_large<unsigned char>(200);
+    fill_large<short>(-300);
+}
+
 using HostMemoryDeathTest = HostMemoryTest;
 INSTANTIATE_TEST_SUITE_P(Places, HostMemoryDeathTest, kDensePlaces, name_of_place);
 
