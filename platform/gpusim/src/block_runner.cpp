@@ -17,7 +17,7 @@ namespace gpusim {
 
 namespace {
 
-__thread BlockRunner* current_runner = nullptr;
+__thread BlockRunner* current_runner __attribute__((tls_model("initial-exec"))) = nullptr;
 
 std::string triple(const uint3& v) {
     return "[" + std::to_string(v.x) + "," + std::to_string(v.y) + "," + std::to_string(v.z) + "]";
@@ -28,10 +28,6 @@ std::string place(const Site& site) {
 }
 
 }  // namespace
-
-bool Site::operator==(const Site& other) const {
-    return line == other.line && (file == other.file || std::strcmp(file, other.file) == 0);
-}
 
 BlockRunner::BlockRunner() : pool_(&BlockRunner::fiber_entry) {
     adopt_thread_stack(main_);
@@ -135,7 +131,7 @@ void BlockRunner::park() {
     threadIdx = self.index;
 }
 
-void BlockRunner::wait_block(Site site) {
+void BlockRunner::wait_block(const Site& site) {
     const unsigned thread = bind();
     if (block_waiting_ == 0) {
         block_site_ = site;
@@ -151,7 +147,7 @@ void BlockRunner::wait_block(Site site) {
     park();
 }
 
-void BlockRunner::wait_warp(unsigned mask, Site site) {
+void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     const unsigned thread = bind();
     const unsigned lane = thread % kWarp;
     if ((mask >> lane & 1u) == 0) {
@@ -240,7 +236,7 @@ void BlockRunner::release_warp() {
     }
 }
 
-void BlockRunner::fail_assertion(const char* expression, Site site) {
+void BlockRunner::fail_assertion(const char* expression, const Site& site) {
     std::fprintf(stderr, "%s:%u: %s: block: %s, thread: %s Assertion `%s` failed.\n", site.file,
                  site.line, site.function, triple(blockIdx).c_str(), triple(threadIdx).c_str(),
                  expression);
@@ -287,11 +283,13 @@ BlockRunner& runner_or_abort(const Site& site) {
 }  // namespace
 
 void detail::block_barrier(const char* file, unsigned line, const char* function) {
-    runner_or_abort({file, line, function}).wait_block({file, line, function});
+    const Site site{file, line, function};
+    runner_or_abort(site).wait_block(site);
 }
 
 void detail::warp_barrier(unsigned mask, const char* file, unsigned line, const char* function) {
-    runner_or_abort({file, line, function}).wait_warp(mask, {file, line, function});
+    const Site site{file, line, function};
+    runner_or_abort(site).wait_warp(mask, site);
 }
 
 }  // namespace gpusim

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "fiber.h"
@@ -16,7 +17,9 @@ struct Site {
     unsigned line;
     const char* function;
 
-    bool operator==(const Site& other) const;
+    bool operator==(const Site& other) const {
+        return line == other.line && (file == other.file || std::strcmp(file, other.file) == 0);
+    }
     bool operator!=(const Site& other) const { return !(*this == other); }
 };
 
@@ -31,10 +34,10 @@ public:
     /// Runs all blocks; cudaSuccess or the fault that ended the kernel.
     cudaError_t run(detail::KernelCall& call, dim3 grid, dim3 block);
 
-    void wait_block(Site site);
-    void wait_warp(unsigned mask, Site site);
+    void wait_block(const Site& site);
+    void wait_warp(unsigned mask, const Site& site);
     /// Prints the device's message for a failed assertion and ends the kernel.
-    [[noreturn]] void fail_assertion(const char* expression, Site site);
+    [[noreturn]] void fail_assertion(const char* expression, const Site& site);
 
     /// The runner of the kernel that the calling thread is in, or null outside kernels.
     static BlockRunner* current();
