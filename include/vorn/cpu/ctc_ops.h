@@ -25,25 +25,40 @@ inline void vorn_compute_ctc_err(const Tensor<float>&, const Tensor<float>&, con
     LOG_FATAL << "Not Implemented Yet";
 }
 
-/// The lowest column of the largest element above the lowest finite float, else -1. The value
-/// first, then its place, because both scans vectorise and a single one does not.
+/// The lowest column of the largest element above the lowest finite float, else -1. In a wide row
+/// the value first, then its place, because both scans vectorise and a single one does not.
 inline int row_max_id(const float* row, index_t width) {
     constexpr index_t kLanes = 32;
     constexpr float kLowest = std::numeric_limits<float>::lowest();
+    const auto larger = [](float a, float b) { return a > b ? a : b; };
+    if (width < 3 * kLanes) {
+        float max = kLowest;
+        int id = -1;
+        for (index_t j = 0; j < width; ++j) {
+            if (row[j] > max) {
+                max = row[j];
+                id = static_cast<int>(j);
+            }
+        }
+        return id;
+    }
     float lanes[kLanes];
     std::fill_n(lanes, kLanes, kLowest);
     index_t j = 0;
     for (; j + kLanes <= width; j += kLanes) {
         for (index_t lane = 0; lane < kLanes; ++lane) {
-            lanes[lane] = row[j + lane] > lanes[lane] ? row[j + lane] : lanes[lane];
+            lanes[lane] = larger(row[j + lane], lanes[lane]);
         }
     }
+    for (index_t lane = 0; lane < kLanes / 2; ++lane) {
+        lanes[lane] = larger(lanes[lane + kLanes / 2], lanes[lane]);
+    }
     float max = kLowest;
-    for (float value : lanes) {
-        max = value > max ? value : max;
+    for (index_t lane = 0; lane < kLanes / 2; ++lane) {
+        max = larger(lanes[lane], max);
     }
     for (; j < width; ++j) {
-        max = row[j] > max ? row[j] : max;
+        max = larger(row[j], max);
     }
     if (max == kLowest) {
         return -1;
