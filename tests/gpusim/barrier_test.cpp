@@ -186,7 +186,8 @@ TEST_F(BarrierTest, FaultsAreNamed) {
 }
 
 TEST_F(BarrierTest, OutsideAKernelDies) {
-    EXPECT_DEATH(__syncthreads(), "a barrier outside a kernel");
+    // A compiler for a real device refuses this call; a plain one has to leave it to the library.
+    EXPECT_DEATH(gpusim::detail::block_barrier("file", 1, "host"), "a barrier outside a kernel");
 }
 
 }  // namespace
