@@ -332,7 +332,9 @@ size_t vorn_check_tensor(const Tensor<T>& in1, const Tensor<T>& in2) {
     if (count == 0) {
         return 0;
     }
-    const double tolerance = 1e-5;
+    // As good as a comparison of the widened difference with the double 1e-5, and twice as fast: no
+    // float lies above 1e-5f and not above 1e-5.
+    const float tolerance = 1e-5f;
     const index_t width2 = in2.get_w();
     size_t differing = 0;
     // The rows of the two may have different widths: a run ends where either row does.
@@ -342,12 +344,12 @@ size_t vorn_check_tensor(const Tensor<T>& in1, const Tensor<T>& in2) {
             run = std::min(width2 - column, n - done);
             const T* in1_p = row1 + done;
             const T* in2_p = in2.get_ptr() + row * in2.ld() + column;
-            size_t in_run = 0;
+            unsigned in_run = 0;
             iterate(
                 [&](index_t i) {
                     const float difference =
                         static_cast<float>(in1_p[i]) - static_cast<float>(in2_p[i]);
-                    in_run += static_cast<double>(std::fabs(difference)) > tolerance;
+                    in_run += std::fabs(difference) > tolerance;
                 },
                 run);
             differing += in_run;
