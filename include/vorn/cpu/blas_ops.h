@@ -11,6 +11,7 @@
 
 #include "vorn/cpu/iterator.h"
 #include "vorn/cpu/transpose.h"
+#include "vorn/ops/functors.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host linear algebra: products, norms and the solver on CBLAS and LAPACKE; what only streams
@@ -38,13 +39,12 @@ namespace cpu {
 
 /// out = value * out. A NaN stays one under a value of 0, which BLAS libraries don't agree on.
 inline void vorn_scal(Tensor<float>& out, DType value) {
-    cpu::unary_op([value](float x) { return value * x; }, out, out);
+    cpu::unary_op(func::mul_constant<float>(value), out, out);
 }
 
 /// out = alpha0 * out + alpha1 * in, in one pass over memory where BLAS would need two.
 inline void vorn_axpy(const Tensor<float>& in, Tensor<float>& out, DType alpha0, DType alpha1) {
-    cpu::binary_op([alpha0, alpha1](float x, float y) { return alpha0 * x + alpha1 * y; }, out, in,
-                   out);
+    cpu::binary_op(func::add(alpha0, alpha1), out, in, out);
 }
 
 inline CBLAS_TRANSPOSE blas_op(bool transposed) {
