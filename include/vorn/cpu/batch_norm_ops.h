@@ -24,7 +24,6 @@ void add_norm_moments(const float* x, index_t ld, const int* mask, index_t width
 #pragma GCC ivdep
     for (index_t j = 0; j < width; ++j) {
         float s = sum[j], q = square[j];
-#pragma GCC unroll 4
         for (index_t r = 0; r < rows; ++r) {
             const float a = mask[r] * x[r * ld + j];
             s += a;
@@ -43,7 +42,6 @@ void add_norm_errors(const float* x, const float* dy, index_t ld, const int* mas
 #pragma GCC ivdep
     for (index_t j = 0; j < width; ++j) {
         float s = dscale[j], b = dbias[j];
-#pragma GCC unroll 4
         for (index_t r = 0; r < rows; ++r) {
             const float e = dy[r * ld + j] * mask[r];
             b += e;
