@@ -419,7 +419,9 @@ public:
     ///   saved_mean = run_mean,  saved_inv_std = 1 / sqrt(run_var + epsilon),
     ///   statis = statis * statis_factor + (m or v),
     ///   this = (scale * (x - run_mean) * saved_inv_std + bias) * mask.
-    /// It normalizes with the running averages just updated. `x` may be this tensor.
+    /// It normalizes with the running averages just updated. The host takes v as sum(x^2) /
+    /// real_frame_size - m^2, which is the same where real_frame_size counts the valid rows. `x`
+    /// may be this tensor.
     void audio_batch_norm_train(const Tensor& x, const Tensor& scale, const Tensor& bias,
                                 const Tensor<int>& mask, Tensor& run_mean, Tensor& run_var,
                                 Tensor& statis_mean, Tensor& statis_var, Tensor& saved_mean,
