@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_TEST_FILES_H_
+#define SPEECH_TEST_FILES_H_
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -75,3 +76,5 @@ std::string message_of(Call call) {
     ADD_FAILURE() << "nothing was thrown";
     return "";
 }
+
+#endif  // SPEECH_TEST_FILES_H_
