@@ -1,0 +1,11 @@
+# What gpusim links to. Included by its build, and by the package that exports gpusimTargets.
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+find_dependency(Boost COMPONENTS context)
+find_dependency(PkgConfig)
+if(NOT TARGET PkgConfig::GPUSIM_BLAS)
+  pkg_check_modules(GPUSIM_BLAS REQUIRED IMPORTED_TARGET openblas)
+endif()
+if(NOT TARGET PkgConfig::GPUSIM_LAPACKE)
+  pkg_check_modules(GPUSIM_LAPACKE REQUIRED IMPORTED_TARGET lapacke)
+endif()

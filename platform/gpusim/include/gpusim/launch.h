@@ -1,0 +1,115 @@
+/// Launch of a kernel.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "gpusim/device_functions.h"
+#include "gpusim/runtime_api.h"
+
+struct cudaLaunchAttribute;
+
+typedef struct cudaLaunchConfig_st {
+    dim3 gridDim;
+    dim3 blockDim;
+    size_t dynamicSmemBytes;
+    cudaStream_t stream;
+    cudaLaunchAttribute* attrs;
+    unsigned numAttrs;
+} cudaLaunchConfig_t;
+
+namespace gpusim::detail {
+
+constexpr unsigned kNoThread = ~0u;
+
+/// What a run of threads has to know of the fiber that it runs on.
+struct FiberThread {
+    /// Linear index of the thread that parked on this fiber; kNoThread while none has.
+    unsigned thread = kNoThread;
+};
+
+/// A kernel with its arguments.
+class KernelCall {
+public:
+    virtual ~KernelCall() = default;
+
+    /// Runs the threads [first, last) of the current block one after the other. Ends early when
+    /// one has parked at a barrier: its stack keeps this frame, and others go on elsewhere.
+    virtual void run(const FiberThread& self, unsigned first, unsigned last) = 0;
+    virtual const void* address() const = 0;
+};
+
+template <class... P>
+class TypedKernelCall final : public KernelCall {
+public:
+    template <class... A>
+    explicit TypedKernelCall(void (*kernel)(P...), A&&... args)
+        : kernel_(kernel), args_(std::forward<A>(args)...) {}
+
+    void run(const FiberThread& self, unsigned first, unsigned last) override {
+        run_threads(self, first, last, std::index_sequence_for<P...>{});
+    }
+    const void* address() const override { return reinterpret_cast<const void*>(kernel_); }
+
+private:
+    template <size_t... I>
+    void run_threads(const FiberThread& self, unsigned first, unsigned last,
+                     std::index_sequence<I...>) {
+        // Locals, so that small arguments stay in registers from thread to thread.
+        void (*const kernel)(P...) = kernel_;
+        [[maybe_unused]] const std::tuple<P...> args = args_;
+        const unsigned size_x = blockDim.x;
+        const unsigned size_y = blockDim.y;
+        uint3 index{first % size_x, first / size_x % size_y, first / size_x / size_y};
+        for (unsigned left = last - first; left != 0;) {
+            threadIdx.y = index.y;
+            threadIdx.z = index.z;
+            const unsigned stop = left < size_x - index.x ? index.x + left : size_x;
+            left -= stop - index.x;
+            for (unsigned x = index.x; x != stop; ++x) {
+                threadIdx.x = x;
+                kernel(std::get<I>(args)...);
+                if (__builtin_expect(self.thread != kNoThread, 0)) {
+                    return;
+                }
+            }
+            index.x = 0;
+            if (++index.y == size_y) {
+                index.y = 0;
+                ++index.z;
+            }
+        }
+    }
+
+    void (*kernel_)(P...);
+    std::tuple<P...> args_;
+};
+
+/// Why `config` cannot be launched, or cudaSuccess; recorded as the last error.
+cudaError_t check_launch(const cudaLaunchConfig_t* config, const void* kernel);
+cudaError_t launch(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall> call);
+
+}  // namespace gpusim::detail
+
+/// Enqueues `kernel` with copies of its arguments, converted to the kernel's parameter types.
+/// Refused with cudaErrorInvalidConfiguration: an extent of zero, more than 1024 threads a block
+/// (64 along z), more than 65535 blocks along y or z. Shared memory is static here: a launch with
+/// dynamic shared memory or attributes is refused with cudaErrorNotSupported.
+template <class... P, class... A>
+cudaError_t cudaLaunchKernelEx(const cudaLaunchConfig_t* config, void (*kernel)(P...),
+                               A&&... args) {
+    static_assert(!(std::is_reference_v<P> || ...), "a kernel's parameters are values");
+    static_assert(sizeof...(P) == sizeof...(A), "wrong number of arguments for this kernel");
+    const cudaError_t error =
+        ::gpusim::detail::check_launch(config, reinterpret_cast<const void*>(kernel));
+    if (error != cudaSuccess) {
+        return error;
+    }
+    using Call = ::gpusim::detail::TypedKernelCall<P...>;
+    // A function's parameters, so that arguments convert as they do in a plain call.
+    const auto bind = [&](P... values) { return std::make_unique<Call>(kernel, values...); };
+    return ::gpusim::detail::launch(*config, bind(std::forward<A>(args)...));
+}

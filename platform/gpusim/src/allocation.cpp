@@ -1,0 +1,247 @@
+// Allocation calls of the runtime's interface.
+#include "memory.h"
+#include "sanitizer.h"
+
+using gpusim::api;
+using gpusim::Device;
+using gpusim::kAddressSanitizer;
+using gpusim::make_task;
+using gpusim::Memory;
+using gpusim::stream_api;
+using gpusim::StreamPtr;
+
+namespace {
+
+// The pool has no state beyond the device's memory and this threshold.
+char pool_tag;
+std::atomic<uint64_t> release_threshold{0};
+
+cudaMemPool_t pool_handle() {
+    return reinterpret_cast<cudaMemPool_t>(&pool_tag);
+}
+
+bool is_reuse_policy(cudaMemPoolAttr attribute) {
+    return attribute >= cudaMemPoolReuseFollowEventDependencies &&
+           attribute <= cudaMemPoolReuseAllowInternalDependencies;
+}
+
+}  // namespace
+
+cudaError_t cudaMalloc(void** pointer, size_t size) {
+    return api([&](Device& device) {
+        if (pointer == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        *pointer = nullptr;
+        if (size == 0) {
+            return cudaSuccess;
+        }
+        void* block = Memory::get().allocate(size, device.null_stream());
+        if (block == nullptr) {
+            return cudaErrorMemoryAllocation;
+        }
+        // All streams may use the block at once, so nothing may still run on its last life.
+        device.synchronize(device.null_stream());
+        gpusim::mark_allocated(block, size);
+        *pointer = block;
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaFree(void* pointer) {
+    return api([&](Device& device) {
+        if (pointer == nullptr) {
+            return cudaSuccess;
+        }
+        device.synchronize_all();
+        if (device.fault() != cudaSuccess) {
+            return device.fault();
+        }
+        return Memory::get().free_idle(pointer) ? cudaSuccess : cudaErrorInvalidValue;
+    });
+}
+
+cudaError_t cudaMallocAsync(void** pointer, size_t size, cudaStream_t stream) {
+    return stream_api(stream, [&](Device& device, const StreamPtr& s) {
+        if (pointer == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        *pointer = nullptr;
+        if (size == 0) {
+            return cudaSuccess;
+        }
+        void* block = Memory::get().allocate(size, s);
+        if (block == nullptr) {
+            return cudaErrorMemoryAllocation;
+        }
+        if (kAddressSanitizer) {
+            device.submit(s, make_task([block, size] { gpusim::mark_allocated(block, size); }));
+        }
+        *pointer = block;
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaFreeAsync(void* pointer, cudaStream_t stream) {
+    return stream_api(stream, [&](Device& device, const StreamPtr& s) {
+        const size_t size = Memory::get().block_size(pointer);
+        if (size == 0) {
+            return cudaErrorInvalidValue;
+        }
+        if (kAddressSanitizer) {
+            device.submit(s, make_task([pointer, size] { gpusim::poison(pointer, size); }));
+        }
+        return Memory::get().free(pointer, s) ? cudaSuccess : cudaErrorInvalidValue;
+    });
+}
+
+cudaError_t cudaDeviceGetDefaultMemPool(cudaMemPool_t* pool, int device) {
+    return api([&](Device&) {
+        if (device != 0) {
+            return cudaErrorInvalidDevice;
+        }
+        if (pool == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        *pool = pool_handle();
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaMemPoolSetAttribute(cudaMemPool_t pool, cudaMemPoolAttr attribute, void* value) {
+    return api([&](Device&) {
+        if (pool != pool_handle() || value == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        if (attribute == cudaMemPoolAttrReleaseThreshold) {
+            release_threshold = *static_cast<uint64_t*>(value);
+            return cudaSuccess;
+        }
+        return is_reuse_policy(attribute) ? cudaSuccess : cudaErrorInvalidValue;
+    });
+}
+
+cudaError_t cudaMemPoolGetAttribute(cudaMemPool_t pool, cudaMemPoolAttr attribute, void* value) {
+    return api([&](Device&) {
+        if (pool != pool_handle() || value == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        if (is_reuse_policy(attribute)) {
+            *static_cast<int*>(value) = 1;
+            return cudaSuccess;
+        }
+        auto* bytes = static_cast<uint64_t*>(value);
+        switch (attribute) {
+            case cudaMemPoolAttrReleaseThreshold:
+                *bytes = release_threshold;
+                return cudaSuccess;
+            case cudaMemPoolAttrUsedMemCurrent:
+                *bytes = Memory::get().used();
+                return cudaSuccess;
+            case cudaMemPoolAttrUsedMemHigh:
+            case cudaMemPoolAttrReservedMemCurrent:
+            case cudaMemPoolAttrReservedMemHigh:
+                *bytes = Memory::get().used_high();
+                return cudaSuccess;
+            default:
+                return cudaErrorInvalidValue;
+        }
+    });
+}
+
+cudaError_t cudaMemPoolTrimTo(cudaMemPool_t pool, size_t) {
+    return api([&](Device&) {
+        if (pool != pool_handle()) {
+            return cudaErrorInvalidValue;
+        }
+        Memory::get().trim();
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaMallocHost(void** pointer, size_t size) {
+    return cudaHostAlloc(pointer, size, cudaHostAllocDefault);
+}
+
+cudaError_t cudaHostAlloc(void** pointer, size_t size, unsigned flags) {
+    return api([&](Device&) {
+        constexpr unsigned kFlags =
+            cudaHostAllocPortable | cudaHostAllocMapped | cudaHostAllocWriteCombined;
+        if (pointer == nullptr || (flags & ~kFlags) != 0) {
+            return cudaErrorInvalidValue;
+        }
+        *pointer = nullptr;
+        if (size == 0) {
+            return cudaSuccess;
+        }
+        *pointer = Memory::get().allocate_host(size);
+        return *pointer == nullptr ? cudaErrorMemoryAllocation : cudaSuccess;
+    });
+}
+
+cudaError_t cudaFreeHost(void* pointer) {
+    return api([&](Device& device) {
+        if (pointer == nullptr) {
+            return cudaSuccess;
+        }
+        device.synchronize_all();
+        return Memory::get().free_host(pointer) ? cudaSuccess : cudaErrorInvalidValue;
+    });
+}
+
+cudaError_t cudaHostRegister(void* pointer, size_t size, unsigned flags) {
+    return api([&](Device&) {
+        constexpr unsigned kFlags = cudaHostRegisterPortable | cudaHostRegisterMapped;
+        return (flags & ~kFlags) != 0 ? cudaErrorInvalidValue
+                                      : Memory::get().register_host(pointer, size);
+    });
+}
+
+cudaError_t cudaHostUnregister(void* pointer) {
+    return api([&](Device& device) {
+        device.synchronize_all();
+        return Memory::get().unregister_host(pointer);
+    });
+}
+
+cudaError_t cudaHostGetDevicePointer(void** device_pointer, void* host_pointer, unsigned flags) {
+    return api([&](Device&) {
+        if (device_pointer == nullptr || flags != 0 ||
+            Memory::get().type(host_pointer) != cudaMemoryTypeHost) {
+            return cudaErrorInvalidValue;
+        }
+        *device_pointer = host_pointer;
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaPointerGetAttributes(cudaPointerAttributes* attributes, const void* pointer) {
+    return api([&](Device&) {
+        if (attributes == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        void* address = const_cast<void*>(pointer);
+        switch (Memory::get().type(pointer)) {
+            case cudaMemoryTypeDevice:
+                *attributes = {cudaMemoryTypeDevice, 0, address, nullptr};
+                break;
+            case cudaMemoryTypeHost:
+                *attributes = {cudaMemoryTypeHost, 0, address, address};
+                break;
+            default:
+                *attributes = {cudaMemoryTypeUnregistered, -2, nullptr, address};
+        }
+        return cudaSuccess;
+    });
+}
+
+cudaError_t cudaMemGetInfo(size_t* free_bytes, size_t* total_bytes) {
+    return api([&](Device&) {
+        if (free_bytes == nullptr || total_bytes == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        *total_bytes = Memory::get().arena().size();
+        *free_bytes = *total_bytes - Memory::get().used();
+        return cudaSuccess;
+    });
+}

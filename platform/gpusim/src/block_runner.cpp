@@ -1,0 +1,309 @@
+#include "block_runner.h"
+
+#include <cxxabi.h>
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+__thread uint3 threadIdx = {0, 0, 0};
+__thread uint3 blockIdx = {0, 0, 0};
+__thread dim3 blockDim = dim3(1, 1, 1);
+__thread dim3 gridDim = dim3(1, 1, 1);
+
+namespace gpusim {
+
+namespace {
+
+__thread BlockRunner* current_runner __attribute__((tls_model("initial-exec"))) = nullptr;
+
+std::string triple(const uint3& v) {
+    return "[" + std::to_string(v.x) + "," + std::to_string(v.y) + "," + std::to_string(v.z) + "]";
+}
+
+std::string place(const Site& site) {
+    return std::string(site.file) + ":" + std::to_string(site.line);
+}
+
+}  // namespace
+
+BlockRunner::BlockRunner() : pool_(&BlockRunner::fiber_entry) {
+    adopt_thread_stack(main_);
+}
+
+BlockRunner* BlockRunner::current() {
+    return current_runner;
+}
+
+cudaError_t BlockRunner::run(detail::KernelCall& call, dim3 grid, dim3 block) {
+    call_ = &call;
+    fault_ = cudaSuccess;
+    count_ = block.x * block.y * block.z;
+    gridDim = grid;
+    blockDim = block;
+    current_runner = this;
+    for (unsigned z = 0; z < grid.z && fault_ == cudaSuccess; ++z) {
+        for (unsigned y = 0; y < grid.y && fault_ == cudaSuccess; ++y) {
+            for (unsigned x = 0; x < grid.x && fault_ == cudaSuccess; ++x) {
+                blockIdx = {x, y, z};
+                run_block();
+            }
+        }
+    }
+    current_runner = nullptr;
+    call_ = nullptr;
+    if (fault_ != cudaSuccess) {
+        pool_.abandon_all();
+        state_.fill(State::kNotWaiting);
+        fiber_.fill(nullptr);
+    }
+    return fault_;
+}
+
+void BlockRunner::run_block() {
+    next_start_ = 0;
+    block_waiting_ = 0;
+    warp_waiting_ = 0;
+    in_warp_ = false;
+    resumable_ = State::kAtBlock;
+    run_first_ = 0;
+    run_last_ = count_;
+    active_ = &main_;
+    switch_to(pool_.take());
+}
+
+void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
+    BlockRunner* runner = current_runner;
+    Fiber& self = *runner->active_;
+    enter_fiber(transfer, self);
+    runner->fiber_loop(self);
+}
+
+void BlockRunner::fiber_loop(Fiber& self) {
+    for (;;) {
+        const unsigned last = run_last_;
+        call_->run(self, run_first_, last);
+        if (self.thread == detail::kNoThread) {
+            next_start_ = last;
+            position_ = last;
+        } else {
+            state_[self.thread] = State::kNotWaiting;
+            fiber_[self.thread] = nullptr;
+            self.thread = detail::kNoThread;
+        }
+        if (Fiber* next = choose()) {
+            pool_.put(self);
+            switch_to(*next);
+        }
+    }
+}
+
+void BlockRunner::switch_to(Fiber& to) {
+    Fiber& from = *active_;
+    active_ = &to;
+    switch_fiber(from, to);
+}
+
+unsigned BlockRunner::bind() {
+    Fiber& self = *active_;
+    if (self.thread == detail::kNoThread) {
+        const unsigned thread = threadIdx.x + blockDim.x * (threadIdx.y + blockDim.y * threadIdx.z);
+        self.thread = thread;
+        self.index = threadIdx;
+        fiber_[thread] = &self;
+        next_start_ = thread + 1;
+        position_ = thread + 1;
+    }
+    return self.thread;
+}
+
+void BlockRunner::park() {
+    Fiber& self = *active_;
+    Fiber* next = choose();
+    if (next == nullptr) {
+        next = &pool_.take();
+    }
+    if (next != &self) {
+        switch_to(*next);
+    }
+    threadIdx = self.index;
+}
+
+void BlockRunner::wait_block(const Site& site) {
+    const unsigned thread = bind();
+    if (block_waiting_ == 0) {
+        block_site_ = site;
+        first_waiter_ = thread;
+    } else if (site != block_site_) {
+        fault(cudaErrorLaunchFailure, kernel_name(site) +
+                                          ": threads of one block wait at different barriers: " +
+                                          thread_name(first_waiter_) + " at " + place(block_site_) +
+                                          ", " + thread_name(thread) + " at " + place(site));
+    }
+    ++block_waiting_;
+    state_[thread] = State::kAtBlock;
+    park();
+}
+
+void BlockRunner::wait_warp(unsigned mask, const Site& site) {
+    const unsigned thread = bind();
+    const unsigned lane = thread % kWarp;
+    if ((mask >> lane & 1u) == 0) {
+        fault(cudaErrorLaunchFailure, kernel_name(site) + ": " + thread_name(thread) +
+                                          " waits at the warp barrier " + place(site) +
+                                          ", whose mask leaves it out");
+    }
+    mask_[lane] = mask;
+    warp_site_[lane] = site;
+    in_warp_ = true;
+    warp_first_ = thread - lane;
+    ++warp_waiting_;
+    state_[thread] = State::kAtWarp;
+    park();
+}
+
+Fiber* BlockRunner::choose() {
+    for (;;) {
+        const unsigned stop = in_warp_ ? std::min(warp_first_ + kWarp, count_) : count_;
+        while (position_ < stop) {
+            const unsigned thread = position_;
+            if (thread == next_start_) {
+                run_first_ = thread;
+                run_last_ = stop;
+                return nullptr;
+            }
+            ++position_;
+            if (state_[thread] == resumable_) {
+                return fiber_[thread];
+            }
+        }
+        if (in_warp_ && warp_waiting_ != 0) {
+            release_warp();
+            position_ = warp_first_;
+            resumable_ = State::kReleased;
+        } else if (in_warp_) {
+            in_warp_ = false;
+            resumable_ = State::kAtBlock;
+        } else if (block_waiting_ != 0) {
+            block_waiting_ = 0;
+            position_ = 0;
+        } else {
+            return &main_;
+        }
+    }
+}
+
+void BlockRunner::release_warp() {
+    const unsigned lanes = std::min(kWarp, count_ - warp_first_);
+    unsigned released = 0;
+    unsigned stuck = 0;
+    unsigned missing = 0;
+    for (unsigned lane = 0; lane < lanes; ++lane) {
+        if (state_[warp_first_ + lane] != State::kAtWarp) {
+            continue;
+        }
+        bool complete = true;
+        for (unsigned other = 0; other < lanes && complete; ++other) {
+            const unsigned thread = warp_first_ + other;
+            // Threads that have ended count as arrived.
+            if ((mask_[lane] >> other & 1u) != 0 && fiber_[thread] != nullptr) {
+                const bool waits =
+                    state_[thread] == State::kAtWarp || (released >> other & 1u) != 0;
+                complete =
+                    waits && mask_[other] == mask_[lane] && warp_site_[other] == warp_site_[lane];
+                if (!complete) {
+                    stuck = warp_first_ + lane;
+                    missing = thread;
+                }
+            }
+        }
+        if (complete) {
+            released |= 1u << lane;
+            state_[warp_first_ + lane] = State::kReleased;
+            --warp_waiting_;
+        }
+    }
+    if (released == 0) {
+        const Site& site = warp_site_[stuck % kWarp];
+        const bool at_warp = state_[missing] == State::kAtWarp;
+        fault(cudaErrorLaunchFailure,
+              kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
+                  place(site) + " for " + thread_name(missing) + ", which waits at " +
+                  place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
+                  (at_warp ? " or with another mask" : ""));
+    }
+}
+
+void BlockRunner::fail_assertion(const char* expression, const Site& site) {
+    std::fprintf(stderr, "%s:%u: %s: block: %s, thread: %s Assertion `%s` failed.\n", site.file,
+                 site.line, site.function, triple(blockIdx).c_str(), triple(threadIdx).c_str(),
+                 expression);
+    fault_ = cudaErrorAssert;
+    switch_to(main_);
+    std::abort();  // a faulted kernel is never resumed
+}
+
+void BlockRunner::fault(cudaError_t error, const std::string& message) {
+    std::fprintf(stderr, "gpusim: %s\n", message.c_str());
+    fault_ = error;
+    switch_to(main_);
+    std::abort();  // a faulted kernel is never resumed
+}
+
+std::string BlockRunner::kernel_name(const Site& site) const {
+    std::string name = site.function;
+    Dl_info info;
+    if (dladdr(call_->address(), &info) != 0 && info.dli_sname != nullptr &&
+        info.dli_saddr == call_->address()) {
+        int status = 0;
+        char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
+        name = status == 0 ? demangled : info.dli_sname;
+        std::free(demangled);
+    }
+    return "kernel " + name + ", block " + triple(blockIdx);
+}
+
+std::string BlockRunner::thread_name(unsigned thread) const {
+    return "thread " + triple({thread % blockDim.x, thread / blockDim.x % blockDim.y,
+                               thread / blockDim.x / blockDim.y});
+}
+
+namespace {
+
+BlockRunner& runner_or_abort(const Site& site) {
+    if (current_runner == nullptr) {
+        std::fprintf(stderr, "gpusim: %s:%u: a barrier outside a kernel\n", site.file, site.line);
+        std::abort();
+    }
+    return *current_runner;
+}
+
+}  // namespace
+
+void detail::block_barrier(const char* file, unsigned line, const char* function) {
+    const Site site{file, line, function};
+    runner_or_abort(site).wait_block(site);
+}
+
+void detail::warp_barrier(unsigned mask, const char* file, unsigned line, const char* function) {
+    const Site site{file, line, function};
+    runner_or_abort(site).wait_warp(mask, site);
+}
+
+}  // namespace gpusim
+
+// assert() ends here in host code as well as in kernels: outside a kernel the C library's own
+// function takes over.
+extern "C" void __assert_fail(const char* expression, const char* file, unsigned line,
+                              const char* function) noexcept {
+    if (auto* runner = gpusim::BlockRunner::current()) {
+        runner->fail_assertion(expression, {file, line, function});
+    }
+    using AssertFail = void (*)(const char*, const char*, unsigned, const char*);
+    if (auto next = reinterpret_cast<AssertFail>(dlsym(RTLD_NEXT, "__assert_fail"))) {
+        next(expression, file, line, function);
+    }
+    std::abort();
+}

@@ -1,0 +1,91 @@
+// Runs the blocks of a launch, and decides which thread of a block goes on at each barrier.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "fiber.h"
+#include "gpusim/error.h"
+
+namespace gpusim {
+
+/// The place in the source where a thread waits.
+struct Site {
+    const char* file;
+    unsigned line;
+    const char* function;
+
+    bool operator==(const Site& other) const {
+        return line == other.line && (file == other.file || std::strcmp(file, other.file) == 0);
+    }
+    bool operator!=(const Site& other) const { return !(*this == other); }
+};
+
+/// Threads of a block start one after the other on one fiber. A thread that meets a barrier parks
+/// with the fiber, and the next one starts on a fresh fiber. When all have parked or ended, the
+/// parked ones are resumed in their order. A warp whose threads wait for each other is brought to
+/// its next block barrier or its end before the next warp runs.
+class BlockRunner {
+public:
+    BlockRunner();
+
+    /// Runs all blocks; cudaSuccess or the fault that ended the kernel.
+    cudaError_t run(detail::KernelCall& call, dim3 grid, dim3 block);
+
+    void wait_block(const Site& site);
+    void wait_warp(unsigned mask, const Site& site);
+    /// Prints the device's message for a failed assertion and ends the kernel.
+    [[noreturn]] void fail_assertion(const char* expression, const Site& site);
+
+    /// The runner of the kernel that the calling thread is in, or null outside kernels.
+    static BlockRunner* current();
+
+private:
+    static constexpr unsigned kWarp = 32;
+    static constexpr unsigned kMaxThreads = 1024;
+
+    enum class State : uint8_t { kNotWaiting, kAtBlock, kAtWarp, kReleased };
+
+    static void fiber_entry(boost::context::detail::transfer_t transfer);
+    [[noreturn]] void fiber_loop(Fiber& self);
+    void run_block();
+    /// Binds the running thread to its fiber; returns its linear index.
+    unsigned bind();
+    void park();
+    /// The fiber that goes on: a parked one, `main_` when the block has ended, or null when the
+    /// threads [run_first_, run_last_) are to be started.
+    Fiber* choose();
+    void release_warp();
+    void switch_to(Fiber& to);
+    [[noreturn]] void fault(cudaError_t error, const std::string& message);
+    std::string kernel_name(const Site& site) const;
+    std::string thread_name(unsigned thread) const;
+
+    FiberPool pool_;
+    Fiber main_;
+    Fiber* active_ = nullptr;
+    detail::KernelCall* call_ = nullptr;
+    cudaError_t fault_ = cudaSuccess;
+
+    unsigned count_ = 0;       // threads of a block
+    unsigned next_start_ = 0;  // first thread that has not started
+    unsigned position_ = 0;    // next thread to look at in this pass
+    unsigned run_first_ = 0;
+    unsigned run_last_ = 0;
+    unsigned block_waiting_ = 0;
+    unsigned first_waiter_ = 0;
+    Site block_site_{};
+    bool in_warp_ = false;  // between the first warp barrier of a warp and its release
+    unsigned warp_first_ = 0;
+    unsigned warp_waiting_ = 0;
+    State resumable_ = State::kAtBlock;
+
+    std::array<State, kMaxThreads> state_{};
+    std::array<Fiber*, kMaxThreads> fiber_{};
+    std::array<unsigned, kWarp> mask_{};
+    std::array<Site, kWarp> warp_site_{};
+};
+
+}  // namespace gpusim

@@ -1,0 +1,152 @@
+#include "curand.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "gpusim/philox.h"
+#include "library.h"
+
+struct curandGenerator_st {
+    cudaStream_t stream = nullptr;
+    uint64_t seed = 0;
+    uint64_t offset = 0;
+};
+
+namespace {
+
+/// Calls put(i, word) for the words first, first + 1, ... of the sequence of `seed`.
+template <class Put>
+void draw(uint64_t seed, uint64_t first, size_t count, Put put) {
+    const std::array<uint32_t, 2> key{static_cast<uint32_t>(seed),
+                                      static_cast<uint32_t>(seed >> 32)};
+    for (size_t i = 0; i < count;) {
+        const uint64_t position = first + i;
+        const uint64_t block = position / 4;
+        const auto words = gpusim::philox4x32_10(
+            {static_cast<uint32_t>(block), static_cast<uint32_t>(block >> 32), 0, 0}, key);
+        for (unsigned w = position % 4; w < 4 && i < count; ++w, ++i) {
+            put(i, words[w]);
+        }
+    }
+}
+
+float to_uniform(uint32_t word) {
+    constexpr double k2Pow32Inverse = 1.0 / 4294967296.0;
+    return static_cast<float>((word + 0.5) * k2Pow32Inverse);
+}
+
+/// Enqueues the drawing of `count` words, each of which yields a T of output.
+template <class T, class Work>
+curandStatus_t generate(const char* function, curandGenerator_t generator, T* output, size_t count,
+                        Work work) {
+    if (generator == nullptr) {
+        return CURAND_STATUS_NOT_INITIALIZED;
+    }
+    if (gpusim::call_barrier() != cudaSuccess) {
+        return CURAND_STATUS_PREEXISTING_FAILURE;
+    }
+    gpusim::Device& device = gpusim::Device::get();
+    const gpusim::StreamPtr stream = device.find_stream(generator->stream);
+    if (stream == nullptr ||
+        !gpusim::check_operand(function, "output", output, count * sizeof(T))) {
+        return CURAND_STATUS_LAUNCH_FAILURE;
+    }
+    if (count != 0) {
+        device.submit(stream,
+                      gpusim::make_task([=, seed = generator->seed, first = generator->offset] {
+                          work(seed, first);
+                      }));
+        generator->offset += count;
+    }
+    return CURAND_STATUS_SUCCESS;
+}
+
+}  // namespace
+
+curandStatus_t curandCreateGenerator(curandGenerator_t* generator, curandRngType_t type) {
+    if (generator == nullptr) {
+        return CURAND_STATUS_OUT_OF_RANGE;
+    }
+    if (type != CURAND_RNG_PSEUDO_DEFAULT && type != CURAND_RNG_PSEUDO_PHILOX4_32_10) {
+        return CURAND_STATUS_TYPE_ERROR;
+    }
+    if (gpusim::call_barrier() != cudaSuccess) {
+        return CURAND_STATUS_INITIALIZATION_FAILED;
+    }
+    *generator = new curandGenerator_st;
+    return CURAND_STATUS_SUCCESS;
+}
+
+curandStatus_t curandDestroyGenerator(curandGenerator_t generator) {
+    if (generator == nullptr) {
+        return CURAND_STATUS_NOT_INITIALIZED;
+    }
+    delete generator;
+    return CURAND_STATUS_SUCCESS;
+}
+
+curandStatus_t curandGetVersion(int* version) {
+    if (version == nullptr) {
+        return CURAND_STATUS_OUT_OF_RANGE;
+    }
+    *version = CURAND_VERSION;
+    return CURAND_STATUS_SUCCESS;
+}
+
+curandStatus_t curandSetStream(curandGenerator_t generator, cudaStream_t stream) {
+    if (generator == nullptr) {
+        return CURAND_STATUS_NOT_INITIALIZED;
+    }
+    generator->stream = stream;
+    return CURAND_STATUS_SUCCESS;
+}
+
+curandStatus_t curandSetPseudoRandomGeneratorSeed(curandGenerator_t generator,
+                                                  unsigned long long seed) {
+    if (generator == nullptr) {
+        return CURAND_STATUS_NOT_INITIALIZED;
+    }
+    generator->seed = seed;
+    generator->offset = 0;
+    return CURAND_STATUS_SUCCESS;
+}
+
+curandStatus_t curandSetGeneratorOffset(curandGenerator_t generator, unsigned long long offset) {
+    if (generator == nullptr) {
+        return CURAND_STATUS_NOT_INITIALIZED;
+    }
+    generator->offset = offset;
+    return CURAND_STATUS_SUCCESS;
+}
+
+curandStatus_t curandGenerate(curandGenerator_t generator, unsigned* output, size_t count) {
+    return generate(__func__, generator, output, count, [=](uint64_t seed, uint64_t first) {
+        draw(seed, first, count, [&](size_t i, uint32_t word) { output[i] = word; });
+    });
+}
+
+curandStatus_t curandGenerateUniform(curandGenerator_t generator, float* output, size_t count) {
+    return generate(__func__, generator, output, count, [=](uint64_t seed, uint64_t first) {
+        draw(seed, first, count, [&](size_t i, uint32_t word) { output[i] = to_uniform(word); });
+    });
+}
+
+curandStatus_t curandGenerateNormal(curandGenerator_t generator, float* output, size_t count,
+                                    float mean, float stddev) {
+    if (generator != nullptr && count % 2 != 0) {
+        return CURAND_STATUS_LENGTH_NOT_MULTIPLE;
+    }
+    return generate(__func__, generator, output, count, [=](uint64_t seed, uint64_t first) {
+        constexpr double kTwoPi = 6.283185307179586;
+        float radius = 0;
+        draw(seed, first, count, [&](size_t i, uint32_t word) {
+            if (i % 2 == 0) {
+                radius = std::sqrt(-2.0f * std::log(to_uniform(word)));
+                return;
+            }
+            const float angle = static_cast<float>(kTwoPi * to_uniform(word));
+            output[i - 1] = mean + stddev * radius * std::cos(angle);
+            output[i] = mean + stddev * radius * std::sin(angle);
+        });
+    });
+}

@@ -1,0 +1,258 @@
+#include "device.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "memory.h"
+
+namespace gpusim {
+
+namespace {
+
+thread_local bool on_stream_thread = false;
+std::atomic<bool> forked{false};
+
+}  // namespace
+
+bool StreamPoint::reached() const {
+    return stream == nullptr || stream->completed.load(std::memory_order_acquire) >= sequence;
+}
+
+cudaError_t call_barrier() {
+    if (forked.load(std::memory_order_relaxed)) {
+        return cudaErrorInitializationError;
+    }
+    if (on_stream_thread) {
+        return cudaErrorNotPermitted;
+    }
+    return Device::get().fault();
+}
+
+Device& Device::get() {
+    static Device* const device = new Device;
+    return *device;
+}
+
+Device::Device() : null_stream_(std::make_shared<CUstream_st>(false)) {
+    const char* blocking = std::getenv("CUDA_LAUNCH_BLOCKING");
+    launch_blocking_ = blocking != nullptr && std::strcmp(blocking, "1") == 0;
+    // A child has none of the streams' threads.
+    pthread_atfork(nullptr, nullptr, [] { forked = true; });
+    // Kernels must not outlive what exit() destroys.
+    std::atexit([] {
+        if (!forked) {
+            Device::get().synchronize_all();
+        }
+    });
+}
+
+StreamPtr Device::create_stream(bool non_blocking) {
+    auto stream = std::make_shared<CUstream_st>(non_blocking);
+    std::lock_guard<std::mutex> lock(mutex_);
+    streams_.push_back(stream);
+    handles_[stream.get()] = stream;
+    return stream;
+}
+
+StreamPtr Device::find_stream(cudaStream_t handle) {
+    if (handle == nullptr || handle == cudaStreamLegacy) {
+        return null_stream_;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = handles_.find(handle);
+    return found == handles_.end() ? nullptr : found->second;
+}
+
+cudaError_t Device::destroy_stream(cudaStream_t handle) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = handles_.find(handle);
+    if (found == handles_.end()) {
+        return cudaErrorInvalidResourceHandle;
+    }
+    const StreamPtr stream = found->second;
+    handles_.erase(found);
+    stream->closing = true;
+    if (stream->started) {
+        stream->work.notify_one();
+    } else {
+        streams_.erase(std::find(streams_.begin(), streams_.end(), stream));
+    }
+    return cudaSuccess;
+}
+
+void Device::add_null_stream_waits(const StreamPtr& stream, std::vector<StreamPoint>* waits) const {
+    const auto add = [waits](const StreamPtr& other) {
+        const StreamPoint point{other, other->submitted};
+        if (!point.reached()) {
+            waits->push_back(point);
+        }
+    };
+    if (stream == null_stream_) {
+        for (const StreamPtr& other : streams_) {
+            if (!other->non_blocking) {
+                add(other);
+            }
+        }
+    } else if (!stream->non_blocking) {
+        add(null_stream_);
+    }
+}
+
+StreamPoint Device::submit(const StreamPtr& stream, std::unique_ptr<Task> task) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    add_null_stream_waits(stream, &task->waits);
+    stream->queue.push_back(std::move(task));
+    const uint64_t sequence = ++stream->submitted;
+    if (!stream->started) {
+        stream->started = true;
+        std::thread([this, stream] { work(stream); }).detach();
+    } else {
+        stream->work.notify_one();
+    }
+    return {stream, sequence};
+}
+
+void Device::work(const StreamPtr& stream) {
+    on_stream_thread = true;
+    open_device_memory();
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        stream->work.wait(lock, [&] { return !stream->queue.empty() || stream->closing; });
+        if (stream->queue.empty()) {
+            break;
+        }
+        std::unique_ptr<Task> task = std::move(stream->queue.front());
+        stream->queue.pop_front();
+        for (const StreamPoint& point : task->waits) {
+            point.stream->done.wait(lock, [&] { return point.reached(); });
+        }
+        lock.unlock();
+        if (fault() == cudaSuccess || task->survives_fault) {
+            task->run();
+        }
+        task.reset();
+        lock.lock();
+        stream->completed.fetch_add(1, std::memory_order_release);
+        stream->done.notify_all();
+    }
+    const auto self = std::find(streams_.begin(), streams_.end(), stream);
+    if (self != streams_.end()) {
+        streams_.erase(self);
+    }
+}
+
+std::vector<StreamPoint> Device::pending(const StreamPtr& stream) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<StreamPoint> points;
+    const StreamPoint own{stream, stream->submitted};
+    if (!own.reached()) {
+        points.push_back(own);
+    }
+    add_null_stream_waits(stream, &points);
+    return points;
+}
+
+StreamPoint Device::tail(const StreamPtr& stream) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return {stream, stream->submitted};
+}
+
+void Device::wait(const StreamPoint& point) {
+    if (!point.reached()) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        point.stream->done.wait(lock, [&] { return point.reached(); });
+    }
+}
+
+void Device::synchronize(const StreamPtr& stream) {
+    for (const StreamPoint& point : pending(stream)) {
+        wait(point);
+    }
+}
+
+void Device::synchronize_all() {
+    std::vector<StreamPoint> points;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        points.push_back({null_stream_, null_stream_->submitted});
+        for (const StreamPtr& stream : streams_) {
+            points.push_back({stream, stream->submitted});
+        }
+    }
+    for (const StreamPoint& point : points) {
+        wait(point);
+    }
+}
+
+void Device::reset() {
+    synchronize_all();
+    std::vector<cudaStream_t> open;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& entry : handles_) {
+            open.push_back(entry.first);
+        }
+        for (cudaEvent_t event : events_) {
+            delete event;
+        }
+        events_.clear();
+    }
+    for (cudaStream_t stream : open) {
+        destroy_stream(stream);
+    }
+    fault_ = cudaSuccess;
+}
+
+void Device::set_fault(cudaError_t error) {
+    cudaError_t none = cudaSuccess;
+    fault_.compare_exchange_strong(none, error);
+}
+
+cudaEvent_t Device::create_event(bool timing) {
+    auto* event = new CUevent_st(timing);
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.insert(event);
+    return event;
+}
+
+cudaError_t Device::destroy_event(cudaEvent_t event) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (events_.erase(event) == 0) {
+        return cudaErrorInvalidResourceHandle;
+    }
+    delete event;
+    return cudaSuccess;
+}
+
+bool Device::find_record(cudaEvent_t event, std::shared_ptr<CUevent_st::Record>* record) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (events_.count(event) == 0) {
+        return false;
+    }
+    *record = event->record;
+    return true;
+}
+
+cudaError_t Device::record_event(cudaEvent_t event, const StreamPtr& stream) {
+    auto record = std::make_shared<CUevent_st::Record>();
+    auto task = make_task([record] { record->time = std::chrono::steady_clock::now(); });
+    task->survives_fault = true;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (events_.count(event) == 0) {
+            return cudaErrorInvalidResourceHandle;
+        }
+    }
+    record->point = submit(stream, std::move(task));
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (events_.count(event) != 0) {
+        event->record = record;
+    }
+    return cudaSuccess;
+}
+
+}  // namespace gpusim

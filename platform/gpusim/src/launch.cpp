@@ -1,0 +1,64 @@
+#include "gpusim/launch.h"
+
+#include "block_runner.h"
+#include "device.h"
+
+namespace gpusim::detail {
+
+namespace {
+
+constexpr unsigned kMaxBlockThreads = 1024;
+constexpr unsigned kMaxBlockZ = 64;
+constexpr unsigned kMaxGridX = 0x7fffffffu;
+constexpr unsigned kMaxGridYZ = 65535;
+
+bool fits(const dim3& v, const dim3& limit) {
+    return v.x >= 1 && v.y >= 1 && v.z >= 1 && v.x <= limit.x && v.y <= limit.y && v.z <= limit.z;
+}
+
+void run(KernelCall& call, dim3 grid, dim3 block) {
+    // Its fibers stay with the thread from launch to launch.
+    thread_local BlockRunner runner;
+    const cudaError_t error = runner.run(call, grid, block);
+    if (error != cudaSuccess) {
+        Device::get().set_fault(error);
+    }
+}
+
+}  // namespace
+
+cudaError_t check_launch(const cudaLaunchConfig_t* config, const void* kernel) {
+    return api([&](Device&) {
+        if (config == nullptr) {
+            return cudaErrorInvalidValue;
+        }
+        if (kernel == nullptr) {
+            return cudaErrorInvalidDeviceFunction;
+        }
+        const dim3& block = config->blockDim;
+        if (!fits(config->gridDim, {kMaxGridX, kMaxGridYZ, kMaxGridYZ}) ||
+            !fits(block, {kMaxBlockThreads, kMaxBlockThreads, kMaxBlockZ}) ||
+            block.x * block.y * block.z > kMaxBlockThreads) {
+            return cudaErrorInvalidConfiguration;
+        }
+        if (config->dynamicSmemBytes != 0 || config->numAttrs != 0) {
+            return cudaErrorNotSupported;
+        }
+        return cudaSuccess;
+    });
+}
+
+cudaError_t launch(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall> call) {
+    return stream_api(config.stream, [&](Device& device, const StreamPtr& stream) {
+        const StreamPoint point = device.submit(
+            stream, make_task([call = std::move(call), grid = config.gridDim,
+                               block = config.blockDim] { run(*call, grid, block); }));
+        if (device.launch_blocking()) {
+            device.wait(point);
+            return device.fault();
+        }
+        return cudaSuccess;
+    });
+}
+
+}  // namespace gpusim::detail

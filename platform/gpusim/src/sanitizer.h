@@ -1,0 +1,51 @@
+// Fiber and poison annotations of AddressSanitizer and ThreadSanitizer; nothing without them.
+#pragma once
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define GPUSIM_ASAN 1
+#endif
+#if __has_feature(thread_sanitizer)
+#define GPUSIM_TSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define GPUSIM_ASAN 1
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define GPUSIM_TSAN 1
+#endif
+
+#ifdef GPUSIM_ASAN
+#include <sanitizer/asan_interface.h>
+#include <sanitizer/common_interface_defs.h>
+#endif
+#ifdef GPUSIM_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
+#include <cstddef>
+
+namespace gpusim {
+
+#ifdef GPUSIM_ASAN
+constexpr bool kAddressSanitizer = true;
+inline void poison(const void* begin, size_t size) {
+    __asan_poison_memory_region(begin, size);
+}
+inline void unpoison(const void* begin, size_t size) {
+    __asan_unpoison_memory_region(begin, size);
+}
+#else
+constexpr bool kAddressSanitizer = false;
+inline void poison(const void*, size_t) {}
+inline void unpoison(const void*, size_t) {}
+#endif
+
+#if defined(GPUSIM_ASAN) || defined(GPUSIM_TSAN)
+constexpr bool kSanitizer = true;
+#else
+constexpr bool kSanitizer = false;
+#endif
+
+}  // namespace gpusim
