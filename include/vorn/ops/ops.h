@@ -6,6 +6,7 @@
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
 #include "vorn/ops/functors.h"
+#include "vorn/ops/reduce.h"
 #include "vorn/tensor/tensor.h"
 
 /// The frame: checks, then one branch on the device of the output. Outputs are never resized here.
