@@ -1,23 +1,113 @@
 #ifndef VORN_CPU_BLAS_OPS_H_
 #define VORN_CPU_BLAS_OPS_H_
 
+#include <cblas.h>
+#include <lapacke.h>
+
+#include <algorithm>
+#include <vector>
+
 #include "vorn/cpu/iterator.h"
+#include "vorn/cpu/transpose.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host linear algebra: products, norms and the solver on CBLAS and LAPACKE; what only streams
 /// through memory, in loops of our own.
 namespace vorn {
+
+/// The pitch as BLAS takes it: at least 1, also where a matrix has no columns.
+inline int leading_dimension(const Tensor<float>& matrix) {
+    return std::max(1, static_cast<int>(matrix.ld()));
+}
+
+/// How a tensor divides into matrices of `stride` elements each: the last axis is their columns.
+/// `step` is the distance between two of them in memory, which in a pitched tensor is more.
+struct MatrixBatch {
+    int rows, columns;
+    int64_t step;
+
+    MatrixBatch(const Tensor<float>& t, int64_t stride)
+        : rows(static_cast<int>(stride / static_cast<int64_t>(t.get_w()))),
+          columns(static_cast<int>(t.get_w())),
+          step(rows * static_cast<int64_t>(t.ld())) {}
+};
+
 namespace cpu {
 
-/// out = value * out. A NaN stays one under a value of 0.
+/// out = value * out. A NaN stays one under a value of 0, which BLAS libraries don't agree on.
 inline void vorn_scal(Tensor<float>& out, DType value) {
     cpu::unary_op([value](float x) { return value * x; }, out, out);
 }
 
-/// out = alpha0 * out + alpha1 * in, in one pass.
+/// out = alpha0 * out + alpha1 * in, in one pass over memory where BLAS would need two.
 inline void vorn_axpy(const Tensor<float>& in, Tensor<float>& out, DType alpha0, DType alpha1) {
     cpu::binary_op([alpha0, alpha1](float x, float y) { return alpha0 * x + alpha1 * y; }, out, in,
                    out);
+}
+
+inline CBLAS_TRANSPOSE blas_op(bool transposed) {
+    return transposed ? CblasTrans : CblasNoTrans;
+}
+
+/// c = alpha * op(a) * op(b) + beta * c
+inline void vorn_gemm(const Tensor<float>& a, bool a_t, const Tensor<float>& b, bool b_t,
+                      Tensor<float>& c, DType alpha, DType beta) {
+    const int dim_m = static_cast<int>(c.get_h()), dim_n = static_cast<int>(c.get_w());
+    const int dim_k = static_cast<int>(a_t ? a.get_h() : a.get_w());
+    cblas_sgemm(CblasRowMajor, blas_op(a_t), blas_op(b_t), dim_m, dim_n, dim_k, alpha, a.get_ptr(),
+                leading_dimension(a), b.get_ptr(), leading_dimension(b), beta, c.get_ptr(),
+                leading_dimension(c));
+}
+
+inline void vorn_batch_gemm(const Tensor<float>& a, bool a_t, int64_t a_stride,
+                            const Tensor<float>& b, bool b_t, int64_t b_stride, Tensor<float>& c,
+                            int64_t c_stride, int batch, DType alpha, DType beta) {
+    if (c.get_element_count() == 0) {
+        return;
+    }
+    const MatrixBatch a_i(a, a_stride), b_i(b, b_stride), c_i(c, c_stride);
+    const int dim_k = a_t ? a_i.rows : a_i.columns;
+    for (int i = 0; i < batch; ++i) {
+        cblas_sgemm(CblasRowMajor, blas_op(a_t), blas_op(b_t), c_i.rows, c_i.columns, dim_k, alpha,
+                    a.get_ptr() + i * a_i.step, leading_dimension(a), b.get_ptr() + i * b_i.step,
+                    leading_dimension(b), beta, c.get_ptr() + i * c_i.step, leading_dimension(c));
+    }
+}
+
+/// out[i][j] = in[j][i]
+template <typename T>
+void vorn_transpose(const Tensor<T>& in, Tensor<T>& out) {
+    transpose_matrix(in.get_ptr(), in.ld(), out.get_ptr(), out.ld(), out.row(), out.col());
+}
+
+inline void vorn_norm2(const Tensor<float>& in, DType* res) {
+    *res = cblas_snrm2(static_cast<int>(in.get_element_count()), in.get_ptr(), 1);
+}
+
+inline void vorn_norm1(const Tensor<float>& in, DType* res) {
+    *res = cblas_sasum(static_cast<int>(in.get_element_count()), in.get_ptr(), 1);
+}
+
+/// A row-major matrix is LAPACK's transposed one, which its solver takes as it stands. The pointer
+/// tables are a GPU's.
+inline void vorn_sgels(Tensor<float>& in, Tensor<float>& inout, Tensor<unsigned long>&,
+                       Tensor<unsigned long>&) {
+    if (in.get_element_count() == 0) {
+        return;
+    }
+    const int batch = in.get_size()[0], m = in.get_size()[1], n = in.get_size()[2];
+    const int lda = static_cast<int>(in.ld()), ldb = std::max(m, n);
+    float work_size = 0;
+    int info = LAPACKE_sgels_work(LAPACK_COL_MAJOR, 'T', n, m, 1, in.get_ptr(), lda,
+                                  inout.get_ptr(), ldb, &work_size, -1);
+    CHECK(info == 0);
+    std::vector<float> work(static_cast<size_t>(work_size));
+    for (int b = 0; b < batch; ++b) {
+        info = LAPACKE_sgels_work(
+            LAPACK_COL_MAJOR, 'T', n, m, 1, in.get_ptr() + static_cast<index_t>(b) * m * in.ld(),
+            lda, inout.get_ptr() + b * inout.ld(), ldb, work.data(), static_cast<int>(work.size()));
+        CHECK(info == 0) << "matrix " << b << " is not of full rank";
+    }
 }
 
 }  // namespace cpu
