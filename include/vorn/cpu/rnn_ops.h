@@ -1,0 +1,105 @@
+#ifndef VORN_CPU_RNN_OPS_H_
+#define VORN_CPU_RNN_OPS_H_
+
+#include "vorn/ops/lstm_rule.h"
+#include "vorn/tensor/tensor.h"
+
+/// Host forms of the fused LSTM steps. Every matrix has its own pitch.
+namespace vorn {
+namespace cpu {
+
+/// The rows of a matrix of at least `height` rows, `height` not 0. The first and the last go
+/// through get_row, so that a tensor that is no such matrix stops a call before it writes.
+class MatrixRows {
+public:
+    MatrixRows(const Tensor<float>& matrix, index_t height)
+        : _first(matrix.get_row(0)), _ld(matrix.ld()) {
+        matrix.get_row(height - 1);
+    }
+    float* operator[](index_t row) const { return _first + row * _ld; }
+
+private:
+    float* _first;
+    index_t _ld;
+};
+
+// `ivdep`, because a cell depends on its own position only: c_cur may be c_pre, and e_cur c_err.
+template <bool is_limit>
+void lstm_row(const float* in, const float* wc_i, const float* wc_f, const float* wc_o,
+              const float* c_pre, float* c_cur, float* i_out, float* f_out, float* c_out,
+              float* o_out, float* hc, float* m_cur, index_t width, float max, float min) {
+    const float *in_i = in, *in_f = in + width, *in_o = in + 2 * width, *in_c = in + 3 * width;
+#pragma GCC ivdep
+    for (index_t j = 0; j < width; ++j) {
+        const func::LstmCell cell = func::lstm_cell<is_limit>(
+            in_i[j], in_f[j], in_o[j], in_c[j], wc_i[j], wc_f[j], wc_o[j], c_pre[j], max, min);
+        i_out[j] = cell.i;
+        f_out[j] = cell.f;
+        c_out[j] = cell.g;
+        c_cur[j] = cell.c;
+        o_out[j] = cell.o;
+        hc[j] = cell.h;
+        m_cur[j] = cell.m;
+    }
+}
+
+inline void lstm_bp_row(const float* i_out, const float* f_out, const float* c_out,
+                        const float* o_out, const float* wc_o, const float* m_err, const float* hc,
+                        const float* c_pre, const float* c_err, float* e_cur, float* wx_err,
+                        index_t width) {
+    float *err_i = wx_err, *err_f = wx_err + width, *err_o = wx_err + 2 * width,
+          *err_c = wx_err + 3 * width;
+#pragma GCC ivdep
+    for (index_t j = 0; j < width; ++j) {
+        const func::LstmCellError error = func::lstm_cell_bp(
+            i_out[j], f_out[j], c_out[j], o_out[j], wc_o[j], m_err[j], hc[j], c_pre[j], c_err[j]);
+        err_o[j] = error.d_o;
+        e_cur[j] = error.e;
+        err_c[j] = error.d_c;
+        err_f[j] = error.d_f;
+        err_i[j] = error.d_i;
+    }
+}
+
+inline void vorn_lstm_op(const Tensor<float>& wx_out, const Tensor<float>& wc_i,
+                         const Tensor<float>& wc_f, const Tensor<float>& wc_o,
+                         const Tensor<float>& c_pre, Tensor<float>& c_cur, Tensor<float>& i_out,
+                         Tensor<float>& f_out, Tensor<float>& c_out, Tensor<float>& o_out,
+                         Tensor<float>& hc, Tensor<float>& m_cur, float max, float min) {
+    const index_t sub_width = wc_i.get_width(), sub_height = wx_out.get_height();
+    if (sub_height == 0) {
+        return;
+    }
+    const MatrixRows in(wx_out, sub_height), pre(c_pre, sub_height), cur(c_cur, sub_height),
+        i(i_out, sub_height), f(f_out, sub_height), c(c_out, sub_height), o(o_out, sub_height),
+        h(hc, sub_height), m(m_cur, sub_height);
+    const auto row = func::is_lstm_limit(max, min) ? lstm_row<true> : lstm_row<false>;
+    for (index_t r = 0; r < sub_height; ++r) {
+        row(in[r], wc_i.get_ptr(), wc_f.get_ptr(), wc_o.get_ptr(), pre[r], cur[r], i[r], f[r], c[r],
+            o[r], h[r], m[r], sub_width, max, min);
+    }
+}
+
+inline void vorn_lstm_bp_op(const Tensor<float>& i_out, const Tensor<float>& f_out,
+                            const Tensor<float>& c_out, const Tensor<float>& o_out,
+                            const Tensor<float>& wc_o, const Tensor<float>& m_err,
+                            const Tensor<float>& hc, const Tensor<float>& c_pre,
+                            const Tensor<float>& c_err, Tensor<float>& e_cur,
+                            Tensor<float>& wx_err) {
+    const index_t sub_width = i_out.get_width(), sub_height = i_out.get_height();
+    if (sub_height == 0) {
+        return;
+    }
+    const MatrixRows i(i_out, sub_height), f(f_out, sub_height), c(c_out, sub_height),
+        o(o_out, sub_height), m(m_err, sub_height), h(hc, sub_height), pre(c_pre, sub_height),
+        next(c_err, sub_height), e(e_cur, sub_height), out(wx_err, sub_height);
+    for (index_t r = 0; r < sub_height; ++r) {
+        lstm_bp_row(i[r], f[r], c[r], o[r], wc_o.get_ptr(), m[r], h[r], pre[r], next[r], e[r],
+                    out[r], sub_width);
+    }
+}
+
+}  // namespace cpu
+}  // namespace vorn
+
+#endif  // VORN_CPU_RNN_OPS_H_

@@ -1,0 +1,54 @@
+#ifndef VORN_OPS_CTC_MATH_H_
+#define VORN_OPS_CTC_MATH_H_
+
+#include <cfloat>
+#include <cmath>
+
+#include "vorn/gpu/kernel_util.h"
+
+/// Arithmetic on natural logarithms of probabilities, for host and device.
+namespace vorn {
+
+/// The log of zero in CTC tables. Only this exact value counts as zero, so nothing is ever added
+/// to it.
+constexpr float CTC_LOG_ZERO = -1e30f;
+/// The log of a division by zero.
+constexpr float CTC_LOG_INF = 1e30f;
+/// From here on, the logarithm of the largest float, exponentials saturate.
+constexpr float CTC_EXP_LIMIT = 88.72283f;
+
+namespace func {
+
+/// log(exp(a) exp(b))
+VORN_HD inline float ctc_log_mul(float a, float b) {
+    return a == CTC_LOG_ZERO || b == CTC_LOG_ZERO ? CTC_LOG_ZERO : a + b;
+}
+
+/// log(exp(a) / exp(b)), where 0 / 0 is 0.
+VORN_HD inline float ctc_log_sub(float a, float b) {
+    if (a == CTC_LOG_ZERO) {
+        return CTC_LOG_ZERO;
+    }
+    return b == CTC_LOG_ZERO ? CTC_LOG_INF : a - b;
+}
+
+/// exp(x), limited to the finite floats.
+VORN_HD inline float ctc_safe_exp(float x) {
+    if (x <= CTC_LOG_ZERO) {
+        return 0.0f;
+    }
+    return x >= CTC_EXP_LIMIT ? FLT_MAX : expf(x);
+}
+
+/// log(exp(x) + exp(y)), from the larger one up.
+VORN_HD inline float ctc_log_add(float x, float y) {
+    if (x < y) {
+        return ctc_log_mul(y, logf(1.0f + ctc_safe_exp(ctc_log_sub(x, y))));
+    }
+    return ctc_log_mul(x, logf(1.0f + ctc_safe_exp(ctc_log_sub(y, x))));
+}
+
+}  // namespace func
+}  // namespace vorn
+
+#endif  // VORN_OPS_CTC_MATH_H_

@@ -1,0 +1,70 @@
+#ifndef VORN_OPS_LSTM_RULE_H_
+#define VORN_OPS_LSTM_RULE_H_
+
+#include <cmath>
+
+#include "vorn/cpu/vector_math.h"
+#include "vorn/gpu/kernel_util.h"
+
+/// One cell of an LSTM with peepholes, all in single precision, written once for host and device.
+namespace vorn {
+namespace func {
+
+/// 1 / (1 + exp(-x)), with x kept above -64: the exponential stays far from overflow, and a closed
+/// gate lets about 1.6e-28 pass.
+VORN_HD inline float guarded_sigmoid(float x) {
+    const float t = x < -64.0f ? 64.0f : -x;
+    return 1.0f / (1.0f + expf(t));
+}
+
+/// True where an LSTM step clips its cell state. Bounds that are (nearly) equal switch it off.
+inline bool is_lstm_limit(float max, float min) {
+    return std::fabs(max - min) > 1e-6;
+}
+
+/// What the forward step makes of one cell; the names are those of Tensor::lstm_op.
+struct LstmCell {
+    float i, f, g, c, o, h, m;
+};
+
+/// The forward step from the pre-activations `x_*`, the peepholes `wc_*` and the old cell state.
+/// The output gate's peephole sees the new, clipped state. The upper bound is applied last.
+template <bool is_limit>
+VORN_HD inline LstmCell lstm_cell(float x_i, float x_f, float x_o, float x_c, float wc_i,
+                                  float wc_f, float wc_o, float c_pre, float max, float min) {
+    LstmCell cell;
+    cell.i = guarded_sigmoid(wc_i * c_pre + x_i);
+    cell.f = guarded_sigmoid(wc_f * c_pre + x_f);
+    cell.g = tanhf(x_c);
+    cell.c = cell.f * c_pre + cell.i * cell.g;
+    if (is_limit) {
+        cell.c = cell.c < min ? min : cell.c;
+        cell.c = cell.c > max ? max : cell.c;
+    }
+    cell.o = guarded_sigmoid(wc_o * cell.c + x_o);
+    cell.h = tanhf(cell.c);
+    cell.m = cell.o * cell.h;
+    return cell;
+}
+
+/// Errors of one cell: of its state and of its four pre-activations.
+struct LstmCellError {
+    float e, d_i, d_f, d_o, d_c;
+};
+
+/// The backward step from the saved activations and the errors from above and from the next step.
+VORN_HD inline LstmCellError lstm_cell_bp(float i, float f, float g, float o, float wc_o,
+                                          float m_err, float h, float c_pre, float c_err) {
+    LstmCellError error;
+    error.d_o = m_err * h * o * (1 - o);
+    error.e = m_err * o * (1 - h * h) + error.d_o * wc_o + c_err;
+    error.d_c = error.e * i * (1 - g * g);
+    error.d_f = error.e * c_pre * f * (1 - f);
+    error.d_i = error.e * g * i * (1 - i);
+    return error;
+}
+
+}  // namespace func
+}  // namespace vorn
+
+#endif  // VORN_OPS_LSTM_RULE_H_
