@@ -46,12 +46,14 @@ void Dim::clear() {
 
 int Dim::product_check() const {
     int64_t product_long = 1;
-    // Unsigned, because the product of absurd extents may leave even 64 bits.
+    bool overflow = false;
     for (int extent : *this) {
-        product_long = static_cast<int64_t>(static_cast<uint64_t>(product_long) *
-                                            static_cast<uint64_t>(static_cast<int64_t>(extent)));
+        overflow = __builtin_mul_overflow(product_long, int64_t{extent}, &product_long) || overflow;
     }
-    const index_t ret = static_cast<index_t>(product_long);
+    // A product that left 64 bits and came back small is overlarge too. One that came back as 0
+    // by way of an empty axis is not.
+    const bool overlarge = overflow && std::find(begin(), end(), 0) == end();
+    const index_t ret = overlarge ? ~index_t{0} : static_cast<index_t>(product_long);
     CHECK(ret <= static_cast<index_t>(std::numeric_limits<int>::max()))
         << "Dim size error " << to_string() << " product_long " << product_long;
     return static_cast<int>(ret);

@@ -2,6 +2,7 @@
 #define VORN_TENSOR_DIM_H_
 
 #include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -91,6 +92,18 @@ struct Dim {
 
     /// The product of all axes but the last; 1 for a single axis, and without axes.
     int height() const;
+
+    /// The shape's part of a tensor file, as the Tensor members of the same name tell. hfnn and
+    /// score records abort unless there are 2 axes. Axes that a truncated stream doesn't hold
+    /// read as 0.
+    void write(FILE* f) const;
+    void write(std::ofstream& out) const;
+    void write_hfnn(std::ofstream& out) const;
+    void write_score(std::ofstream& out) const;
+    void write_score(std::ofstream& out, int frame_len) const;
+    void read(FILE* f);
+    void read(std::ifstream& in, size_t byte_size);
+    void read_hfnn(std::ifstream& in, size_t byte_size);
 };
 
 /// "Dim [3, 4]", or "Dim [null]" without axes.

@@ -346,6 +346,59 @@ public:
     /// Row r of `in` where mask[r] is not 0, else zeros. Dense rows; `in` may be this tensor.
     void vec_mask(const Tensor<float>& in, const Tensor<int>& mask);
 
+    // ---- Files --------------------------------------------------------------------------------
+    // Elements are stored row-major, binary fields in the byte order of the host, without a magic
+    // number or a type tag: the reader knows form and type. Binary writers abort on a pitched host
+    // tensor; a GPU tensor is copied to the host first. Readers resize this tensor. None reports a
+    // file that is truncated or malformed behind its shape: what it doesn't hold reads as 0.
+    // The forms that take a name open the file, and abort if they can't.
+
+    /// Plain binary form: `int` axis count, an `int` per axis, the elements.
+    void write(std::ofstream& out) const;
+    /// Aborts unless `byte_size`, the width of the shape's fields, is 4, or 0 for the default.
+    void read(std::ifstream& in, index_t byte_size = 0);
+    /// hfnn form of a matrix: rows and columns as `size_t`, the elements.
+    void write_hfnn(std::ofstream& out) const;
+    /// The shape's fields are 8 bytes wide, or 4 as `byte_size` says; 0 means 8.
+    void read_hfnn(std::ifstream& in, index_t byte_size = 0);
+    /// Score form of a matrix: three `int` of 0, rows and columns as `int`, the elements.
+    void write_score(std::ofstream& out) const;
+    /// The first `frame_len` frames of sequence `batch_idx`, where row t * batch_size + b is frame
+    /// t of sequence b.
+    void write_score(std::ofstream& out, int batch_idx, int batch_size, int frame_len) const;
+    /// Bracket text form, of 1 to 5 axes: a line with the axes, then a line per row, as in
+    /// `[0, 2, 0 - 4]`, a tab and the elements with six decimals. A `count` above 0 gives the axes
+    /// and the first `count` elements on one line, which can't be read back.
+    void write(FILE* f, int count = 0) const;
+    void write(const char* filename, int count = 0) const;
+    /// Reads the bracket text form. Row heads are skipped, not compared.
+    void read(FILE* f);
+    void read(const char* filename);
+    /// Diff form: the axes, then a line per element with its position and its value, as float,
+    /// with `fixed` decimals. All elements if `count` is at most 0, else the first `count`.
+    void write_diff(FILE* f, int count = 0, int fixed = 6) const;
+    void write_diff(const char* filename, int count = 0, int fixed = 6) const;
+
+    // ---- Debugging ----------------------------------------------------------------------------
+
+    /// Prints `name` and the first `count` elements to standard output, a line each: position and
+    /// value. If `count` is at most 0, all elements, with coordinates, which a pitched host view
+    /// takes from the pitch. Like all of `show`, this leaves std::cout with precision 6 and
+    /// without its fixed flag.
+    void show(const char* name, int count = 0) const;
+    /// The elements from coordinate `start` up to, not including, `stop`, a line per row.
+    void show(const char* name, const Dim& start, const Dim& stop) const;
+    /// The same for 1 to 4 axes; logs an error and prints nothing if the tensor has others.
+    void show(const char* name, int w1, int w2) const;
+    void show(const char* name, int h1, int w1, int h2, int w2) const;
+    void show(const char* name, int c1, int h1, int w1, int c2, int h2, int w2) const;
+    void show(const char* name, int n1, int c1, int h1, int w1, int n2, int c2, int h2,
+              int w2) const;
+    /// How many elements differ from those of `ref` by more than 1e-5, in row-major order, on any
+    /// devices; NaN differs from nothing. Aborts unless the element counts are equal. `filename`
+    /// and `index` are not read.
+    index_t check(const Tensor<T>& ref, const char* filename = nullptr, index_t index = 0) const;
+
 private:
     friend void gpu::vorn_norm1(const Tensor<float>& in, DType* res);
     friend void gpu::vorn_norm2(const Tensor<float>& in, DType* res);
