@@ -1,0 +1,88 @@
+// What all tests of the simulated toolkit share.
+#pragma once
+
+#include <cuda_runtime.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+#include <vector>
+
+#define EXPECT_CUDA(call) EXPECT_EQ(call, cudaSuccess)
+#define ASSERT_CUDA(call) ASSERT_EQ(call, cudaSuccess)
+
+/// Leaves a fresh device behind, whatever a test did to it.
+class DeviceTest : public testing::Test {
+protected:
+    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void TearDown() override { cudaDeviceReset(); }
+};
+
+inline cudaLaunchConfig_t config(dim3 grid, dim3 block, cudaStream_t stream = nullptr) {
+    cudaLaunchConfig_t c{};
+    c.gridDim = grid;
+    c.blockDim = block;
+    c.stream = stream;
+    return c;
+}
+
+template <class... P, class... A>
+cudaError_t launch(dim3 grid, dim3 block, void (*kernel)(P...), A... args) {
+    const cudaLaunchConfig_t c = config(grid, block);
+    return cudaLaunchKernelEx(&c, kernel, args...);
+}
+
+/// A block of device memory that is freed with the scope.
+template <class T>
+class DeviceArray {
+public:
+    explicit DeviceArray(size_t size) : size_(size) {
+        EXPECT_CUDA(cudaMalloc(&data_, size * sizeof(T)));
+        EXPECT_CUDA(cudaMemset(data_, 0xff, size * sizeof(T)));
+    }
+    explicit DeviceArray(const std::vector<T>& values) : DeviceArray(values.size()) {
+        EXPECT_CUDA(cudaMemcpy(data_, values.data(), size_ * sizeof(T), cudaMemcpyHostToDevice));
+    }
+    ~DeviceArray() { cudaFree(data_); }
+    DeviceArray(const DeviceArray&) = delete;
+    DeviceArray& operator=(const DeviceArray&) = delete;
+
+    T* get() const { return data_; }
+    std::vector<T> read() const {
+        std::vector<T> values(size_);
+        EXPECT_CUDA(cudaMemcpy(values.data(), data_, size_ * sizeof(T), cudaMemcpyDeviceToHost));
+        return values;
+    }
+
+private:
+    size_t size_;
+    T* data_ = nullptr;
+};
+
+/// Holds a stream until it is opened.
+class Gate {
+public:
+    explicit Gate(cudaStream_t stream) {
+        EXPECT_CUDA(cudaLaunchHostFunc(stream, &Gate::wait, this));
+    }
+    void open() { open_ = true; }
+
+private:
+    static void wait(void* self) {
+        while (!static_cast<Gate*>(self)->open_) {
+            std::this_thread::yield();
+        }
+    }
+    std::atomic<bool> open_{false};
+};
+
+inline std::vector<float> random_floats(size_t size, unsigned seed) {
+    std::mt19937 engine(seed);
+    std::uniform_real_distribution<float> draw(-1, 1);
+    std::vector<float> values(size);
+    for (float& v : values) {
+        v = draw(engine);
+    }
+    return values;
+}
