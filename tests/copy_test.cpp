@@ -1,0 +1,249 @@
+#include <cuda_runtime.h>
+
+#include <tuple>
+
+#include "device_test.h"
+#include "vorn/ops/ops.h"
+
+namespace vorn {
+namespace test {
+
+/// A block of memory on any device, filled and read past the library, with a tensor in it whose
+/// rows are `gap` elements apart and whose first element stands behind `gap` others.
+template <typename T>
+class Block {
+public:
+    Block(const Dim& size, const Device& device, index_t gap)
+        : _width(size[-1]),
+          _ld(_width + gap),
+          _first(gap),
+          _count(_first + size.height() * _ld),
+          _buffer(std::make_shared<Buffer>(_count * sizeof(T), device)),
+          tensor(_buffer, size, _ld, static_cast<T*>(_buffer->ptr()) + _first) {}
+
+    void write(const std::vector<T>& all) {
+        move(_buffer->ptr(), all.data(), cudaMemcpyHostToDevice);
+    }
+    std::vector<T> read() const {
+        std::vector<T> all(_count);
+        move(all.data(), _buffer->ptr(), cudaMemcpyDeviceToHost);
+        return all;
+    }
+    index_t count() const { return _count; }
+    /// The place of a row's element in the block.
+    index_t place(index_t row, index_t col) const { return _first + row * _ld + col; }
+
+private:
+    void move(void* to, const void* from, cudaMemcpyKind kind) const {
+        if (is_cpu_device(_buffer->device())) {
+            memcpy(to, from, _count * sizeof(T));
+        } else {
+            ASSERT_EQ(cudaMemcpy(to, from, _count * sizeof(T), kind), cudaSuccess);
+        }
+    }
+
+    index_t _width, _ld, _first, _count;
+    std::shared_ptr<Buffer> _buffer;
+
+public:
+    Tensor<T> tensor;
+};
+
+template <typename T>
+std::vector<T> numbers(index_t count, int step) {
+    std::vector<T> values(count);
+    for (index_t i = 0; i < count; ++i) {
+        values[i] = static_cast<T>(step * (i + 1));
+    }
+    return values;
+}
+
+class CopyTest : public ::testing::TestWithParam<std::tuple<Device, Device>> {
+protected:
+    void SetUp() override {
+        if ((source() == GPU || target() == GPU) && !has_gpu()) {
+            GTEST_SKIP() << "no GPU on this machine";
+        }
+    }
+    Device source() const { return std::get<0>(GetParam()); }
+    Device target() const { return std::get<1>(GetParam()); }
+
+    /// Copies between tensors of each pitch and expects the rows, and nothing else, to arrive.
+    template <typename T>
+    void copy_all_pitches() {
+        const Dim shapes[] = {Dim(1), Dim(5), Dim(4, 6), Dim(2, 3, 4, 5), Dim(3, 1, 2, 2, 7)};
+        for (const Dim& shape : shapes) {
+            for (int pitches = 0; pitches < 4; ++pitches) {
+                Block<T> from(shape, source(), pitches & 1 ? 3 : 0);
+                Block<T> to(shape, target(), pitches & 2 ? 4 : 0);
+                const std::vector<T> values = numbers<T>(from.count(), 3);
+                std::vector<T> expected = numbers<T>(to.count(), -7);
+                from.write(values);
+                to.write(expected);
+                for (int row = 0; row < shape.height(); ++row) {
+                    for (int col = 0; col < shape[-1]; ++col) {
+                        expected[to.place(row, col)] = values[from.place(row, col)];
+                    }
+                }
+                SCOPED_TRACE(::testing::Message() << shape << " pitches " << pitches);
+                if (pitches % 2 == 0) {
+                    to.tensor.copy_from(from.tensor);
+                } else {
+                    from.tensor.copy_to(to.tensor);
+                }
+                EXPECT_EQ(to.read(), expected);
+                EXPECT_EQ(from.read(), values);
+
+                const Tensor<T> dense(from.tensor, target());
+                EXPECT_TRUE(dense.is_contiguous());
+                EXPECT_EQ(dense.get_device(), target());
+                to.tensor.copy_from(dense);
+                EXPECT_EQ(to.read(), expected);
+            }
+        }
+    }
+
+    ThreadContextScope _context;
+};
+
+std::string name_of_pair(const ::testing::TestParamInfo<std::tuple<Device, Device>>& info) {
+    const char* names[] = {"Cpu", "Gpu", "Pinned"};
+    return std::string(names[std::get<0>(info.param) - CPU]) + "To" +
+           names[std::get<1>(info.param) - CPU];
+}
+
+const auto kDevices = ::testing::Values(CPU, GPU, CPU_PINNED);
+INSTANTIATE_TEST_SUITE_P(Pairs, CopyTest, ::testing::Combine(kDevices, kDevices), name_of_pair);
+
+TEST_P(CopyTest, AllPitchesAndTypes) {
+    copy_all_pitches<float>();
+    copy_all_pitches<int>();
+    copy_all_pitches<unsigned long>();
+    copy_all_pitches<unsigned char>();
+    copy_all_pitches<short>();
+}
+
+TEST_P(CopyTest, LeadingAxesOfExtentOneAndEmptyTensors) {
+    Block<float> flat(Dim(5), source(), 0), row(Dim(1, 5), target(), 2);
+    flat.write({1, 2, 3, 4, 5});
+    row.write(std::vector<float>(row.count(), 9));
+    row.tensor.copy_from(flat.tensor);
+    EXPECT_EQ(row.read(), (std::vector<float>{9, 9, 1, 2, 3, 4, 5, 9, 9}));
+    flat.write(std::vector<float>(5, 0));
+    row.tensor.copy_to(flat.tensor);
+    EXPECT_EQ(flat.read(), (std::vector<float>{1, 2, 3, 4, 5}));
+
+    Tensor<float> nothing(target());
+    nothing.copy_from(Tensor<float>(source()));
+    EXPECT_EQ(nothing.count(), 0);
+}
+
+class HostMemoryTest : public DeviceTest {
+protected:
+    /// Runs of a dense 4 by 6 tensor, which holds 1, 2, ... before, against the same on a vector.
+    template <typename T>
+    void copy_runs() {
+        const Dim shape(4, 6);
+        const struct {
+            Dim start;
+            index_t position, count;
+        } runs[] = {{Dim(0, 0), 0, 24},
+                    {Dim(1, 0), 6, 6},
+                    {Dim(2, 5), 17, 3},
+                    {Dim(3, 5), 23, 1},
+                    {Dim(1, 1), 7, 0}};
+        for (const auto& run : runs) {
+            Block<T> block(shape, device(), 0);
+            std::vector<T> expected = numbers<T>(24, 1);
+            const std::vector<T> data = numbers<T>(run.count, -5);
+            for (int by_dim = 0; by_dim < 2; ++by_dim) {
+                block.write(numbers<T>(24, 1));
+                if (by_dim) {
+                    block.tensor.copy_from(data.data(), run.start, run.count);
+                } else {
+                    block.tensor.copy_from(data.data(), run.position, run.count);
+                }
+                for (index_t i = 0; i < run.count; ++i) {
+                    expected[run.position + i] = data[i];
+                }
+                EXPECT_EQ(block.read(), expected);
+
+                std::vector<T> out(run.count + 1, T(77)), expected_out = data;
+                expected_out.push_back(T(77));
+                if (by_dim) {
+                    block.tensor.copy_to(out.data(), run.start, run.count);
+                } else {
+                    block.tensor.copy_to(out.data(), run.position, run.count);
+                }
+                EXPECT_EQ(out, expected_out);
+            }
+        }
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Places, HostMemoryTest, kDensePlaces, name_of_place);
+
+TEST_P(HostMemoryTest, RunsOfElements) {
+    copy_runs<float>();
+    copy_runs<int>();
+    copy_runs<unsigned long>();
+    copy_runs<unsigned char>();
+    copy_runs<short>();
+}
+
+TEST_P(HostMemoryTest, CopyRow) {
+    Block<float> from(Dim(3, 4), CPU, 2), to(Dim(2, 6), device(), 0);
+    from.write(numbers<float>(from.count(), 1));
+    std::vector<float> expected = numbers<float>(12, -1);
+    to.write(expected);
+    to.tensor.copy_row(from.tensor, 2, 0);
+    to.tensor.copy_row(from.tensor, 0, 1);
+    for (int col = 0; col < 4; ++col) {
+        expected[col] = static_cast<float>(from.place(2, col) + 1);
+        expected[6 + col] = static_cast<float>(from.place(0, col) + 1);
+    }
+    EXPECT_EQ(to.read(), expected);
+}
+
+using HostMemoryDeathTest = HostMemoryTest;
+INSTANTIATE_TEST_SUITE_P(Places, HostMemoryDeathTest, kDensePlaces, name_of_place);
+
+TEST_P(HostMemoryDeathTest, Failures) {
+    Tensor<float> m46(Dim(4, 6), device()), m64(Dim(6, 4), device()), vec(Dim(6), device());
+    Tensor<float> block = m46.range_col(1, 4);
+    Tensor<float> row4(Dim(3, 4), CPU), row7(Dim(3, 7), CPU), cube(Dim(1, 3, 4), CPU);
+    Tensor<float> row3 = row4.range_col(0, 3);
+    float data[24] = {};
+    const std::string unequal = "Check failed: (src.get_size()) == (dst.get_size()) ";
+    expect_failures({
+        {unequal, [&] { m46.copy_from(m64); }},
+        {unequal, [&] { m46.copy_to(m64); }},
+        {unequal, [&] { vec.copy_from(m46); }},
+        {"Not Implemented Yet", [&] { block.copy_from(data, 0, 5); }},
+        {"Not Implemented Yet", [&] { block.copy_to(data, 0, 5); }},
+        {"Not Implemented Yet", [&] { block.copy_from(data, Dim(1, 0), 5); }},
+        {"Not Implemented Yet", [&] { block.copy_to(data, Dim(1, 0), 5); }},
+        {"Check failed: get_dim() == 2 ", [&] { vec.copy_row(row7, 9, 0); }},
+        {"Check failed: get_w() >= src.get_w() ", [&] { m46.copy_row(row7, 9, 0); }},
+        {"Check failed: 2 == get_dim() ", [&] { m46.copy_row(cube, 9, 0); }},
+        {"Check failed: is_valid_index(coor) invalid index dim.",
+         [&] { m46.copy_row(row4, 3, 0); }},
+        {"Not Implemented Yet", [&] { block.copy_row(row3, 0, 0); }},
+    });
+}
+
+using CopyDeathTest = ContextTest;
+
+// A pitch below the width of a row is refused.
+TEST_F(CopyDeathTest, FailedPitchedCopy) {
+    if (!has_gpu()) {
+        GTEST_SKIP() << "no GPU on this machine";
+    }
+    const Tensor<float> dense(Dim(4, 6), GPU);
+    std::vector<float> host(4 * 10);
+    EXPECT_DEATH(vorn_memcpy_2d<float>(GPU, CPU, dense.get_ptr(), 6, host.data(), 5, 6, 4),
+                 literal("Check failed: 0 == (cudaMemcpy2D(dst, dpitch_byte, src, spitch_byte, "
+                         "width_byte, height, kind)) invalid pitch argument"));
+}
+
+}  // namespace test
+}  // namespace vorn

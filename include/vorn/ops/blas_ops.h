@@ -97,9 +97,10 @@ inline DType vorn_norm1(const Tensor<float>& in) {
 /// Least squares for each matrix of `in` (batch, m, n), of full rank and overwritten, with one
 /// right-hand side each: row b of `inout` (batch, at least max(m, n)) holds it in its first m
 /// places, and then the x that minimises |in[b] x - y|, for m < n the shortest of them, in its
-/// first n. What stands behind x is left undefined up to place max(m, n). A matrix of lower rank
-/// aborts on the host and gives values that are not finite, or useless, on a GPU. `ws_d`, of the
-/// GPU, and `ws_h`, of the host, grow to the tables of device pointers that a GPU needs.
+/// first n. What stands behind x is left undefined up to place max(m, n). A matrix of lower rank is
+/// not solved: where its triangular factor has a zero on the diagonal, the host aborts and a GPU
+/// gives values that are not finite. `ws_d`, on the GPU, and `ws_h`, on the host, grow to the
+/// tables of device pointers that a GPU needs for m >= n.
 inline void vorn_sgels(Tensor<float>& in, Tensor<float>& inout, Tensor<unsigned long>& ws_d,
                        Tensor<unsigned long>& ws_h) {
     CHECK(in.get_size().get_axis() == 3);
