@@ -48,18 +48,16 @@ void Tensor<T>::log_sub_prior(const Tensor& prior) {
 
 // ---- Instantiations
 
-#define FOR_FLOAT(T)                                                                             \
-    template void Tensor<T>::row_add_vec(const Tensor<T>&, const Tensor<T>&, DType, DType, DType);  \
-    template void Tensor<T>::col_add_vec(const Tensor<T>&, const Tensor<T>&, DType, DType, DType);  \
-    template void Tensor<T>::row_mul_vec(const Tensor<T>&, const Tensor<T>&, DType, DType);         \
-    template void Tensor<T>::col_mul_vec(const Tensor<T>&, const Tensor<T>&, DType, DType);         \
-    template void Tensor<T>::diag_add_vec(const Tensor<T>&, const Tensor<T>&, DType, DType, DType); \
-    template void Tensor<T>::diag_mul_vec(const Tensor<T>&, const Tensor<T>&, DType, DType);        \
-    template void Tensor<T>::log_sub_prior(const Tensor<T>&, const Tensor<T>&);                     \
-    template void Tensor<T>::log_sub_prior(const Tensor<T>&);
-
-FOR_FLOAT(float)
-
-#undef FOR_FLOAT
+template void Tensor<float>::row_add_vec(const Tensor<float>&, const Tensor<float>&, DType, DType,
+                                         DType);
+template void Tensor<float>::col_add_vec(const Tensor<float>&, const Tensor<float>&, DType, DType,
+                                         DType);
+template void Tensor<float>::row_mul_vec(const Tensor<float>&, const Tensor<float>&, DType, DType);
+template void Tensor<float>::col_mul_vec(const Tensor<float>&, const Tensor<float>&, DType, DType);
+template void Tensor<float>::diag_add_vec(const Tensor<float>&, const Tensor<float>&, DType, DType,
+                                          DType);
+template void Tensor<float>::diag_mul_vec(const Tensor<float>&, const Tensor<float>&, DType, DType);
+template void Tensor<float>::log_sub_prior(const Tensor<float>&, const Tensor<float>&);
+template void Tensor<float>::log_sub_prior(const Tensor<float>&);
 
 }  // namespace vorn

@@ -1,0 +1,199 @@
+#ifndef VORN_GPU_SOFTMAX_OPS_H_
+#define VORN_GPU_SOFTMAX_OPS_H_
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+
+#include "vorn/gpu/kernel_util.h"
+#include "vorn/tensor/tensor.h"
+
+/// Kernels of softmax over the channels of dense (outer, channel, inner) data. Where inner is 1 a
+/// block works on one row together; elsewhere a thread owns a position and walks its channels.
+namespace vorn {
+namespace gpu {
+
+// ---- Forward
+
+/// dfMax_s[0] = the fold of all kThreads elements, by halving: dfMax_s[t] = fold(dfMax_s[t],
+/// dfMax_s[t + d]). Thread 0 may read it behind this, the others behind a further barrier.
+template <int kThreads, typename Fold>
+__device__ void block_fold(float* dfMax_s, Fold fold) {
+    const int t = threadIdx.x;
+    for (int d = kThreads / 2; d > 0; d /= 2) {
+        __syncthreads();
+        if (t < d) {
+            dfMax_s[t] = fold(dfMax_s[t], dfMax_s[t + d]);
+        }
+    }
+}
+
+struct FoldMax {
+    __device__ float operator()(float x, float y) const { return x < y ? y : x; }
+};
+struct FoldSum {
+    __device__ float operator()(float x, float y) const { return x + y; }
+};
+
+/// Rows of `channel` elements, block b on row b.
+template <int kThreads>
+__global__ void KeSoftMax(const float* in, float* out, int channel, float, float) {
+    __shared__ float dfMax_s[kThreads];
+    __shared__ float max;
+    const int t = threadIdx.x;
+    const int row = blockIdx.x * channel;
+
+    dfMax_s[t] = -FLT_MAX;
+    for (int col = t; col < channel; col += kThreads) {
+        if (dfMax_s[t] < in[row + col]) {
+            dfMax_s[t] = in[row + col];
+        }
+    }
+    block_fold<kThreads>(dfMax_s, FoldMax());
+    if (t == 0) {
+        max = dfMax_s[0];
+    }
+    __syncthreads();
+
+    for (int col = t; col < channel; col += kThreads) {
+        out[row + col] = expf(in[row + col] - max);
+    }
+    __syncthreads();
+    float sum = 0;
+    for (int col = t; col < channel; col += kThreads) {
+        sum += out[row + col];
+    }
+    dfMax_s[t] = sum;
+    block_fold<kThreads>(dfMax_s, FoldSum());
+    __syncthreads();
+
+    for (int col = t; col < channel; col += kThreads) {
+        out[row + col] = out[row + col] / dfMax_s[0];
+    }
+}
+
+/// Block b on outer index b, thread t on positions t, t + kThreads, ...
+template <int kThreads>
+__global__ void KeSoftMax3D(const float* in, float* out, index_t, index_t channel, index_t inner) {
+    const int base = static_cast<int>(blockIdx.x * (channel * inner));
+    for (index_t k = threadIdx.x; k < inner; k += kThreads) {
+        float m = in[base + k];
+        for (index_t c = 1; c < channel; ++c) {
+            m = fmaxf(m, in[base + c * inner + k]);
+        }
+        float sum = 0;
+        for (index_t c = 0; c < channel; ++c) {
+            const float e = expf(in[base + c * inner + k] - m);
+            sum += e;
+            out[base + c * inner + k] = e;
+        }
+        for (index_t c = 0; c < channel; ++c) {
+            out[base + c * inner + k] = out[base + c * inner + k] / sum;
+        }
+    }
+}
+
+inline void vorn_softmax(const Tensor<float>& in, Tensor<float>& out, index_t outer,
+                         index_t channel, index_t inner, DType alpha, DType beta) {
+    const float* in_ptr = in.get_ptr();
+    float* out_ptr = out.get_ptr();
+    CHECK_NOTNULL(in_ptr);
+    CHECK_NOTNULL(out_ptr);
+    const unsigned grid = static_cast<unsigned>(outer);
+    if (inner == 1) {
+        const int NT = 512;
+        launch(grid, NT, KeSoftMax<NT>, in_ptr, out_ptr, static_cast<int>(channel), alpha, beta);
+    } else {
+        const int NT = 128;
+        launch(grid, NT, KeSoftMax3D<NT>, in_ptr, out_ptr, outer, channel, inner);
+    }
+    VORN_KERNEL_TAIL();
+}
+
+// ---- Channel sum
+
+/// out[o * inner + k] = the sum over c of in(o, c, k), in ascending order.
+template <int kThreads>
+__global__ void KeStatChannelSum(const float* in, float* out, index_t, index_t channel,
+                                 index_t inner) {
+    const index_t o = blockIdx.x;
+    for (index_t k = threadIdx.x; k < inner; k += kThreads) {
+        float sum = 0;
+        for (index_t c = 0; c < channel; ++c) {
+            sum += in[(o * channel + c) * inner + k];
+        }
+        out[o * inner + k] = sum;
+    }
+}
+
+inline void vorn_stat_channel_sum(const Tensor<float>& a, Tensor<float>& out, index_t outer,
+                                  index_t channel, index_t inner) {
+    const int NT = 128;
+    launch(static_cast<unsigned>(outer), NT, KeStatChannelSum<NT>, a.get_ptr(), out.get_ptr(),
+           outer, channel, inner);
+    VORN_KERNEL_TAIL();
+}
+
+// ---- Backward: output * (src_grad - sum), `sum` holding the channel sums of output * src_grad
+
+/// inner of 1. `old` is read, and must be finite where `beta` is 0.
+static __global__ void KeSoftmaxBackwardNormal(float* dst_grad, const float* output,
+                                               const float* src_grad, const float* sum,
+                                               index_t outer, int channel, float alpha,
+                                               float beta) {
+    const int col = blockDim.x * blockIdx.x + threadIdx.x;
+    if (col >= channel) {
+        return;
+    }
+    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < static_cast<int>(outer);
+         row += gridDim.y * blockDim.y) {
+        const int i = row * channel + col;
+        const float gradient = output[i] * (src_grad[i] - sum[row]) * alpha;
+        dst_grad[i] = fmaf(dst_grad[i], beta, gradient);
+    }
+}
+
+template <int kThreads>
+__global__ void KeSoftmaxBackwardNormal3D(float* dst_grad, const float* output,
+                                          const float* src_grad, const float* sum, index_t outer,
+                                          index_t channel, index_t inner, float, float) {
+    for (index_t n = blockIdx.x; n < outer * channel; n += gridDim.x) {
+        const index_t o = n / channel;
+        for (index_t k = threadIdx.x; k < inner; k += kThreads) {
+            const index_t i = n * inner + k;
+            dst_grad[i] = output[i] * (src_grad[i] - sum[o * inner + k]);
+        }
+    }
+}
+
+inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<float>& src_grad,
+                                   Tensor<float>& softmax_sum, Tensor<float>& out, index_t outer,
+                                   index_t channel, index_t inner, DType alpha, DType beta) {
+    const float* sum_buf_p = softmax_sum.get_ptr();
+    const float* src_grad_p = src_grad.get_ptr();
+    float* dst_grad_p = out.get_ptr();
+    const float* out_p = output.get_ptr();
+    CHECK_NOTNULL(sum_buf_p);
+    CHECK_NOTNULL(src_grad_p);
+    CHECK_NOTNULL(dst_grad_p);
+    CHECK_NOTNULL(out_p);
+    const index_t max_blocks = kMaxGridSize;
+    if (inner == 1) {
+        const int NT = 512;
+        const dim3 grid(div_up(static_cast<int>(channel), NT),
+                        static_cast<unsigned>(std::min(outer, max_blocks)), 1);
+        launch(grid, NT, KeSoftmaxBackwardNormal, dst_grad_p, out_p, src_grad_p, sum_buf_p, outer,
+               static_cast<int>(channel), alpha, beta);
+    } else {
+        const int NT = 128;
+        const unsigned grid = static_cast<unsigned>(std::min(outer * channel, max_blocks));
+        launch(grid, NT, KeSoftmaxBackwardNormal3D<NT>, dst_grad_p, out_p, src_grad_p, sum_buf_p,
+               outer, channel, inner, alpha, beta);
+    }
+    VORN_KERNEL_TAIL();
+}
+
+}  // namespace gpu
+}  // namespace vorn
+
+#endif  // VORN_GPU_SOFTMAX_OPS_H_
