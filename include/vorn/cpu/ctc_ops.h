@@ -25,36 +25,42 @@ inline void vorn_compute_ctc_err(const Tensor<float>&, const Tensor<float>&, con
     LOG_FATAL << "Not Implemented Yet";
 }
 
-/// The lowest column of the largest element above the lowest finite float, else -1. Each lane runs
-/// over its own columns, so that the scan vectorises.
-inline int row_max_id(const float* row, int width) {
-    constexpr int kLanes = 16;
-    float max[kLanes];
-    int id[kLanes];
-    std::fill_n(max, kLanes, std::numeric_limits<float>::lowest());
-    std::fill_n(id, kLanes, -1);
-    int j = 0;
+/// The lowest column of the largest element above the lowest finite float, else -1. The value
+/// first, then its place, because both scans vectorise and a single one does not.
+inline int row_max_id(const float* row, index_t width) {
+    constexpr index_t kLanes = 32;
+    constexpr float kLowest = std::numeric_limits<float>::lowest();
+    float lanes[kLanes];
+    std::fill_n(lanes, kLanes, kLowest);
+    index_t j = 0;
     for (; j + kLanes <= width; j += kLanes) {
-        for (int lane = 0; lane < kLanes; ++lane) {
-            const float value = row[j + lane];
-            const bool above = value > max[lane];
-            max[lane] = above ? value : max[lane];
-            id[lane] = above ? j + lane : id[lane];
+        for (index_t lane = 0; lane < kLanes; ++lane) {
+            lanes[lane] = row[j + lane] > lanes[lane] ? row[j + lane] : lanes[lane];
         }
     }
-    for (int lane = 0; j < width; ++j, ++lane) {
-        if (row[j] > max[lane]) {
-            max[lane] = row[j];
-            id[lane] = j;
+    float max = kLowest;
+    for (float value : lanes) {
+        max = value > max ? value : max;
+    }
+    for (; j < width; ++j) {
+        max = row[j] > max ? row[j] : max;
+    }
+    if (max == kLowest) {
+        return -1;
+    }
+    for (j = 0; j + kLanes <= width; j += kLanes) {
+        int hits = 0;
+        for (index_t lane = 0; lane < kLanes; ++lane) {
+            hits += row[j + lane] == max;
+        }
+        if (hits > 0) {
+            break;
         }
     }
-    for (int lane = 1; lane < kLanes; ++lane) {
-        if (max[lane] > max[0] || (max[lane] == max[0] && id[lane] < id[0])) {
-            max[0] = max[lane];
-            id[0] = id[lane];
-        }
+    while (row[j] != max) {
+        ++j;
     }
-    return id[0];
+    return static_cast<int>(j);
 }
 
 inline void vorn_find_row_max_id(const Tensor<float>& in, Tensor<int>& max_id_vec) {
@@ -62,7 +68,7 @@ inline void vorn_find_row_max_id(const Tensor<float>& in, Tensor<int>& max_id_ve
     const float* in_p = in.get_ptr();
     int* id_p = max_id_vec.get_ptr();
     for (index_t m = 0; m < dimM; ++m) {
-        id_p[m] = row_max_id(in_p + m * dimN, static_cast<int>(dimN));
+        id_p[m] = row_max_id(in_p + m * dimN, dimN);
     }
 }
 

@@ -1,6 +1,8 @@
 #ifndef VORN_CPU_RNN_OPS_H_
 #define VORN_CPU_RNN_OPS_H_
 
+#include <algorithm>
+
 #include "vorn/ops/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
@@ -23,23 +25,48 @@ private:
     index_t _ld;
 };
 
-// `ivdep`, because a cell depends on its own position only: c_cur may be c_pre, and e_cur c_err.
+// `ivdep` in these loops, because a cell depends on its own position only: c_cur may be c_pre, and
+// e_cur c_err.
+
+inline void lstm_gate_row(const float* x, const float* wc, const float* c, float* gate, float* out,
+                          index_t n) {
+#pragma GCC ivdep
+    for (index_t j = 0; j < n; ++j) {
+        const float value = func::lstm_gate(x[j], wc[j], c[j]);
+        gate[j] = value;
+        out[j] = value;
+    }
+}
+
+/// func::lstm_cell for a row, in blocks that stay in the L1 cache and with one exponential or
+/// tangent a loop: in a single loop each call would wait for the one before it. The gates are kept
+/// beside the outputs, so that a caller who needs no backward step may pass one tensor for several.
 template <bool is_limit>
 void lstm_row(const float* in, const float* wc_i, const float* wc_f, const float* wc_o,
               const float* c_pre, float* c_cur, float* i_out, float* f_out, float* c_out,
               float* o_out, float* hc, float* m_cur, index_t width, float max, float min) {
+    constexpr index_t kBlock = 256;
+    float i[kBlock], f[kBlock], o[kBlock];
     const float *in_i = in, *in_f = in + width, *in_o = in + 2 * width, *in_c = in + 3 * width;
+    for (index_t start = 0; start < width; start += kBlock) {
+        const index_t n = std::min(kBlock, width - start);
+        const float *x_c = in_c + start, *pre = c_pre + start;
+        float *c = c_cur + start, *g_row = c_out + start, *h_row = hc + start, *m = m_cur + start;
+        lstm_gate_row(in_i + start, wc_i + start, pre, i, i_out + start, n);
+        lstm_gate_row(in_f + start, wc_f + start, pre, f, f_out + start, n);
 #pragma GCC ivdep
-    for (index_t j = 0; j < width; ++j) {
-        const func::LstmCell cell = func::lstm_cell<is_limit>(
-            in_i[j], in_f[j], in_o[j], in_c[j], wc_i[j], wc_f[j], wc_o[j], c_pre[j], max, min);
-        i_out[j] = cell.i;
-        f_out[j] = cell.f;
-        c_out[j] = cell.g;
-        c_cur[j] = cell.c;
-        o_out[j] = cell.o;
-        hc[j] = cell.h;
-        m_cur[j] = cell.m;
+        for (index_t j = 0; j < n; ++j) {
+            const float g = tanhf(x_c[j]);
+            g_row[j] = g;
+            c[j] = func::lstm_state<is_limit>(i[j], f[j], g, pre[j], max, min);
+        }
+        lstm_gate_row(in_o + start, wc_o + start, c, o, o_out + start, n);
+#pragma GCC ivdep
+        for (index_t j = 0; j < n; ++j) {
+            const float h = tanhf(c[j]);
+            h_row[j] = h;
+            m[j] = o[j] * h;
+        }
     }
 }
 

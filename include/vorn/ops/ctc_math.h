@@ -14,8 +14,8 @@ namespace vorn {
 constexpr float CTC_LOG_ZERO = -1e30f;
 /// The log of a division by zero.
 constexpr float CTC_LOG_INF = 1e30f;
-/// From here on, the logarithm of the largest float, exponentials saturate.
-constexpr float CTC_EXP_LIMIT = 88.72283f;
+/// From here on, just above the logarithm of the largest float, exponentials saturate.
+constexpr float CTC_EXP_LIMIT = 88.722839f;
 
 namespace func {
 

@@ -13,7 +13,7 @@ namespace func {
 /// 1 / (1 + exp(-x)), with x kept above -64: the exponential stays far from overflow, and a closed
 /// gate lets about 1.6e-28 pass.
 VORN_HD inline float guarded_sigmoid(float x) {
-    const float t = x < -64.0f ? 64.0f : -x;
+    const float t = 64.0f < -x ? 64.0f : -x;
     return 1.0f / (1.0f + expf(t));
 }
 
@@ -22,26 +22,38 @@ inline bool is_lstm_limit(float max, float min) {
     return std::fabs(max - min) > 1e-6;
 }
 
+/// A gate from its pre-activation `x`, its peephole weight and the cell state that it sees.
+VORN_HD inline float lstm_gate(float x, float wc, float c) {
+    return guarded_sigmoid(wc * c + x);
+}
+
+/// The new cell state. The upper bound is applied last.
+template <bool is_limit>
+VORN_HD inline float lstm_state(float i, float f, float g, float c_pre, float max, float min) {
+    float c = f * c_pre + i * g;
+    if (is_limit) {
+        c = c < min ? min : c;
+        c = c > max ? max : c;
+    }
+    return c;
+}
+
 /// What the forward step makes of one cell; the names are those of Tensor::lstm_op.
 struct LstmCell {
     float i, f, g, c, o, h, m;
 };
 
 /// The forward step from the pre-activations `x_*`, the peepholes `wc_*` and the old cell state.
-/// The output gate's peephole sees the new, clipped state. The upper bound is applied last.
+/// The output gate's peephole sees the new, clipped state.
 template <bool is_limit>
 VORN_HD inline LstmCell lstm_cell(float x_i, float x_f, float x_o, float x_c, float wc_i,
                                   float wc_f, float wc_o, float c_pre, float max, float min) {
     LstmCell cell;
-    cell.i = guarded_sigmoid(wc_i * c_pre + x_i);
-    cell.f = guarded_sigmoid(wc_f * c_pre + x_f);
+    cell.i = lstm_gate(x_i, wc_i, c_pre);
+    cell.f = lstm_gate(x_f, wc_f, c_pre);
     cell.g = tanhf(x_c);
-    cell.c = cell.f * c_pre + cell.i * cell.g;
-    if (is_limit) {
-        cell.c = cell.c < min ? min : cell.c;
-        cell.c = cell.c > max ? max : cell.c;
-    }
-    cell.o = guarded_sigmoid(wc_o * cell.c + x_o);
+    cell.c = lstm_state<is_limit>(cell.i, cell.f, cell.g, c_pre, max, min);
+    cell.o = lstm_gate(x_o, wc_o, cell.c);
     cell.h = tanhf(cell.c);
     cell.m = cell.o * cell.h;
     return cell;
