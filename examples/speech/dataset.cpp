@@ -30,18 +30,26 @@ int row_count(const Utterance& utterance, const FeatureOptions& options) {
     return row_count(std::llround(samples), options);
 }
 
+std::string shortage(const Utterance& utterance, const FeatureOptions& options) {
+    const int rows = row_count(utterance, options);
+    const int needed = frames_needed(utterance.labels);
+    if (rows >= needed) {
+        return "";
+    }
+    return utterance.file.string() + ": " + std::to_string(rows) + " frames cannot carry " +
+           std::to_string(utterance.labels.size()) + " digits, which need " +
+           std::to_string(needed);
+}
+
 std::vector<Utterance> drop_short(const std::vector<Utterance>& utterances,
                                   const FeatureOptions& options) {
     std::vector<Utterance> kept;
     for (const Utterance& utterance : utterances) {
-        const int rows = row_count(utterance, options);
-        const int needed = frames_needed(utterance.labels);
-        if (rows >= needed) {
+        const std::string why = shortage(utterance, options);
+        if (why.empty()) {
             kept.push_back(utterance);
         } else {
-            std::cerr << "warning: " << utterance.file.string() << ": skipped, " << rows
-                      << " frames cannot carry " << utterance.labels.size()
-                      << " digits, which need " << needed << '\n';
+            std::cerr << "warning: " << why << "; skipped\n";
         }
     }
     return kept;

@@ -19,6 +19,10 @@ struct Sample {
 /// Rows that the features of an utterance have.
 int row_count(const Utterance& utterance, const FeatureOptions& options);
 
+/// Empty when the frames of an utterance can carry its labels; else a sentence about it that names
+/// the file.
+std::string shortage(const Utterance& utterance, const FeatureOptions& options);
+
 /// The utterances whose frames can carry their labels; a warning on standard error names each of
 /// the others.
 std::vector<Utterance> drop_short(const std::vector<Utterance>& utterances,

@@ -144,8 +144,9 @@ int run_train(const TrainOptions& options) {
     model.shape = {options.kind, model.features.columns(), options.hidden, options.layers,
                    kClassCount};
     model.network = make_network(model.shape, compute.device());
-    Trainer trainer(model.network.get(), &data.train,
-                    {options.epochs, options.batch, options.learning_rate, options.seed});
+    Trainer trainer(
+        model.network.get(), &data.train,
+        {options.epochs, options.batch, options.learning_rate, options.seed, model.features});
     std::cout << "training on " << data.train.size() << " utterances, "
               << trainer.frames_per_epoch() << " frames; choosing by " << data.held_out.size()
               << " held out; testing on " << data.test.size() << std::endl;
@@ -178,11 +179,11 @@ int run_train(const TrainOptions& options) {
         progress.finish_epoch(summary(epochs.back(), data, quality, speed, is_best));
     }
     const double seconds = seconds_since(start);
+    if (best_epoch == 0) {
+        throw Error("interrupted before the first epoch was done: there is no model");
+    }
     if (interrupt.requested()) {
         std::cerr << "interrupted; the best model so far is kept\n";
-    }
-    if (best_epoch == 0) {
-        throw Error("training ended before its first epoch was done: there is no model");
     }
 
     const Model chosen = load_model(options.model, compute.device());

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <numeric>
 #include <utility>
 
+#include "augment.h"
 #include "error.h"
 #include "recogniser.h"
 
@@ -49,7 +49,8 @@ Trainer::Trainer(Network* network, const std::vector<Sample>* samples,
     for (const Sample& sample : *samples) {
         _frames += sample.features.rows;
     }
-    _updates_planned = static_cast<std::int64_t>(draw_batches().size()) * options.epochs;
+    const auto count = static_cast<std::int64_t>(samples->size());
+    _updates_planned = (count + options.batch - 1) / options.batch * options.epochs;
 }
 
 std::vector<std::vector<const Sample*>> Trainer::draw_batches() {
@@ -95,12 +96,24 @@ double Trainer::train_batch(const std::vector<const Sample*>& batch) {
     return loss;
 }
 
+double Trainer::train_augmented(const std::vector<const Sample*>& batch) {
+    std::vector<Sample> samples;
+    samples.reserve(batch.size());
+    std::vector<const Sample*> augmented;
+    for (const Sample* sample : batch) {
+        samples.push_back(*sample);
+        augment(_options.features, &samples.back().features, &_random);
+        augmented.push_back(&samples.back());
+    }
+    return train_batch(augmented);
+}
+
 double Trainer::run_epoch(const std::function<bool(std::int64_t, double)>& report) {
     std::int64_t frames = 0;
     double loss = 0;
     double utterances = 0;
     for (const std::vector<const Sample*>& batch : draw_batches()) {
-        loss += train_batch(batch);
+        loss += _options.augment ? train_augmented(batch) : train_batch(batch);
         utterances += static_cast<double>(batch.size());
         for (const Sample* sample : batch) {
             frames += sample->features.rows;

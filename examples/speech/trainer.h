@@ -17,6 +17,8 @@ struct TrainerOptions {
     int batch = 16;  ///< utterances
     double learning_rate = 1e-3;
     std::uint64_t seed = 1;
+    FeatureOptions features;  ///< that the samples were made with
+    bool augment = true;      ///< see augment.h
 };
 
 /// Trains a network with CTC and Adam. The same seed gives the same network, bit for bit on the
@@ -31,7 +33,7 @@ public:
     /// utterance. Throws Error when the loss is not finite any more.
     double run_epoch(const std::function<bool(std::int64_t, double)>& report);
 
-    /// One update from the given samples; returns the sum of their losses before it.
+    /// One update from the given samples as they are; returns the sum of their losses before it.
     double train_batch(const std::vector<const Sample*>& batch);
 
     /// The mean loss of an utterance, without an update.
@@ -42,6 +44,7 @@ public:
 private:
     std::vector<std::vector<const Sample*>> draw_batches();
     double learning_rate() const;
+    double train_augmented(const std::vector<const Sample*>& batch);
 
     Network* _network;
     const std::vector<Sample>* _samples;

@@ -2,9 +2,11 @@
 #define SPEECH_TEST_FILES_H_
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -63,6 +65,20 @@ std::string wav(int rate, int channels, const std::vector<T>& samples) {
     put(bytes);
     text.append(reinterpret_cast<const char*>(samples.data()), bytes);
     return text;
+}
+
+/// What a program left behind.
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+inline Outcome run(const TemporaryFolder& folder, const std::string& command) {
+    const std::string redirected =
+        command + " >" + (folder / "stdout").string() + " 2>" + (folder / "stderr").string();
+    const int status = std::system(redirected.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(folder / "stdout"),
+            read_file(folder / "stderr")};
 }
 
 /// The text of the Error that `call` throws; a failure when it throws none.
