@@ -14,7 +14,7 @@
 
 typedef struct cublasContext* cublasHandle_t;
 
-typedef enum {
+typedef enum : int {
     CUBLAS_STATUS_SUCCESS = 0,
     CUBLAS_STATUS_NOT_INITIALIZED = 1,
     CUBLAS_STATUS_ALLOC_FAILED = 3,

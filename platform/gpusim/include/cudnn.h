@@ -10,7 +10,7 @@
 
 typedef struct cudnnContext* cudnnHandle_t;
 
-typedef enum {
+typedef enum : int {
     CUDNN_STATUS_SUCCESS = 0,
     CUDNN_STATUS_NOT_INITIALIZED = 1001,
     CUDNN_STATUS_SUBLIBRARY_VERSION_MISMATCH = 1002,

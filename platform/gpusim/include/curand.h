@@ -11,7 +11,7 @@
 
 typedef struct curandGenerator_st* curandGenerator_t;
 
-typedef enum {
+typedef enum : int {
     CURAND_STATUS_SUCCESS = 0,
     CURAND_STATUS_VERSION_MISMATCH = 100,
     CURAND_STATUS_NOT_INITIALIZED = 101,

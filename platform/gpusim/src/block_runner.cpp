@@ -137,10 +137,10 @@ void BlockRunner::wait_block(const Site& site) {
         block_site_ = site;
         first_waiter_ = thread;
     } else if (site != block_site_) {
-        fault(cudaErrorLaunchFailure, kernel_name(site) +
-                                          ": threads of one block wait at different barriers: " +
-                                          thread_name(first_waiter_) + " at " + place(block_site_) +
-                                          ", " + thread_name(thread) + " at " + place(site));
+        report(kernel_name(site) +
+               ": threads of one block wait at different barriers: " + thread_name(first_waiter_) +
+               " at " + place(block_site_) + ", " + thread_name(thread) + " at " + place(site));
+        end_kernel(cudaErrorLaunchFailure);
     }
     ++block_waiting_;
     state_[thread] = State::kAtBlock;
@@ -151,9 +151,9 @@ void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     const unsigned thread = bind();
     const unsigned lane = thread % kWarp;
     if ((mask >> lane & 1u) == 0) {
-        fault(cudaErrorLaunchFailure, kernel_name(site) + ": " + thread_name(thread) +
-                                          " waits at the warp barrier " + place(site) +
-                                          ", whose mask leaves it out");
+        report(kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
+               place(site) + ", whose mask leaves it out");
+        end_kernel(cudaErrorLaunchFailure);
     }
     mask_[lane] = mask;
     warp_site_[lane] = site;
@@ -228,11 +228,11 @@ void BlockRunner::release_warp() {
     if (released == 0) {
         const Site& site = warp_site_[stuck % kWarp];
         const bool at_warp = state_[missing] == State::kAtWarp;
-        fault(cudaErrorLaunchFailure,
-              kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
-                  place(site) + " for " + thread_name(missing) + ", which waits at " +
-                  place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
-                  (at_warp ? " or with another mask" : ""));
+        report(kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
+               place(site) + " for " + thread_name(missing) + ", which waits at " +
+               place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
+               (at_warp ? " or with another mask" : ""));
+        end_kernel(cudaErrorLaunchFailure);
     }
 }
 
@@ -240,16 +240,17 @@ void BlockRunner::fail_assertion(const char* expression, const Site& site) {
     std::fprintf(stderr, "%s:%u: %s: block: %s, thread: %s Assertion `%s` failed.\n", site.file,
                  site.line, site.function, triple(blockIdx).c_str(), triple(threadIdx).c_str(),
                  expression);
-    fault_ = cudaErrorAssert;
-    switch_to(main_);
-    std::abort();  // a faulted kernel is never resumed
+    end_kernel(cudaErrorAssert);
 }
 
-void BlockRunner::fault(cudaError_t error, const std::string& message) {
+void BlockRunner::report(const std::string& message) const {
     std::fprintf(stderr, "gpusim: %s\n", message.c_str());
+}
+
+void BlockRunner::end_kernel(cudaError_t error) {
     fault_ = error;
     switch_to(main_);
-    std::abort();  // a faulted kernel is never resumed
+    std::abort();  // not reached: what a fault leaves behind is never resumed
 }
 
 std::string BlockRunner::kernel_name(const Site& site) const {

@@ -59,7 +59,9 @@ private:
     Fiber* choose();
     void release_warp();
     void switch_to(Fiber& to);
-    [[noreturn]] void fault(cudaError_t error, const std::string& message);
+    void report(const std::string& message) const;
+    /// Leaves the kernel for good. Frames below lose what they hold: callers hold nothing.
+    [[noreturn]] void end_kernel(cudaError_t error);
     std::string kernel_name(const Site& site) const;
     std::string thread_name(unsigned thread) const;
 

@@ -1,7 +1,8 @@
 /// Error codes of the runtime, with the numbers of CUDA 13.
 #pragma once
 
-enum cudaError {
+// The underlying type is fixed, so that unknown numbers have a defined value.
+enum cudaError : int {
     cudaSuccess = 0,
     cudaErrorInvalidValue = 1,
     cudaErrorMemoryAllocation = 2,
