@@ -31,11 +31,15 @@ inline void splat(V& lanes, T x) {
     lanes = x - V{};  // x + 0 would lose the sign of -0
 }
 
+// For helpers of the row fold, whose running values are to stay in registers, and for the fold of
+// all elements, where weights of 1 that the compiler sees drop out of a chain of dependent steps.
+#define VORN_FORCE_INLINE inline __attribute__((always_inline))
+
 // Folds columns j to j + 3 of eight rows into eight lanes. Rows r and r + 4 are loaded side by
 // side, so that the transposition stays inside the halves of a register.
 template <typename Reducer, typename T>
-inline void fold_four_columns(Reducer f, const T* const* rows, index_t j,
-                              typename Lanes<T>::Full& acc) {
+VORN_FORCE_INLINE void fold_four_columns(Reducer f, const T* const* rows, index_t j,
+                                         typename Lanes<T>::Full& acc) {
     using Full = typename Lanes<T>::Full;
     Full pair[4];
     for (int r = 0; r < 4; ++r) {
@@ -54,48 +58,87 @@ inline void fold_four_columns(Reducer f, const T* const* rows, index_t j,
     f.fold(acc, __builtin_shufflevector(ab23, cd23, 2, 3, 10, 11, 6, 7, 14, 15));
 }
 
-// result[r] = the fold of the n elements at rows[r], for 8 * kGroups rows. The groups are
-// independent chains, which hide the latency of an addition. A group takes a cache line of each of
-// its rows at a time, because rows a power of two apart share few places in the cache.
-template <int kGroups, typename Reducer, typename T>
-inline void fold_rows(Reducer f, const T* const* rows, index_t n, T* result) {
-    constexpr int kFull = Lanes<T>::kFull, kLine = 16;
-    typename Lanes<T>::Full acc[kGroups];
-    for (int g = 0; g < kGroups; ++g) {
-        splat(acc[g], f.identity());
+constexpr index_t kLine = 16;  // columns of a cache line
+
+// Columns j to j + kLine - 1 of eight rows. A whole line of each row at a time, because rows a
+// power of two apart share few places in the cache. Fetches the lines `ahead` elements on.
+template <typename Reducer, typename T>
+VORN_FORCE_INLINE void fold_line(Reducer f, const T* const* rows, index_t j, index_t ahead,
+                                 typename Lanes<T>::Full& acc) {
+    for (int l = 0; l < Lanes<T>::kFull; ++l) {
+        __builtin_prefetch(rows[l] + j + ahead);
     }
-    index_t j = 0;
-    for (; j + kLine <= n; j += kLine) {
-        for (int g = 0; g < kGroups; ++g) {
-            for (int k = 0; k < kLine; k += 4) {
-                fold_four_columns(f, rows + g * kFull, j + k, acc[g]);
-            }
-        }
+    for (index_t k = 0; k < kLine; k += 4) {
+        fold_four_columns(f, rows, j + k, acc);
     }
+}
+
+// Columns j to n - 1 of eight rows.
+template <typename Reducer, typename T>
+VORN_FORCE_INLINE void fold_rest(Reducer f, const T* const* rows, index_t j, index_t n,
+                                 typename Lanes<T>::Full& acc) {
     for (; j + 4 <= n; j += 4) {
-        for (int g = 0; g < kGroups; ++g) {
-            fold_four_columns(f, rows + g * kFull, j, acc[g]);
-        }
+        fold_four_columns(f, rows, j, acc);
     }
     for (; j < n; ++j) {
-        for (int g = 0; g < kGroups; ++g) {
-            typename Lanes<T>::Full column;
-            for (int l = 0; l < kFull; ++l) {
-                column[l] = rows[g * kFull + l][j];
-            }
-            f.fold(acc[g], column);
+        typename Lanes<T>::Full column;
+        for (int l = 0; l < Lanes<T>::kFull; ++l) {
+            column[l] = rows[l][j];
         }
+        f.fold(acc, column);
     }
-    memcpy(result, acc, sizeof(acc));
+}
+
+// result[r] = the fold of the n elements at rows[r], for eight rows.
+template <typename Reducer, typename T>
+void fold_eight_rows(Reducer f, const T* const* rows, index_t n, T* result) {
+    typename Lanes<T>::Full acc;
+    splat(acc, f.identity());
+    index_t j = 0;
+    for (; j + kLine <= n; j += kLine) {
+        fold_line(f, rows, j, kLine, acc);
+    }
+    fold_rest(f, rows, j, n, acc);
+    memcpy(result, &acc, sizeof(acc));
+}
+
+// The same for sixteen rows: two independent chains, which hide the latency of an addition. In
+// long rows the second eight lag behind, so that their lines go to other places of the cache.
+template <typename Reducer, typename T>
+void fold_sixteen_rows(Reducer f, const T* const* rows, index_t n, index_t ahead, T* result) {
+    constexpr int kFull = Lanes<T>::kFull;
+    constexpr index_t kLag = 8 * kLine;
+    const T* const* rows2 = rows + kFull;
+    typename Lanes<T>::Full acc, acc2;
+    splat(acc, f.identity());
+    splat(acc2, f.identity());
+    const index_t lines = n / kLine * kLine, lag = lines >= 4 * kLag ? kLag : 0;
+    index_t j = 0;
+    for (; j < lag; j += kLine) {
+        fold_line(f, rows, j, ahead, acc);
+    }
+    for (; j < lines; j += kLine) {
+        fold_line(f, rows, j, ahead, acc);
+        fold_line(f, rows2, j - lag, ahead, acc2);
+    }
+    for (j = lines - lag; j < lines; j += kLine) {
+        fold_line(f, rows2, j, ahead, acc2);
+    }
+    fold_rest(f, rows, lines, n, acc);
+    fold_rest(f, rows2, lines, n, acc2);
+    memcpy(result, &acc, sizeof(acc));
+    memcpy(result + kFull, &acc2, sizeof(acc2));
 }
 
 /// out[i] = save(fold of row i of `in`)
 template <typename Reducer, typename In, typename Out>
 void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
-    constexpr int kGroups = 2, kRows = kGroups * Lanes<In>::kFull;
+    constexpr int kFull = Lanes<In>::kFull, kRows = 2 * kFull;
     const index_t dim_m = in.get_size().height(), dim_n = in.get_size()[-1], ld_in = in.ld();
     const In* in_p = in.get_data();
     Out* out_p = out.get_data();
+    // Short rows fetch the next rows ahead, long ones their own next lines.
+    const index_t ahead = dim_n <= 256 ? kRows * ld_in : 4 * kLine;
     for (index_t i = 0; i < dim_m; i += kRows) {
         // Lanes beyond the last row repeat it, and their results are dropped.
         const In* rows[kRows];
@@ -104,10 +147,10 @@ void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
         }
         In result[kRows];
         const index_t count = std::min<index_t>(kRows, dim_m - i);
-        if (count > Lanes<In>::kFull) {
-            fold_rows<kGroups>(f, rows, dim_n, result);
+        if (count > kFull) {
+            fold_sixteen_rows(f, rows, dim_n, ahead, result);
         } else {
-            fold_rows<1>(f, rows, dim_n, result);
+            fold_eight_rows(f, rows, dim_n, result);
         }
         for (index_t r = 0; r < count; ++r) {
             out_p[i + r] = f.save(result[r], out_p[i + r]);
@@ -158,7 +201,7 @@ void reduce_2d_col(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
 
 // The fold of one run of elements, from `res` on.
 template <typename Op, typename In, typename Out>
-Out fold_run(Op f, const In* p, index_t n, Out res) {
+VORN_FORCE_INLINE Out fold_run(Op f, const In* p, index_t n, Out res) {
     for (index_t j = 0; j < n; ++j) {
         res = static_cast<Out>(f(res, p[j]));
     }
@@ -245,7 +288,7 @@ inline float fold_run(func::min f, const float* p, index_t n, float res) {
 
 /// The fold of all elements, row by row: res = f(res, x) from `val` on.
 template <typename Reducer, typename In, typename Out>
-Out reduce_all(Reducer f, const Tensor<In>& in, Out val) {
+VORN_FORCE_INLINE Out reduce_all(Reducer f, const Tensor<In>& in, Out val) {
     if (in.is_contiguous()) {
         return fold_run(f, in.get_data(), in.count(), val);
     }

@@ -13,7 +13,8 @@ namespace gpu {
 /// ldi. A thread folds every NT-th element, from its own number on, and a tree the NT values;
 /// threads beyond the width carry the identity.
 template <int NT, typename Reducer, typename In, typename Out>
-__global__ void KeReduceRow(Reducer f, const In* in, index_t ldi, Out* out, index_t h, index_t w) {
+__global__ void KeReduceRow(Reducer f, const In* in, index_t ldi, Out* out, index_t /*h*/,
+                            index_t w) {
     __shared__ In s[NT];
     const int t = threadIdx.x;
     const In* row = in + blockIdx.x * ldi;

@@ -42,7 +42,7 @@ void reduce_2d_col(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
 
 /// val = f(val, x) for all elements in row-major order, on the host: a GPU tensor is copied there.
 template <typename Reducer, typename In, typename Out>
-Out reduce_all(Reducer f, const Tensor<In>& in, Out val) {
+VORN_FORCE_INLINE Out reduce_all(Reducer f, const Tensor<In>& in, Out val) {
     if (is_cpu_device(in.get_device())) {
         return cpu::reduce_all(f, in, val);
     }
