@@ -62,7 +62,8 @@ class BlasTest : public DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, BlasTest, kAllPlaces, name_of_place);
 
 TEST_P(BlasTest, Product) {
-    const int shapes[][3] = {{1, 1, 1}, {1, 33, 17}, {31, 1, 5}, {64, 70, 33}, {5, 300, 129}};
+    const int shapes[][3] = {{1, 1, 1},    {1, 33, 17},   {31, 1, 5},
+                             {64, 70, 33}, {5, 300, 129}, {1, 40, 1}};
     const float scalars[][2] = {{1, 0}, {-0.5f, 1}, {2, 0.25f}, {0, 3}};
     unsigned seed = 1;
     for (const auto& shape : shapes) {
@@ -92,6 +93,12 @@ TEST_P(BlasTest, ProductWithBetaZeroDoesNotReadTheOutput) {
     Tensor<float> c = make(Dim(2, 2), std::vector<float>(4, NAN));
     c.mul(make<float>(Dim(2, 1), {1, 2}), make<float>(Dim(1, 2), {3, 4}), 2, 0);
     expect_same_bits(values_of(c), {6, 8, 12, 16});
+    Tensor<float> row = make(Dim(1, 2), std::vector<float>(2, NAN));
+    row.mul(make<float>(Dim(1, 2), {1, 2}), make<float>(Dim(2, 2), {1, 0, 0, 1}), 2, 0);
+    expect_same_bits(values_of(row), {2, 4});
+    Tensor<float> column = make(Dim(2, 1), std::vector<float>(2, NAN));
+    column.mul(make<float>(Dim(2, 2), {1, 0, 0, 1}), make<float>(Dim(2, 1), {1, 2}), 2, 0);
+    expect_same_bits(values_of(column), {2, 4});
 }
 
 // The matrices of a batch lie below each other in one matrix, which may be pitched.
@@ -233,6 +240,14 @@ TEST_P(BlasVectorTest, Norms) {
     EXPECT_NEAR(dense({3e-30f, -4e-30f}).norm2() / 5e-30f, 1, 1e-6);
     EXPECT_EQ(Tensor<float>(device()).norm1(), 0);
     EXPECT_EQ(Tensor<float>(device()).norm2(), 0);
+}
+
+TEST_P(BlasVectorTest, ProductOverNoElementsScalesTheOutput) {
+    for (int m : {1, 3}) {
+        Tensor<float> c = make(Dim(m, 4), std::vector<float>(4 * m, 3));
+        c.mul(Tensor<float>(Dim(m, 0), device()), Tensor<float>(Dim(0, 4), device()), 1, 2);
+        expect_same_bits(values_of(c), std::vector<float>(4 * m, 6));
+    }
 }
 
 TEST_P(BlasVectorTest, ScalAndAxpy) {

@@ -13,7 +13,8 @@
 /// A tile of 16 by 16 elements uses whole cache lines on both sides. Tiles go along a row of the
 /// output, so that its pages change slowly, and at most 256 elements far, so that the input rows
 /// they come from, often a power of two apart and thus in few cache sets, are still there for the
-/// next 16 output rows.
+/// next 16 output rows. Those rows are too many streams for the processor to foresee, so each tile
+/// asks for its right neighbour in the input, which comes a band later.
 namespace vorn {
 namespace cpu {
 
@@ -44,6 +45,13 @@ inline void transpose_4x4(const T* in, index_t ld_in, T* out, index_t ld_out) {
     store_row<stream>(to + ld_out, row1);
     store_row<stream>(to + 2 * ld_out, row2);
     store_row<stream>(to + 3 * ld_out, row3);
+}
+
+template <typename T>
+inline void prefetch_tile(const T* in, index_t ld_in) {
+    for (index_t j = 0; j < kTransposeTile; ++j) {
+        _mm_prefetch(reinterpret_cast<const char*>(in + j * ld_in), _MM_HINT_T1);
+    }
 }
 
 /// out[i][j] = in[j][i] for a whole tile.
@@ -77,6 +85,9 @@ void transpose_bands(const T* in, index_t ld_in, T* out, index_t ld_out, index_t
                 const T* from = in + j * ld_in + i;
                 T* to = out + i * ld_out + j;
                 if (i + kTransposeTile <= rows && j + kTransposeTile <= cols) {
+                    if (i + 2 * kTransposeTile <= rows) {
+                        prefetch_tile(from + kTransposeTile, ld_in);
+                    }
                     transpose_tile<stream>(from, ld_in, to, ld_out);
                 } else {
                     transpose_edge(from, ld_in, to, ld_out, std::min(kTransposeTile, rows - i),
