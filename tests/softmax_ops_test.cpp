@@ -1,0 +1,320 @@
+#include "vorn/ops/softmax_ops.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "device_test.h"
+
+namespace vorn {
+namespace test {
+namespace {
+
+using TensorF = Tensor<float>;
+
+const float kInf = std::numeric_limits<float>::infinity();
+const float kNan = std::numeric_limits<float>::quiet_NaN();
+
+struct Extents {
+    int outer, channel, inner;
+
+    int count() const { return outer * channel * inner; }
+    int sums() const { return outer * inner; }
+    int at(int o, int c, int k) const { return (o * channel + c) * inner + k; }
+    Dim dim() const { return inner == 1 ? Dim(outer, channel) : Dim(outer, channel, inner); }
+    std::string text() const { return dim().to_string(); }
+};
+
+// f(o, k) for each fold over the channels.
+template <typename F>
+void for_each_fold(const Extents& e, F f) {
+    for (int o = 0; o < e.outer; ++o) {
+        for (int k = 0; k < e.inner; ++k) {
+            f(o, k);
+        }
+    }
+}
+
+template <typename T>
+std::vector<double> softmax_of(const std::vector<T>& x, const Extents& e) {
+    std::vector<double> y(x.size());
+    for_each_fold(e, [&](int o, int k) {
+        double max = -kInf, sum = 0;
+        for (int c = 0; c < e.channel; ++c) {
+            max = std::fmax(max, x[e.at(o, c, k)]);
+        }
+        for (int c = 0; c < e.channel; ++c) {
+            sum += y[e.at(o, c, k)] = std::exp(x[e.at(o, c, k)] - max);
+        }
+        for (int c = 0; c < e.channel; ++c) {
+            y[e.at(o, c, k)] /= sum;
+        }
+    });
+    return y;
+}
+
+class SoftmaxTest : public DeviceTest {
+protected:
+    void softmax(const TensorF& in, TensorF& out, const Extents& e) {
+        if (e.inner == 1) {
+            out.softmax(in);
+        } else {
+            out.softmax(in, e.outer, e.channel, e.inner);
+        }
+    }
+};
+INSTANTIATE_TEST_SUITE_P(Places, SoftmaxTest, kDensePlaces, name_of_place);
+
+// Both sides of the blocks of both kernels, and of the host's groups of rows, runs and chunks.
+TEST_P(SoftmaxTest, MatchesTheFormula) {
+    const Extents table[] = {{1, 2, 1},    {7, 255, 1},  {8, 511, 1},  {9, 512, 1},
+                             {17, 513, 1}, {3, 1023, 1}, {2, 1025, 1}, {3, 2, 2},
+                             {2, 33, 2},   {2, 70, 7},   {2, 3, 63},   {2, 3, 65},
+                             {3, 21, 127}, {1, 4, 128},  {2, 5, 129},  {1, 3, 513}};
+    for (const Extents& e : table) {
+        SCOPED_TRACE(e.text());
+        const std::vector<float> x = random_values(e.count(), e.channel, -10, 10);
+        const TensorF in = make(e.dim(), x);
+        TensorF out = poisoned(e.dim()), in_place = make(e.dim(), x);
+        softmax(in, out, e);
+        softmax(in_place, in_place, e);
+        expect_close(values_of(out), softmax_of(x, e), 1e-5);
+        expect_same_bits(values_of(in_place), values_of(out));
+    }
+}
+
+// Rows that end in NaN, zeros or numbers below the normal ones stand beside others, as rows and as
+// positions, narrow and wide.
+TEST_P(SoftmaxTest, ExtremesStayInTheirRow) {
+    const int channel = 11;
+    const std::vector<std::vector<float>> heads = {
+        {1000, 1001}, {-1000, -1001}, {3e38f, -3e38f}, {0, -0.0f},    {-kInf, 5, -kInf},
+        {kNan, 1},    {1, kNan},      {kInf, 1},       {0, -88, -95}, {0, -103, -104.5f},
+    };
+    const int rows = static_cast<int>(heads.size()) + 1;
+    for (const Extents& e :
+         {Extents{rows, channel, 1}, {2, channel, rows}, {1, channel, 7 * rows}}) {
+        std::vector<float> x(e.count(), -kInf);  // the last row is of this only
+        for_each_fold(e, [&](int o, int k) {
+            const int row = (e.inner == 1 ? o : k) % rows;
+            for (int c = 0; row < rows - 1 && c < channel; ++c) {
+                const std::vector<float>& head = heads[row];
+                x[e.at(o, c, k)] = head[std::min<size_t>(c, head.size() - 1)];
+            }
+        });
+        SCOPED_TRACE(e.text());
+        TensorF out = poisoned(e.dim());
+        softmax(make(e.dim(), x), out, e);
+        expect_close(values_of(out), softmax_of(x, e), 1e-5, 5e-45);
+    }
+}
+
+// Each term is less than half an ulp of the first, and lost when added to it; together they are
+// not. Only the row kernel of the GPU sums in another order.
+TEST_P(SoftmaxTest, SumsInAscendingOrder) {
+    for (const Extents& e : {Extents{9, 4000, 1}, {1, 4000, 3}, {1, 4000, 70}}) {
+        std::vector<float> x(e.count(), -17.4f);
+        for_each_fold(e, [&](int o, int k) { x[e.at(o, 0, k)] = 0; });
+        TensorF out = poisoned(e.dim());
+        softmax(make(e.dim(), x), out, e);
+        const std::vector<float> y = values_of(out);
+        for_each_fold(e, [&](int o, int k) {
+            if (on_gpu() && e.inner == 1) {
+                EXPECT_NEAR(y[e.at(o, 0, k)], softmax_of(x, e)[e.at(o, 0, k)], 1e-6);
+            } else {
+                EXPECT_EQ(y[e.at(o, 0, k)], 1) << o << " " << k;
+            }
+        });
+    }
+}
+
+// Ascending sums, bit by bit; the host goes on from what is there.
+TEST_P(SoftmaxTest, ChannelSumsAddOnTheHostAndOverwriteOnTheGpu) {
+    const Extents table[] = {{1, 1, 1},  {7, 3, 1},   {8, 4, 1},   {9, 513, 1}, {2, 5, 2},
+                             {2, 9, 11}, {1, 30, 63}, {2, 3, 129}, {1, 4, 600}};
+    for (const Extents& e : table) {
+        SCOPED_TRACE(e.text());
+        const std::vector<float> a = random_values(e.count(), 7);
+        const std::vector<float> old = random_values(e.sums(), 8);
+        TensorF sums = make(Dim(e.sums()), old);
+        vorn_stat_channel_sum(make(e.dim(), a), sums, e.outer, e.channel, e.inner);
+        std::vector<float> expected;
+        for_each_fold(e, [&](int o, int k) {
+            float sum = on_gpu() ? 0 : old[o * e.inner + k];
+            for (int c = 0; c < e.channel; ++c) {
+                sum += a[e.at(o, c, k)];
+            }
+            expected.push_back(sum);
+        });
+        expect_same_bits(values_of(sums), expected);
+    }
+}
+
+// Both sides of the blocks and caps of the kernels, and of what the host does at a time. The old
+// sums enter the result on the host only.
+TEST_P(SoftmaxTest, BackwardMatchesTheFormula) {
+    const Extents table[] = {{3, 511, 1}, {40, 1025, 1}, {40961, 2, 1}, {2, 3, 127},
+                             {2, 3, 129}, {1, 2, 600},   {20481, 2, 3}, {3, 90, 5}};
+    for (const Extents& e : table) {
+        SCOPED_TRACE(e.text());
+        const std::vector<float> y = random_values(e.count(), 9), g = random_values(e.count(), 10);
+        const std::vector<float> old = random_values(e.sums(), 11);
+        TensorF out = poisoned(e.dim()), sums = make(Dim(e.sums()), old);
+        if (e.inner == 1) {
+            out.softmax_bp_normal(make(e.dim(), y), make(e.dim(), g), sums);
+        } else {
+            out.softmax_bp_normal(make(e.dim(), y), make(e.dim(), g), sums, e.outer, e.channel,
+                                  e.inner);
+        }
+        std::vector<double> expected(e.count()), expected_sums;
+        for_each_fold(e, [&](int o, int k) {
+            double sum = on_gpu() ? 0 : old[o * e.inner + k];
+            for (int c = 0; c < e.channel; ++c) {
+                sum += double(y[e.at(o, c, k)]) * g[e.at(o, c, k)];
+            }
+            for (int c = 0; c < e.channel; ++c) {
+                expected[e.at(o, c, k)] = y[e.at(o, c, k)] * (g[e.at(o, c, k)] - sum);
+            }
+            expected_sums.push_back(sum);
+        });
+        expect_close(values_of(out), expected, 1e-6, 1e-5);
+        expect_close(values_of(sums), expected_sums, 1e-6, 1e-5);
+    }
+}
+
+TEST_P(SoftmaxTest, BackwardIsTheGradient) {
+    for (const Extents& e : {Extents{3, 5, 1}, {2, 4, 3}, {1, 3, 66}}) {
+        SCOPED_TRACE(e.text());
+        const std::vector<float> w = random_values(e.count(), 12),
+                                 in = random_values(e.count(), 13);
+        TensorF output = poisoned(e.dim()), gradient = poisoned(e.dim());
+        TensorF sums(Dim(e.sums()), device());
+        softmax(make(e.dim(), in), output, e);
+        gradient.softmax_bp_normal(output, make(e.dim(), w), sums, e.outer, e.channel, e.inner);
+        std::vector<double> x(in.begin(), in.end());
+        const auto loss = [&] {
+            const std::vector<double> y = softmax_of(x, e);
+            double total = 0;
+            for (size_t i = 0; i < y.size(); ++i) {
+                total += w[i] * y[i];
+            }
+            return total;
+        };
+        expect_gradient(loss, x, values_of(gradient), 1e-5);
+    }
+}
+
+// The host takes the three steps part by part, except where `out` is an input; then, as on a GPU,
+// the product overwrites it before it is read again.
+TEST_P(SoftmaxTest, BackwardStepsHaveOneOrder) {
+    for (const Extents& e : {Extents{50, 1000, 1}, {3, 11, 1100}, {9, 100, 6}}) {
+        SCOPED_TRACE(e.text());
+        const TensorF y = make(e.dim(), random_values(e.count(), 14));
+        TensorF g = make(e.dim(), random_values(e.count(), 15));
+        TensorF out = poisoned(e.dim()), product = poisoned(e.dim()), steps = poisoned(e.dim());
+        TensorF sums(Dim(e.sums()), device()), step_sums(Dim(e.sums()), device());
+        const auto last_step = [&](const TensorF& from) {
+            if (on_gpu()) {
+                gpu::vorn_softmax_bp_normal(y, from, step_sums, steps, e.outer, e.channel, e.inner,
+                                            1, 0);
+            } else {
+                cpu::vorn_softmax_bp_normal(y, from, step_sums, steps, e.outer, e.channel, e.inner,
+                                            1, 0);
+            }
+        };
+        product.elem_mul(y, g);
+        vorn_stat_channel_sum(product, step_sums, e.outer, e.channel, e.inner);
+        last_step(g);
+        out.softmax_bp_normal(y, g, sums, e.outer, e.channel, e.inner);
+        expect_same_bits(values_of(out), values_of(steps));
+        expect_same_bits(values_of(sums), values_of(step_sums));
+
+        last_step(product);
+        sums.zero();
+        g.softmax_bp_normal(y, g, sums, e.outer, e.channel, e.inner);
+        expect_same_bits(values_of(g), values_of(steps));
+    }
+}
+
+TEST_P(SoftmaxTest, EmptyTensorsHoldNothing) {
+    float element = 5;
+    TensorF none(&element, Dim(0, 4), device()), sums(&element, Dim(0, 1), device());
+    TensorF no_channel(&element, Dim(3, 0), device());
+    none.softmax(none);
+    none.softmax(none, 2, 4, 0);
+    none.softmax_bp_normal(none, none, sums);
+    none.softmax_bp_normal(none, none, sums, 2, 4, 0);
+    no_channel.softmax(no_channel);
+    EXPECT_EQ(cudaPeekAtLastError(), cudaSuccess);
+    EXPECT_EQ(element, 5);
+}
+
+TEST(SoftmaxDeathTest, TestsInTheirOrder) {
+    ThreadContextScope context;
+    float memory[12] = {};  // said to be on a GPU where a test comes before it is read
+    TensorF out(Dim(3, 4)), in(Dim(3, 4)), cube(Dim(1, 3, 4)), flat(Dim(12)), small(Dim(3, 3));
+    TensorF sums(Dim(3)), far(memory, Dim(3, 4), GPU), far_flat(memory, Dim(12), GPU);
+    TensorF far_sums(memory, Dim(3), GPU), null_far(nullptr, Dim(3, 4), GPU);
+    TensorF null_none(nullptr, Dim(0, 4), GPU), none(memory, Dim(0, 4), GPU);
+
+    const std::string scalars = "need alpha == 1.0f && beta == 0.0f vs alpha = ";
+    const std::string forward = "Check failed: alpha == 1.0f && beta == 0.0f softmax " + scalars;
+    const std::string backward =
+        "Check failed: alpha == 1.0f && beta == 0.0f softmax_bp_normal " + scalars;
+    const std::string count =
+        "Check failed: out.get_element_count() == outer * channel * inner element size not match";
+    const auto device = [](const char* in) {
+        return std::string("Check failed: is_same_devices((") + in +
+               ").get_device(), (out).get_device()) ";
+    };
+    expect_failures({
+        {"Check failed: in.get_dim() == 2 ", [&] { out.softmax(flat, 2, 1); }},
+        {forward + "2 beta = 0", [&] { out.softmax(in, 3, 1, 4, 2, 0); }},
+        {forward + "1 beta = 0.5", [&] { out.softmax(in, 1, 0.5f); }},
+        {"Check failed: channel != 1 softmax failed. outer = 5 channel = 1 inner = 7",
+         [&] { out.softmax(in, 5, 1, 7); }},
+        {count, [&] { out.softmax(far_flat, 3, 4, 2); }},
+        {"Check failed: (in.get_size()) == (out.get_size()) ",
+         [&] { out.softmax(far_flat, 3, 4, 1); }},
+        {device("in"), [&] { out.softmax(far); }},
+        {"Check notnull: in_ptr ", [&] { null_far.softmax(null_far); }},
+        {"Check notnull: out_ptr ", [&] { null_far.softmax(far); }},
+        {"Check failed: a.get_element_count() == outer * channel * inner ",
+         [&] { vorn_stat_channel_sum(in, sums, 3, 3, 2); }},
+        {"Check failed: out.get_element_count() == outer * inner ",
+         [&] { vorn_stat_channel_sum(in, sums, 4, 3, 1); }},
+    });
+    expect_failures({
+        {"Check failed: output.get_dim() == 2 ",
+         [&] { out.softmax_bp_normal(flat, in, sums, 2, 1); }},
+        {backward + "2 beta = 0", [&] { out.softmax_bp_normal(in, in, sums, 3, 1, 4, 2, 0); }},
+        {backward + "1 beta = 1", [&] { out.softmax_bp_normal(in, in, sums, 1, 1); }},
+        {"Check failed: channel != 1 softmax_bp_normal failed. outer = 5 channel = 1 inner = 7",
+         [&] { out.softmax_bp_normal(in, in, sums, 5, 1, 7); }},
+        {count, [&] { out.softmax_bp_normal(in, in, sums, 2, 4, 2); }},
+        {"Check failed: softmax_sum.get_element_count() == outer * inner element size not match",
+         [&] { out.softmax_bp_normal(far_flat, in, far_sums, 2, 3, 2); }},
+        // The product's tests of sizes and devices come before those of the gradient.
+        {"Check failed: (in1.get_size()) == (out.get_size()) ",
+         [&] { out.softmax_bp_normal(small, far_flat, far_sums, 3, 4, 1); }},
+        {"Check failed: (in2.get_size()) == (out.get_size()) ",
+         [&] { out.softmax_bp_normal(far, flat, far_sums, 3, 4, 1); }},
+        {device("in1"), [&] { out.softmax_bp_normal(far, far, far_sums); }},
+        {device("in2"), [&] { out.softmax_bp_normal(in, far, far_sums); }},
+        {device("softmax_sum"), [&] { out.softmax_bp_normal(in, in, far_sums); }},
+        {"Check notnull: sum_buf_p ",
+         [&] { null_none.softmax_bp_normal(null_none, null_none, null_none, 0, 4, 1); }},
+        {"Check notnull: src_grad_p ",
+         [&] { null_none.softmax_bp_normal(null_none, null_none, none, 0, 4, 1); }},
+        {"Check notnull: dst_grad_p ",
+         [&] { null_none.softmax_bp_normal(null_none, none, none, 0, 4, 1); }},
+        {"Check notnull: out_p ", [&] { none.softmax_bp_normal(null_none, none, none, 0, 4, 1); }},
+    });
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vorn

@@ -10,6 +10,7 @@
 
 /// Kernels of softmax over the channels of dense (outer, channel, inner) data. Where inner is 1 a
 /// block works on one row together; elsewhere a thread owns a position and walks its channels.
+/// Empty outputs, which would make a grid without blocks, are left without a launch.
 namespace vorn {
 namespace gpu {
 
@@ -99,6 +100,9 @@ inline void vorn_softmax(const Tensor<float>& in, Tensor<float>& out, index_t ou
     float* out_ptr = out.get_ptr();
     CHECK_NOTNULL(in_ptr);
     CHECK_NOTNULL(out_ptr);
+    if (out.count() == 0) {
+        return;
+    }
     const unsigned grid = static_cast<unsigned>(outer);
     if (inner == 1) {
         const int NT = 512;
@@ -128,6 +132,9 @@ __global__ void KeStatChannelSum(const float* in, float* out, index_t, index_t c
 
 inline void vorn_stat_channel_sum(const Tensor<float>& a, Tensor<float>& out, index_t outer,
                                   index_t channel, index_t inner) {
+    if (out.count() == 0) {
+        return;
+    }
     const int NT = 128;
     launch(static_cast<unsigned>(outer), NT, KeStatChannelSum<NT>, a.get_ptr(), out.get_ptr(),
            outer, channel, inner);
@@ -177,6 +184,9 @@ inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<flo
     CHECK_NOTNULL(src_grad_p);
     CHECK_NOTNULL(dst_grad_p);
     CHECK_NOTNULL(out_p);
+    if (out.count() == 0) {
+        return;
+    }
     const index_t max_blocks = kMaxGridSize;
     if (inner == 1) {
         const int NT = 512;
