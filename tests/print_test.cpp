@@ -1,0 +1,173 @@
+#include <iostream>
+#include <sstream>
+
+#include "device_test.h"
+
+namespace vorn {
+namespace test {
+namespace {
+
+/// Catches what goes to std::cout, and counts the flushes.
+class Captured : public std::stringbuf {
+public:
+    explicit Captured(std::ostream& stream) : _stream(stream), _saved(stream.rdbuf(this)) {}
+    ~Captured() override { _stream.rdbuf(_saved); }
+
+    int flushes = 0;
+
+private:
+    int sync() override { return ++flushes, 0; }
+
+    std::ostream& _stream;
+    std::streambuf* _saved;
+};
+
+template <typename F>
+std::string printed(F print, int flushes) {
+    std::cout << std::scientific;
+    std::cout.precision(2);
+    Captured captured(std::cout);
+    print();
+    EXPECT_EQ(captured.flushes, flushes) << captured.str();
+    EXPECT_FALSE(std::cout.flags() & std::ios::floatfield) << "neither fixed nor scientific";
+    EXPECT_EQ(std::cout.precision(), 6);
+    return captured.str();
+}
+
+class PrintTest : public DeviceTest {};
+INSTANTIATE_TEST_SUITE_P(Places, PrintTest, kAllPlaces, name_of_place);
+
+TEST_P(PrintTest, Lists) {
+    const Tensor<float> matrix = make(Dim(2, 2), std::vector<float>{1, 2, 3, 1e6f});
+    EXPECT_EQ(printed([&] { matrix.show("x", 3); }, 4), "x\n0 1.000000\n1 2.000000\n2 3.000000\n");
+    EXPECT_EQ(printed([&] { matrix.show("x", 10); }, 5),
+              "x\n0 1.000000\n1 2.000000\n2 3.000000\n3 1000000.000000\n");
+    // A pitched host view of ld() 9 (two columns and guards) counts its coordinates by the pitch.
+    const bool by_pitch = GetParam() == Place::kHostPitched;
+    const std::string coordinates = by_pitch ? "Dim [0, 2]" : "Dim [1, 0]";
+    const std::string last = by_pitch ? "Dim [0, 3]" : "Dim [1, 1]";
+    const std::string all = "x\nDim [0, 0] 1.000000\nDim [0, 1] 2.000000\n" + coordinates +
+                            " 3.000000\n" + last + " 1000000.000000\n";
+    EXPECT_EQ(printed([&] { matrix.show("x"); }, 5), all);
+    EXPECT_EQ(printed([&] { matrix.show("x", -7); }, 5), all);
+
+    const Tensor<int> ints = make(Dim(1, 3), std::vector<int>{7, -8, 9});
+    EXPECT_EQ(printed([&] { ints.show("ids", 2); }, 3), "ids\n0 7\n1 -8\n");
+    EXPECT_EQ(printed([&] { ints.show("ids", 0); }, 4),
+              "ids\nDim [0, 0] 7\nDim [0, 1] -8\nDim [0, 2] 9\n");
+    EXPECT_EQ(printed([&] { Tensor<int>(device()).show("nothing"); }, 1), "nothing\n");
+}
+
+TEST_P(PrintTest, Rectangles) {
+    const Tensor<float> matrix =
+        make(Dim(3, 4), std::vector<float>{0, 1, 2, 3, 10, 11, 12, 13, 20, 21, 22, 23.5f});
+    EXPECT_EQ(printed([&] { matrix.show("m", 1, 2, 3, 4); }, 3),
+              "m\n[1, 2 - 3]\t12.000000 13.000000 \n[2, 2 - 3]\t22.000000 23.500000 \n");
+    EXPECT_EQ(printed([&] { matrix.show("m", Dim(0, 2), Dim(2, 2)); }, 3),
+              "m\n[0, 2 - 1]\t\n[1, 2 - 1]\t\n")
+        << "no columns";
+    EXPECT_EQ(printed([&] { matrix.show("m", 1, 0, 1, 4); }, 1), "m\n") << "no rows";
+
+    const std::vector<int> values = {0, 1, 2, 3, 4, 5, 6, 7};
+    const auto of_shape = [&](const Dim& shape) { return make(shape, values); };
+    EXPECT_EQ(printed([&] { of_shape(Dim(8)).show("v", 2, 5); }, 2), "v\n[2 - 4]\t2 3 4 \n");
+    EXPECT_EQ(printed([&] { of_shape(Dim(2, 2, 2)).show("c", 0, 1, 0, 2, 2, 1); }, 3),
+              "c\n[0, 1, 0 - 0]\t2 \n[1, 1, 0 - 0]\t6 \n");
+    EXPECT_EQ(printed([&] { of_shape(Dim(2, 1, 2, 2)).show("n", 0, 0, 0, 1, 1, 1, 2, 2); }, 3),
+              "n\n[0, 0, 0, 1 - 1]\t1 \n[0, 0, 1, 1 - 1]\t3 \n");
+    EXPECT_EQ(
+        printed(
+            [&] {
+                of_shape(Dim(2, 1, 2, 1, 2)).show("five", Dim(1, 0, 0, 0, 0), Dim(2, 1, 2, 1, 2));
+            },
+            3),
+        "five\n[1, 0, 0, 0, 0 - 1]\t4 5 \n[1, 0, 1, 0, 0 - 1]\t6 7 \n");
+}
+
+TEST(Printing, OfOtherAxesIsLoggedAndGoesOn) {
+    const Tensor<float> cube(Dim(2, 3, 4)), row(Dim(4));
+    Captured out(std::cout);
+    std::string log;
+    {
+        Captured err(std::cerr);
+        cube.show("x", 0, 4);
+        cube.show("x", 1, 0, 2, 3);
+        row.show("x", 0, 0, 0, 1, 1, 1);
+        cube.show("x", 0, 0, 0, 0, 1, 1, 1, 1);
+        log = err.str();
+    }
+    EXPECT_EQ(out.str(), "");
+    size_t at = 0;
+    for (const char* shape : {"Dim [2, 3, 4]", "Dim [2, 3, 4]", "Dim [4]", "Dim [2, 3, 4]"}) {
+        const std::string line = ": invalid argument, dim " + std::string(shape) + "\n";
+        at = log.find(line, at);
+        ASSERT_NE(at, std::string::npos) << log;
+        at += line.size();
+    }
+    EXPECT_EQ(at, log.size());
+}
+
+TEST(Printing, Failures) {
+    const Tensor<float> matrix(Dim(2, 3)), empty;
+    expect_failures({
+        {"Check failed: (static_cast<int>(tensor.get_dim())) == (start.get_axis()) ",
+         [&] { matrix.show("x", Dim(0), Dim(1)); }},
+        {"Check failed: (static_cast<int>(tensor.get_dim())) == (end.get_axis()) ",
+         [&] { matrix.show("x", Dim(0, 0), Dim(1)); }},
+        {"Check failed: (size[i]) >= (0) Invalid Dim", [&] { matrix.show("x", 0, 2, 2, 1); }},
+        {"Check failed: (size[i]) >= (0) Invalid Dim", [&] { matrix.show("x", 2, 0, 1, 2); }},
+        {"Check failed: is_valid_index(coor) invalid index dim.",
+         [&] { matrix.show("x", 0, 0, 2, 4); }},
+        {"Not Implemented Yet", [&] { empty.show("x", Dim(), Dim()); }},
+        {"Check failed: (in1.get_element_count()) == (in2.get_element_count()) ",
+         [&] { matrix.check(empty); }},
+        {"Check failed: (in1.get_element_count()) == (in2.get_element_count()) ",
+         [&] { matrix.check(Tensor<float>(Dim(2, 2), GPU)); }},
+    });
+}
+
+// Every device and pitch against every other.
+TEST_P(PrintTest, CheckCountsDifferences) {
+    const float nan = std::nanf(""), inf = INFINITY;
+    std::vector<float> a = random_values(24, 3), b = a;
+    a[0] = nan;
+    b[7] = nan;
+    a[8] = b[8] = inf;
+    b[20] = inf;  // the first of five
+    b[1] += 2e-5f;
+    b[11] -= 2e-5f;
+    b[23] += 2e-5f;
+    a[12] = inf, b[12] = -inf;
+    b[13] += 9e-6f;
+    const Tensor<float> here = make(Dim(4, 6), a);
+    Tensor<float> wide(Dim(4, 9));
+    Tensor<float> view = wide.range_col(2, 8);
+    view.copy_from(Tensor<float>(b.data(), Dim(4, 6), CPU));
+    const Tensor<float> others[] = {Tensor<float>(b.data(), Dim(4, 6), CPU), view,
+                                    Tensor<float>(Tensor<float>(b.data(), Dim(3, 8), CPU), GPU),
+                                    Tensor<float>(wide, GPU).range_col(2, 8)};
+    for (const Tensor<float>& other : others) {
+        EXPECT_EQ(here.check(other), 5u);
+        EXPECT_EQ(other.check(here, "name", 3), 5u);
+    }
+    EXPECT_EQ(here.check(here), 0u);
+    expect_same_bits(values_of(here), a);
+    EXPECT_EQ(Tensor<float>(device()).check(Tensor<float>()), 0u);
+
+    // The float 1e-5 lies just below the double, the next one above it.
+    const float step = 1e-5f, above = std::nextafter(step, 1.f);
+    EXPECT_EQ(make(Dim(1, 2), std::vector<float>{step, -step})
+                  .check(make(Dim(1, 2), std::vector<float>{0, 0})),
+              0u);
+    EXPECT_EQ(make(Dim(1, 2), std::vector<float>{above, 0})
+                  .check(make(Dim(1, 2), std::vector<float>{0, above})),
+              2u);
+
+    const Tensor<int> ints = make(Dim(4), std::vector<int>{1, 2, 16777216, 5});
+    EXPECT_EQ(ints.check(make(Dim(2, 2), std::vector<int>{1, 3, 16777217, 4})), 2u)
+        << "large integers compare as float";
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vorn
