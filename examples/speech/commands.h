@@ -20,11 +20,11 @@ struct TrainOptions {
     std::filesystem::path picture;  ///< --picture; empty: none
     std::string device = "cpu";     ///< cpu or gpu
     std::string kind = "lstm";      ///< --model
-    int epochs = 20;
+    int epochs = 24;
     int batch = 16;  ///< utterances
     int hidden = 128;
-    int layers = 1;
-    double learning_rate = 1e-3;
+    int layers = 2;
+    double learning_rate = 4e-3;
     std::uint64_t seed = 1;
 };
 

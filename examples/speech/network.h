@@ -17,7 +17,7 @@ struct NetworkShape {
     std::string kind = "lstm";  ///< one of network_kinds()
     int inputs = 0;             ///< feature columns
     int hidden = 128;           ///< cells of an LSTM layer
-    int layers = 1;             ///< LSTM layers
+    int layers = 2;             ///< LSTM layers
     int classes = 0;
 };
 

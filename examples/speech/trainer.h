@@ -13,9 +13,9 @@
 namespace speech {
 
 struct TrainerOptions {
-    int epochs = 20;
+    int epochs = 24;
     int batch = 16;  ///< utterances
-    double learning_rate = 1e-3;
+    double learning_rate = 4e-3;
     std::uint64_t seed = 1;
     FeatureOptions features;  ///< that the samples were made with
     bool augment = true;      ///< see augment.h

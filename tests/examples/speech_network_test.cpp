@@ -165,8 +165,12 @@ TEST_F(SpeechTraining, RepeatsOnTheHostAndAgreesWithTheGpu) {
 }
 
 TEST_F(SpeechTraining, StopsWhereItDiverges) {
+    train(vorn::CPU, 1);
+    speech::Trainer trainer(_model.network.get(), &_samples, {});
     _samples[3].features.values[0] = NAN;
-    EXPECT_EQ(message_of<speech::Error>([&] { train(vorn::CPU, 1); }),
+    EXPECT_EQ(message_of<speech::Error>([&] {
+                  trainer.train_batch({&_samples[2], &_samples[3]});
+              }),
               "training diverged: the loss is not finite; try a lower --learning-rate");
 }
 
