@@ -7,11 +7,11 @@ namespace speech {
 
 namespace {
 
-constexpr double kLargestWarp = 0.15;
+constexpr double kLargestWarp = 0.2;
 constexpr int kBandMasks = 2;
-constexpr int kWidestBandMask = 4;
+constexpr int kWidestBandMask = 5;
 constexpr int kTimeMasks = 2;
-constexpr int kLongestTimeMask = 2;  // rows
+constexpr int kLongestTimeMask = 3;  // rows
 
 /// A whole number in [0, most].
 int draw(int most, Random* random) {

@@ -20,9 +20,9 @@ struct TrainOptions {
     std::filesystem::path picture;  ///< --picture; empty: none
     std::string device = "cpu";     ///< cpu or gpu
     std::string kind = "lstm";      ///< --model
-    int epochs = 24;
+    int epochs = 30;
     int batch = 16;  ///< utterances
-    int hidden = 128;
+    int hidden = 160;
     int layers = 2;
     double learning_rate = 4e-3;
     std::uint64_t seed = 1;

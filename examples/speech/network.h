@@ -16,7 +16,7 @@ namespace speech {
 struct NetworkShape {
     std::string kind = "lstm";  ///< one of network_kinds()
     int inputs = 0;             ///< feature columns
-    int hidden = 128;           ///< cells of an LSTM layer
+    int hidden = 160;           ///< cells of an LSTM layer
     int layers = 2;             ///< LSTM layers
     int classes = 0;
 };

@@ -4,8 +4,8 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <optional>
 #include <sstream>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -33,9 +33,11 @@ struct Data {
     std::vector<Sample> train, held_out, test;
 };
 
-/// Better is less: the held-out errors, then the held-out loss. Where the training set is too
-/// small to hold anything out, the training loss alone.
-using Quality = std::tuple<int, double>;
+/// How an epoch did on the samples that were held out.
+struct HeldOut {
+    int errors = 0;
+    double loss = 0;
+};
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -81,21 +83,13 @@ Data prepare(const TrainOptions& options, Model* model) {
     return data;
 }
 
-Quality rate(Network* network, Trainer* trainer, const Data& data, double training_loss) {
-    if (data.held_out.empty()) {
-        return {0, training_loss};
-    }
-    return {score(network, data.held_out).total().errors(), trainer->mean_loss(data.held_out)};
-}
-
-std::string summary(const EpochPoint& point, const Data& data, const Quality& quality,
+std::string summary(const EpochPoint& point, const std::optional<HeldOut>& held_out,
                     double frames_per_second, bool best) {
     std::ostringstream text;
     text << "epoch " << point.epoch << ": loss " << std::fixed << std::setprecision(3)
          << point.loss;
-    if (!data.held_out.empty()) {
-        text << ", held-out loss " << std::get<1>(quality) << " and " << std::get<0>(quality)
-             << " errors";
+    if (held_out) {
+        text << ", held-out loss " << held_out->loss << " and " << held_out->errors << " errors";
     }
     text << ", test digit error rate " << format_percent(point.digit_error_rate) << ", "
          << std::setprecision(0) << frames_per_second << " frames/s" << (best ? " *" : "");
@@ -155,7 +149,7 @@ int run_train(const TrainOptions& options) {
     const auto start = std::chrono::steady_clock::now();
     Progress progress(options.epochs, trainer.frames_per_epoch());
     std::vector<EpochPoint> epochs;
-    Quality best;
+    double best = 0;
     int best_epoch = 0;
     for (int epoch = 1; epoch <= options.epochs && !interrupt.requested(); ++epoch) {
         const auto epoch_start = std::chrono::steady_clock::now();
@@ -167,16 +161,23 @@ int run_train(const TrainOptions& options) {
             break;
         }
         const double speed = trainer.frames_per_epoch() / seconds_since(epoch_start);
-        const Quality quality = rate(model.network.get(), &trainer, data, loss);
+        std::optional<HeldOut> held_out;
+        if (!data.held_out.empty()) {
+            held_out = {score(model.network.get(), data.held_out).total().errors(),
+                        trainer.mean_loss(data.held_out)};
+        }
         const EditCounts counts = score(model.network.get(), data.test).total();
         epochs.push_back({epoch, loss, counts.rate()});
-        const bool is_best = best_epoch == 0 || quality < best;
+        // Of epochs with equally few errors the latest, which has learnt at the lowest rate, holds
+        // best for new voices. A training set too small to hold any out is its own judge.
+        const double badness = held_out ? held_out->errors : loss;
+        const bool is_best = best_epoch == 0 || badness <= best;
         if (is_best) {
-            best = quality;
+            best = badness;
             best_epoch = epoch;
             save_model(options.model, model);
         }
-        progress.finish_epoch(summary(epochs.back(), data, quality, speed, is_best));
+        progress.finish_epoch(summary(epochs.back(), held_out, speed, is_best));
     }
     const double seconds = seconds_since(start);
     if (best_epoch == 0) {

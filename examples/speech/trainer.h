@@ -13,7 +13,7 @@
 namespace speech {
 
 struct TrainerOptions {
-    int epochs = 24;
+    int epochs = 30;
     int batch = 16;  ///< utterances
     double learning_rate = 4e-3;
     std::uint64_t seed = 1;
