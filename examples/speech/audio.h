@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_AUDIO_H_
+#define SPEECH_AUDIO_H_
 
 #include <cstdint>
 #include <filesystem>
@@ -30,3 +31,5 @@ std::vector<float> read_audio(const std::filesystem::path& file, int rate);
 std::vector<float> resample(const std::vector<float>& samples, int from, int to);
 
 }  // namespace speech
+
+#endif  // SPEECH_AUDIO_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_COMMANDS_H_
+#define SPEECH_COMMANDS_H_
 
 #include <cstdint>
 #include <filesystem>
@@ -18,11 +19,12 @@ struct TrainOptions {
     std::filesystem::path model;    ///< --out
     std::filesystem::path picture;  ///< --picture; empty: none
     std::string device = "cpu";     ///< cpu or gpu
-    int epochs = 20;
+    std::string kind = "lstm";      ///< --model
+    int epochs = 30;
     int batch = 16;  ///< utterances
-    int hidden = 128;
-    int layers = 1;
-    float learning_rate = 1e-3f;
+    int hidden = 160;
+    int layers = 2;
+    double learning_rate = 4e-3;
     std::uint64_t seed = 1;
 };
 
@@ -42,8 +44,17 @@ struct RecogniseOptions {
 /// their frames can carry, and of test files that are trained on.
 int run_corpus(const CorpusOptions& options);
 
+/// Trains on train.tsv, but for a slice that is held out to choose the best epoch by, and writes
+/// that epoch's model. The test set is only reported on. Ctrl-C ends training; the best model so
+/// far is kept.
 int run_train(const TrainOptions& options);
+
+/// Prints the digit error rate on test.tsv and the worst utterances.
 int run_test(const TestOptions& options);
+
+/// Prints a line per file: its name, a tab and its digits.
 int run_recognise(const RecogniseOptions& options);
 
 }  // namespace speech
+
+#endif  // SPEECH_COMMANDS_H_

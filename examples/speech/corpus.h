@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_CORPUS_H_
+#define SPEECH_CORPUS_H_
 
 #include <filesystem>
 #include <vector>
@@ -30,3 +31,5 @@ std::vector<Utterance> read_list(const std::filesystem::path& list);
 Corpus read_corpus(const std::filesystem::path& folder);
 
 }  // namespace speech
+
+#endif  // SPEECH_CORPUS_H_

@@ -1,4 +1,3 @@
-#include <cstdint>
 #include <iomanip>
 #include <iostream>
 #include <set>
@@ -8,7 +7,7 @@
 
 #include "commands.h"
 #include "corpus.h"
-#include "digits.h"
+#include "dataset.h"
 #include "features.h"
 
 namespace speech {
@@ -16,11 +15,6 @@ namespace speech {
 namespace {
 
 constexpr int kWarningsShown = 5;
-
-int frames_at_model_rate(const Utterance& utterance, const FeatureOptions& features) {
-    return row_count(static_cast<std::int64_t>(utterance.audio.seconds() * features.sample_rate),
-                     features);
-}
 
 /// At most kWarningsShown lines of one kind, then a count of the rest.
 class Warnings {
@@ -65,12 +59,9 @@ void summarise(const char* name, const std::vector<Utterance>& list) {
 void warn_of_short(const std::vector<Utterance>& list, const FeatureOptions& features) {
     Warnings warnings("utterances with more labels than their frames can carry");
     for (const Utterance& utterance : list) {
-        const int frames = frames_at_model_rate(utterance, features);
-        const int needed = frames_needed(utterance.labels);
-        if (frames < needed) {
-            warnings.add(utterance.file.string() + ": " + std::to_string(frames) +
-                         " frames cannot carry " + std::to_string(utterance.labels.size()) +
-                         " digits, which need " + std::to_string(needed));
+        const std::string why = shortage(utterance, features);
+        if (!why.empty()) {
+            warnings.add(why);
         }
     }
 }

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_DIGITS_H_
+#define SPEECH_DIGITS_H_
 
 #include <string>
 #include <string_view>
@@ -29,3 +30,5 @@ std::string to_transcript(const std::vector<int>& labels);
 int frames_needed(const std::vector<int>& labels);
 
 }  // namespace speech
+
+#endif  // SPEECH_DIGITS_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_ERROR_H_
+#define SPEECH_ERROR_H_
 
 #include <stdexcept>
 
@@ -11,3 +12,5 @@ struct Error : std::runtime_error {
 };
 
 }  // namespace speech
+
+#endif  // SPEECH_ERROR_H_

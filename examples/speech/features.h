@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_FEATURES_H_
+#define SPEECH_FEATURES_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -119,3 +120,5 @@ private:
 };
 
 }  // namespace speech
+
+#endif  // SPEECH_FEATURES_H_

@@ -2,11 +2,14 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <filesystem>
+#include <functional>
 #include <iostream>
 #include <string>
 
 #include "commands.h"
 #include "error.h"
+#include "network.h"
 
 namespace {
 
@@ -21,6 +24,62 @@ int fail(std::string text) {
     return kBadInput;
 }
 
+void add_corpus_folder(CLI::App* command, std::filesystem::path* corpus) {
+    command->add_option("--corpus", *corpus, "Folder with train.tsv and test.tsv")->required();
+}
+
+void add_device(CLI::App* command, std::string* device) {
+    command->add_option("--device", *device, "Where the network computes: cpu or gpu")
+        ->check(CLI::IsMember({"cpu", "gpu"}))
+        ->capture_default_str();
+}
+
+CLI::App* add_corpus(CLI::App* app, speech::CorpusOptions* options) {
+    CLI::App* command = app->add_subcommand("corpus", "Validate a corpus and summarise it");
+    add_corpus_folder(command, &options->corpus);
+    return command;
+}
+
+CLI::App* add_train(CLI::App* app, speech::TrainOptions* options) {
+    CLI::App* command = app->add_subcommand("train", "Train a model");
+    add_corpus_folder(command, &options->corpus);
+    command->add_option("--out", options->model, "Where to write the model")->required();
+    command->add_option("--picture", options->picture, "Where to draw the course of training");
+    add_device(command, &options->device);
+    command->add_option("--model", options->kind, "Kind of network")
+        ->check(CLI::IsMember(speech::network_kinds()))
+        ->capture_default_str();
+    const auto add_number = [command](const char* name, auto* value, const char* help,
+                                      const CLI::Range& range) {
+        command->add_option(name, *value, help)->check(range)->capture_default_str();
+    };
+    add_number("--epochs", &options->epochs, "Passes over the training set", CLI::Range(1, 10000));
+    add_number("--batch", &options->batch, "Utterances in a batch", CLI::Range(1, 1024));
+    add_number("--hidden", &options->hidden, "Cells in a layer", CLI::Range(1, 4096));
+    add_number("--layers", &options->layers, "LSTM layers", CLI::Range(1, 16));
+    add_number("--learning-rate", &options->learning_rate, "Highest step size of Adam",
+               CLI::Range(1e-6, 1.0));
+    command->add_option("--seed", options->seed, "Start of the random numbers")
+        ->capture_default_str();
+    return command;
+}
+
+CLI::App* add_test(CLI::App* app, speech::TestOptions* options) {
+    CLI::App* command = app->add_subcommand("test", "Measure the digit error rate of a model");
+    add_corpus_folder(command, &options->corpus);
+    command->add_option("--model", options->model, "Model file")->required();
+    add_device(command, &options->device);
+    return command;
+}
+
+CLI::App* add_recognise(CLI::App* app, speech::RecogniseOptions* options) {
+    CLI::App* command = app->add_subcommand("recognise", "Read the digits in sound files");
+    command->add_option("--model", options->model, "Model file")->required();
+    add_device(command, &options->device);
+    command->add_option("files", options->files, "Sound files")->required();
+    return command;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -29,10 +88,16 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     speech::CorpusOptions corpus;
-    CLI::App* corpus_command =
-        app.add_subcommand("corpus", "Validate a corpus and print a summary of it");
-    corpus_command->add_option("--corpus", corpus.corpus, "Folder with train.tsv and test.tsv")
-        ->required();
+    speech::TrainOptions train;
+    speech::TestOptions test;
+    speech::RecogniseOptions recognise;
+    std::function<int()> run;
+    add_corpus(&app, &corpus)->callback([&] { run = [&] { return run_corpus(corpus); }; });
+    add_train(&app, &train)->callback([&] { run = [&] { return run_train(train); }; });
+    add_test(&app, &test)->callback([&] { run = [&] { return run_test(test); }; });
+    add_recognise(&app, &recognise)->callback([&] {
+        run = [&] { return run_recognise(recognise); };
+    });
 
     try {
         app.parse(argc, argv);
@@ -42,7 +107,7 @@ int main(int argc, char** argv) {
     }
 
     try {
-        return speech::run_corpus(corpus);
+        return run();
     } catch (const std::exception& error) {
         return fail(error.what());
     }

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_PLOT_H_
+#define SPEECH_PLOT_H_
 
 #include <filesystem>
 #include <string>
@@ -36,3 +37,5 @@ bool draw_picture(const std::filesystem::path& png, const std::vector<EpochPoint
                   const UtterancePicture& utterance);
 
 }  // namespace speech
+
+#endif  // SPEECH_PLOT_H_

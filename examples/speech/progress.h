@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_PROGRESS_H_
+#define SPEECH_PROGRESS_H_
 
 #include <chrono>
 #include <cstdint>
@@ -59,3 +60,5 @@ private:
 };
 
 }  // namespace speech
+
+#endif  // SPEECH_PROGRESS_H_

@@ -1,4 +1,5 @@
-#pragma once
+#ifndef SPEECH_SCORING_H_
+#define SPEECH_SCORING_H_
 
 #include <string>
 #include <vector>
@@ -66,3 +67,5 @@ private:
 };
 
 }  // namespace speech
+
+#endif  // SPEECH_SCORING_H_

@@ -1,7 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
 
 #include "speech/corpus.h"
 #include "speech/digits.h"
@@ -55,19 +52,6 @@ TEST(SpeechCorpus, SaysWhatIsWrongWithAList) {
         folder.write("list.tsv", c.contents);
         EXPECT_EQ(message_of<speech::Error>([&] { speech::read_list(list); }), list + c.message);
     }
-}
-
-struct Outcome {
-    int status;
-    std::string out, err;
-};
-
-Outcome run(const TemporaryFolder& folder, const std::string& command) {
-    const std::string redirected =
-        command + " >" + (folder / "stdout").string() + " 2>" + (folder / "stderr").string();
-    const int status = std::system(redirected.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(folder / "stdout"),
-            read_file(folder / "stderr")};
 }
 
 TEST(SpeechProgram, SummarisesACorpusAndRefusesBadOnes) {

@@ -1,9 +1,12 @@
-#pragma once
+#ifndef SPEECH_TEST_FILES_H_
+#define SPEECH_TEST_FILES_H_
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -64,6 +67,20 @@ std::string wav(int rate, int channels, const std::vector<T>& samples) {
     return text;
 }
 
+/// What a program left behind.
+struct Outcome {
+    int status;
+    std::string out, err;
+};
+
+inline Outcome run(const TemporaryFolder& folder, const std::string& command) {
+    const std::string redirected =
+        command + " >" + (folder / "stdout").string() + " 2>" + (folder / "stderr").string();
+    const int status = std::system(redirected.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(folder / "stdout"),
+            read_file(folder / "stderr")};
+}
+
 /// The text of the Error that `call` throws; a failure when it throws none.
 template <typename Error, typename Call>
 std::string message_of(Call call) {
@@ -75,3 +92,5 @@ std::string message_of(Call call) {
     ADD_FAILURE() << "nothing was thrown";
     return "";
 }
+
+#endif  // SPEECH_TEST_FILES_H_

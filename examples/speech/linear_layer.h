@@ -1,0 +1,32 @@
+#ifndef SPEECH_LINEAR_LAYER_H_
+#define SPEECH_LINEAR_LAYER_H_
+
+#include <string>
+#include <vector>
+
+#include "parameter.h"
+#include "vorn/vorn.h"
+
+namespace speech {
+
+/// out = in * weight + bias, row by row.
+class LinearLayer {
+public:
+    LinearLayer(const std::string& name, int inputs, int outputs, vorn::Device device);
+
+    void initialise(Random* random);
+    const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in);
+    /// Sets the gradients from the error at the output, and returns the error at the input.
+    vorn::Tensor<float>& backward(const vorn::Tensor<float>& in, const vorn::Tensor<float>& error);
+    std::vector<Parameter*> parameters() { return {&_weight, &_bias}; }
+
+private:
+    Parameter _weight;  ///< inputs x outputs
+    Parameter _bias;
+    vorn::Tensor<float> _out;
+    vorn::Tensor<float> _in_error;
+};
+
+}  // namespace speech
+
+#endif  // SPEECH_LINEAR_LAYER_H_

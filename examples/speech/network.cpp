@@ -1,0 +1,114 @@
+#include "network.h"
+
+#include <algorithm>
+
+#include "error.h"
+#include "linear_layer.h"
+#include "lstm_layer.h"
+
+namespace speech {
+
+namespace {
+
+constexpr int kMostUnits = 4096;
+constexpr int kMostLayers = 16;
+
+/// LSTM layers that run forward in time, a linear layer and a softmax.
+class LstmNetwork : public Network {
+public:
+    LstmNetwork(const NetworkShape& shape, vorn::Device device)
+        : Network(device),
+          _linear("linear", shape.hidden, shape.classes, device),
+          _posteriors(device) {
+        for (int i = 0; i < shape.layers; ++i) {
+            _layers.push_back(std::make_unique<LstmLayer>("lstm" + std::to_string(i + 1),
+                                                          i == 0 ? shape.inputs : shape.hidden,
+                                                          shape.hidden, device));
+        }
+    }
+
+    void initialise(Random* random) override {
+        for (const auto& layer : _layers) {
+            layer->initialise(random);
+        }
+        _linear.initialise(random);
+    }
+
+    const vorn::Tensor<float>& forward(const FrameBatch& batch) override {
+        // Views of each layer's input, for the way back.
+        _inputs.assign(1, batch.features);
+        for (const auto& layer : _layers) {
+            _inputs.push_back(layer->forward(_inputs.back(), batch.size));
+        }
+        const vorn::Tensor<float>& logits = _linear.forward(_inputs.back());
+        _posteriors.resize(logits.get_size());
+        _posteriors.softmax(logits);
+        return _posteriors;
+    }
+
+    void backward(const FrameBatch&, const vorn::Tensor<float>& error) override {
+        vorn::Tensor<float>* layer_error = &_linear.backward(_inputs.back(), error);
+        for (std::size_t i = _layers.size(); i-- > 0;) {
+            _layers[i]->backward(_inputs[i], *layer_error);
+            if (i > 0) {
+                layer_error = &_layers[i]->input_error();
+            }
+        }
+    }
+
+    std::vector<Parameter*> parameters() override {
+        std::vector<Parameter*> all;
+        for (const auto& layer : _layers) {
+            const std::vector<Parameter*> its = layer->parameters();
+            all.insert(all.end(), its.begin(), its.end());
+        }
+        const std::vector<Parameter*> last = _linear.parameters();
+        all.insert(all.end(), last.begin(), last.end());
+        return all;
+    }
+
+private:
+    std::vector<std::unique_ptr<LstmLayer>> _layers;
+    LinearLayer _linear;
+    std::vector<vorn::Tensor<float>> _inputs;
+    vorn::Tensor<float> _posteriors;
+};
+
+void check_extent(const char* name, int value, int most) {
+    if (value < 1 || value > most) {
+        throw Error("network: " + std::string(name) + " must be 1 to " + std::to_string(most) +
+                    ", not " + std::to_string(value));
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> network_kinds() {
+    return {"lstm"};
+}
+
+void validate(const NetworkShape& shape) {
+    const std::vector<std::string> kinds = network_kinds();
+    if (std::find(kinds.begin(), kinds.end(), shape.kind) == kinds.end()) {
+        throw Error("network: there is no model of kind '" + shape.kind + "'");
+    }
+    check_extent("inputs", shape.inputs, kMostUnits);
+    check_extent("hidden", shape.hidden, kMostUnits);
+    check_extent("layers", shape.layers, kMostLayers);
+    check_extent("classes", shape.classes, kMostUnits);
+}
+
+std::int64_t parameter_count(const NetworkShape& shape) {
+    const std::int64_t hidden = shape.hidden;
+    // Per layer: the products' weights, four biases and three peepholes a cell.
+    const std::int64_t layers = shape.layers * (2 * hidden * 4 * hidden + 7 * hidden) +
+                                (shape.inputs - hidden) * 4 * hidden;
+    return layers + (hidden + 1) * shape.classes;
+}
+
+std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device) {
+    validate(shape);
+    return std::make_unique<LstmNetwork>(shape, device);
+}
+
+}  // namespace speech

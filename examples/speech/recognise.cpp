@@ -1,0 +1,27 @@
+#include <iostream>
+#include <vector>
+
+#include "commands.h"
+#include "compute_device.h"
+#include "digits.h"
+#include "model_file.h"
+#include "recogniser.h"
+
+namespace speech {
+
+int run_recognise(const RecogniseOptions& options) {
+    const ComputeDevice compute(options.device, false);
+    const Model model = load_model(options.model, compute.device());
+    FeatureExtractor extractor(model.features);
+    for (const std::filesystem::path& file : options.files) {
+        Sample sample;
+        sample.features = extractor.extract_file(file);
+        model.normaliser.apply(&sample.features);
+        const std::vector<Sample> samples = {sample};
+        std::cout << file.string() << '\t'
+                  << to_transcript(recognise(model.network.get(), samples).front()) << std::endl;
+    }
+    return 0;
+}
+
+}  // namespace speech

@@ -1,0 +1,143 @@
+#include "trainer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <utility>
+
+#include "augment.h"
+#include "error.h"
+#include "recogniser.h"
+
+namespace speech {
+
+namespace {
+
+constexpr double kGradientLimit = 5;
+constexpr std::int64_t kWarmUpUpdates = 100;
+/// Batches that are cut from one sorted stretch of the shuffled samples: like lengths make little
+/// padding.
+constexpr std::size_t kBatchesPerStretch = 8;
+
+template <typename T>
+void shuffle(std::vector<T>* items, Random* random) {
+    for (std::size_t i = items->size(); i > 1; --i) {
+        std::swap((*items)[i - 1], (*items)[static_cast<std::size_t>(uniform(random) * i)]);
+    }
+}
+
+std::vector<const std::vector<int>*> labels_of(const std::vector<const Sample*>& samples) {
+    std::vector<const std::vector<int>*> labels;
+    for (const Sample* sample : samples) {
+        labels.push_back(&sample->labels);
+    }
+    return labels;
+}
+
+}  // namespace
+
+Trainer::Trainer(Network* network, const std::vector<Sample>* samples,
+                 const TrainerOptions& options)
+    : _network(network),
+      _samples(samples),
+      _options(options),
+      _parameters(network->parameters()),
+      _optimizer(_parameters),
+      _error(network->device()),
+      _random(options.seed) {
+    network->initialise(&_random);
+    for (const Sample& sample : *samples) {
+        _frames += sample.features.rows;
+    }
+    const auto count = static_cast<std::int64_t>(samples->size());
+    _updates_planned = (count + options.batch - 1) / options.batch * options.epochs;
+}
+
+std::vector<std::vector<const Sample*>> Trainer::draw_batches() {
+    std::vector<const Sample*> order;
+    for (const Sample& sample : *_samples) {
+        order.push_back(&sample);
+    }
+    shuffle(&order, &_random);
+    const std::size_t size = _options.batch;
+    std::vector<std::vector<const Sample*>> batches;
+    for (std::size_t begin = 0; begin < order.size(); begin += kBatchesPerStretch * size) {
+        const auto first = order.begin() + begin;
+        const auto last = order.begin() + std::min(begin + kBatchesPerStretch * size, order.size());
+        std::stable_sort(first, last, [](const Sample* a, const Sample* b) {
+            return a->features.rows < b->features.rows;
+        });
+        for (auto at = first; at < last; at += std::min<std::ptrdiff_t>(size, last - at)) {
+            batches.emplace_back(at, at + std::min<std::ptrdiff_t>(size, last - at));
+        }
+    }
+    shuffle(&batches, &_random);
+    return batches;
+}
+
+/// Rises over the first updates, then falls to zero on half a cosine wave.
+double Trainer::learning_rate() const {
+    const double warm_up = std::min(1.0, static_cast<double>(_updates + 1) / kWarmUpUpdates);
+    const double done = static_cast<double>(_updates) / static_cast<double>(_updates_planned);
+    return _options.learning_rate * warm_up * 0.5 * (1 + std::cos(M_PI * std::min(done, 1.0)));
+}
+
+double Trainer::train_batch(const std::vector<const Sample*>& batch) {
+    const FrameBatch frames = make_frame_batch(features_of(batch), _network->device());
+    const LabelBatch labels = make_label_batch(labels_of(batch), frames);
+    const double loss = _loss.compute(_network->forward(frames), frames, labels, &_error);
+    _network->backward(frames, _error);
+    const double norm = clip_gradients(_parameters, kGradientLimit);
+    if (!std::isfinite(loss) || !std::isfinite(norm)) {
+        throw Error("training diverged: the loss is not finite; try a lower --learning-rate");
+    }
+    _optimizer.step(learning_rate());
+    ++_updates;
+    return loss;
+}
+
+double Trainer::train_augmented(const std::vector<const Sample*>& batch) {
+    std::vector<Sample> samples;
+    samples.reserve(batch.size());
+    std::vector<const Sample*> augmented;
+    for (const Sample* sample : batch) {
+        samples.push_back(*sample);
+        augment(_options.features, &samples.back().features, &_random);
+        augmented.push_back(&samples.back());
+    }
+    return train_batch(augmented);
+}
+
+double Trainer::run_epoch(const std::function<bool(std::int64_t, double)>& report) {
+    std::int64_t frames = 0;
+    double loss = 0;
+    double utterances = 0;
+    for (const std::vector<const Sample*>& batch : draw_batches()) {
+        loss += _options.augment ? train_augmented(batch) : train_batch(batch);
+        utterances += static_cast<double>(batch.size());
+        for (const Sample* sample : batch) {
+            frames += sample->features.rows;
+        }
+        if (!report(frames, loss / utterances)) {
+            break;
+        }
+    }
+    return loss / utterances;
+}
+
+double Trainer::mean_loss(const std::vector<Sample>& samples) {
+    const std::vector<int> order = by_length(samples);
+    double loss = 0;
+    for (std::size_t begin = 0; begin < order.size(); begin += _options.batch) {
+        std::vector<const Sample*> batch;
+        for (std::size_t i = begin; i < std::min(begin + _options.batch, order.size()); ++i) {
+            batch.push_back(&samples[order[i]]);
+        }
+        const FrameBatch frames = make_frame_batch(features_of(batch), _network->device());
+        const LabelBatch labels = make_label_batch(labels_of(batch), frames);
+        loss += _loss.compute(_network->forward(frames), frames, labels);
+    }
+    return loss / static_cast<double>(samples.size());
+}
+
+}  // namespace speech
