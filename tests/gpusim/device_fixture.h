@@ -1,5 +1,7 @@
+#ifndef GPUSIM_TESTS_DEVICE_FIXTURE_H_
+#define GPUSIM_TESTS_DEVICE_FIXTURE_H_
+
 // What all tests of the simulated toolkit share.
-#pragma once
 
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
@@ -86,3 +88,5 @@ inline std::vector<float> random_floats(size_t size, unsigned seed) {
     }
     return values;
 }
+
+#endif  // GPUSIM_TESTS_DEVICE_FIXTURE_H_

@@ -1,9 +1,11 @@
+#ifndef GPUSIM_CUBLAS_V2_H_
+#define GPUSIM_CUBLAS_V2_H_
+
 /// The part of cuBLAS that float networks commonly use. Matrices are column-major. Work is ordered
 /// by the handle's stream; scalars behind host pointers are read at the call, and a result that
 /// goes to a host pointer is there on return.
 ///
 /// Products are true single precision in every math mode.
-#pragma once
 
 #include "cuda_runtime.h"
 
@@ -118,3 +120,5 @@ cublasStatus_t cublasSgelsBatched(cublasHandle_t handle, cublasOperation_t trans
                                   int ldc, int* info, int* devInfoArray, int batchSize);
 
 }  // extern "C"
+
+#endif  // GPUSIM_CUBLAS_V2_H_

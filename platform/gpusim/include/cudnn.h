@@ -1,5 +1,7 @@
+#ifndef GPUSIM_CUDNN_H_
+#define GPUSIM_CUDNN_H_
+
 /// Handles and statuses of cuDNN.
-#pragma once
 
 #include "cuda_runtime.h"
 
@@ -56,3 +58,5 @@ cudnnStatus_t cudnnSetStream(cudnnHandle_t handle, cudaStream_t stream);
 cudnnStatus_t cudnnGetStream(cudnnHandle_t handle, cudaStream_t* stream);
 
 }  // extern "C"
+
+#endif  // GPUSIM_CUDNN_H_

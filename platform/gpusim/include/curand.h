@@ -1,9 +1,11 @@
+#ifndef GPUSIM_CURAND_H_
+#define GPUSIM_CURAND_H_
+
 /// Random numbers on the device.
 ///
 /// Pseudo-random generators of type DEFAULT and PHILOX4_32_10 are Philox4x32-10 (see
 /// gpusim/philox.h) with the seed as key: output number i since the start, counted by the offset,
 /// comes from word i % 4 of the block with counter i / 4. Other types are refused.
-#pragma once
 
 #include "cuda_runtime.h"
 
@@ -56,3 +58,5 @@ curandStatus_t curandGenerateNormal(curandGenerator_t generator, float* output, 
                                     float mean, float stddev);
 
 }  // extern "C"
+
+#endif  // GPUSIM_CURAND_H_

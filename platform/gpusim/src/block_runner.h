@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_BLOCK_RUNNER_H_
+#define GPUSIM_DETAIL_BLOCK_RUNNER_H_
+
 // Runs the blocks of a launch, and decides which thread of a block goes on at each barrier.
-#pragma once
 
 #include <array>
 #include <cstdint>
@@ -91,3 +93,5 @@ private:
 };
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_BLOCK_RUNNER_H_

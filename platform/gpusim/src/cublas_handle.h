@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_CUBLAS_HANDLE_H_
+#define GPUSIM_DETAIL_CUBLAS_HANDLE_H_
+
 // Handles, scalars and operands of cuBLAS.
-#pragma once
 
 #include "cublas_v2.h"
 #include "library.h"
@@ -79,3 +81,5 @@ inline bool valid(cublasOperation_t op) {
 }
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_CUBLAS_HANDLE_H_

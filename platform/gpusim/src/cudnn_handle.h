@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_CUDNN_HANDLE_H_
+#define GPUSIM_DETAIL_CUDNN_HANDLE_H_
+
 // The handle of cuDNN.
-#pragma once
 
 #include "cudnn.h"
 #include "library.h"
@@ -7,3 +9,5 @@
 struct cudnnContext {
     cudaStream_t stream = nullptr;
 };
+
+#endif  // GPUSIM_DETAIL_CUDNN_HANDLE_H_

@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_DEVICE_H_
+#define GPUSIM_DETAIL_DEVICE_H_
+
 // The one device: its streams, its fault state and the frame of every runtime call.
-#pragma once
 
 #include <atomic>
 #include <chrono>
@@ -153,3 +155,5 @@ cudaError_t stream_api(cudaStream_t handle, F&& body) {
 }
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_DEVICE_H_

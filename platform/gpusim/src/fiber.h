@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_FIBER_H_
+#define GPUSIM_DETAIL_FIBER_H_
+
 // Fibers that device threads run on, one pool for each stream.
-#pragma once
 
 #include <boost/context/detail/fcontext.hpp>
 #include <memory>
@@ -63,3 +65,5 @@ private:
 };
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_FIBER_H_

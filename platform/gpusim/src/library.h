@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_LIBRARY_H_
+#define GPUSIM_DETAIL_LIBRARY_H_
+
 // What the libraries on top of the runtime share.
-#pragma once
 
 #include <cstdio>
 
@@ -22,3 +24,5 @@ inline bool check_operand(const char* function, const char* operand, const void*
 }
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_LIBRARY_H_

@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_MEMORY_H_
+#define GPUSIM_DETAIL_MEMORY_H_
+
 // Device memory, the blocks in it, and pinned host memory.
-#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -143,3 +145,5 @@ private:
 };
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_MEMORY_H_

@@ -1,5 +1,7 @@
+#ifndef GPUSIM_DETAIL_SANITIZER_H_
+#define GPUSIM_DETAIL_SANITIZER_H_
+
 // Fiber and poison annotations of AddressSanitizer and ThreadSanitizer; nothing without them.
-#pragma once
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -49,3 +51,5 @@ constexpr bool kSanitizer = false;
 #endif
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_DETAIL_SANITIZER_H_

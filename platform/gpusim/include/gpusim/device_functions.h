@@ -1,5 +1,7 @@
+#ifndef GPUSIM_GPUSIM_DEVICE_FUNCTIONS_H_
+#define GPUSIM_GPUSIM_DEVICE_FUNCTIONS_H_
+
 /// What a kernel may name: qualifiers, its coordinates, barriers, atomics and mathematics.
-#pragma once
 
 #include <cassert>
 #include <cmath>
@@ -190,3 +192,5 @@ inline double min(double a, double b) {
 inline double max(double a, double b) {
     return fmax(a, b);
 }
+
+#endif  // GPUSIM_GPUSIM_DEVICE_FUNCTIONS_H_

@@ -1,5 +1,7 @@
+#ifndef GPUSIM_GPUSIM_ERROR_H_
+#define GPUSIM_GPUSIM_ERROR_H_
+
 /// Error codes of the runtime, with the numbers of CUDA 13.
-#pragma once
 
 // The underlying type is fixed, so that unknown numbers have a defined value.
 enum cudaError : int {
@@ -48,3 +50,5 @@ enum cudaError : int {
     cudaErrorUnknown = 999
 };
 typedef cudaError cudaError_t;
+
+#endif  // GPUSIM_GPUSIM_ERROR_H_

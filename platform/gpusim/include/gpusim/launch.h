@@ -1,5 +1,7 @@
+#ifndef GPUSIM_GPUSIM_LAUNCH_H_
+#define GPUSIM_GPUSIM_LAUNCH_H_
+
 /// Launch of a kernel.
-#pragma once
 
 #include <cstddef>
 #include <memory>
@@ -113,3 +115,5 @@ cudaError_t cudaLaunchKernelEx(const cudaLaunchConfig_t* config, void (*kernel)(
     const auto bind = [&](P... values) { return std::make_unique<Call>(kernel, values...); };
     return ::gpusim::detail::launch(*config, bind(std::forward<A>(args)...));
 }
+
+#endif  // GPUSIM_GPUSIM_LAUNCH_H_

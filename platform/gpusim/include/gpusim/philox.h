@@ -1,6 +1,8 @@
+#ifndef GPUSIM_GPUSIM_PHILOX_H_
+#define GPUSIM_GPUSIM_PHILOX_H_
+
 /// Philox4x32-10, the counter-based random generator of Salmon, Moraes, Dror and Shaw, "Parallel
 /// Random Numbers: As Easy as 1, 2, 3" (SC 2011).
-#pragma once
 
 #include <array>
 #include <cstdint>
@@ -24,3 +26,5 @@ inline std::array<uint32_t, 4> philox4x32_10(std::array<uint32_t, 4> counter,
 }
 
 }  // namespace gpusim
+
+#endif  // GPUSIM_GPUSIM_PHILOX_H_

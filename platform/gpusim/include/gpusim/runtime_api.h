@@ -1,9 +1,11 @@
+#ifndef GPUSIM_GPUSIM_RUNTIME_API_H_
+#define GPUSIM_GPUSIM_RUNTIME_API_H_
+
 /// Host side of the runtime: device, memory, streams and events.
 ///
 /// Every function records a failure as the calling thread's last error. A fault on the device (a
 /// failed assertion, a broken barrier) is sticky: from then on every call returns it, until
 /// cudaDeviceReset().
-#pragma once
 
 #include <cstddef>
 
@@ -212,3 +214,5 @@ cudaError_t cudaHostAlloc(T** pointer, size_t size, unsigned flags) {
 inline cudaError_t cudaEventCreate(cudaEvent_t* event, unsigned flags) {
     return ::cudaEventCreateWithFlags(event, flags);
 }
+
+#endif  // GPUSIM_GPUSIM_RUNTIME_API_H_

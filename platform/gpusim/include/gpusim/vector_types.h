@@ -1,5 +1,7 @@
+#ifndef GPUSIM_GPUSIM_VECTOR_TYPES_H_
+#define GPUSIM_GPUSIM_VECTOR_TYPES_H_
+
 /// Short vectors and the extents of a launch.
-#pragma once
 
 struct char4 {
     signed char x, y, z, w;
@@ -76,3 +78,5 @@ struct dim3 {
     constexpr dim3(uint3 v) : x(v.x), y(v.y), z(v.z) {}
     constexpr operator uint3() const { return {x, y, z}; }
 };
+
+#endif  // GPUSIM_GPUSIM_VECTOR_TYPES_H_
