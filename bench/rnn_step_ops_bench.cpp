@@ -88,6 +88,11 @@ void plain_expf_loop(benchmark::State& state) {
 }
 BENCHMARK(plain_expf_loop)->Apply(sizes);
 
+void plain_sigmoid_loop(benchmark::State& state) {
+    call_loop(state, [](float x) { return 1.0f / (1.0f + expf(-x)); });
+}
+BENCHMARK(plain_sigmoid_loop)->Apply(sizes);
+
 void plain_tanhf_loop(benchmark::State& state) {
     call_loop(state, [](float x) { return tanhf(x); });
 }
