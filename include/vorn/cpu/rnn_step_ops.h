@@ -34,17 +34,29 @@ void for_each_dense_cell(const Tensor<float>& out, F f) {
     }
 }
 
+/// In blocks that stay in the L1 cache, arguments first: the call of the exponential spills all
+/// vector registers, so that a single loop would load its constants anew for each vector.
 inline void vorn_ld_mul_diag_mat_sigmoid(const Tensor<float>& in, const Tensor<float>& w,
                                          const Tensor<float>& bak, Tensor<float>& out, DType alpha,
                                          DType beta) {
-    const float *in_p = in.get_ptr(), *w_p = w.get_ptr(), *bak_p = bak.get_ptr();
-    float* out_p = out.get_ptr();
-    const int width = static_cast<int>(out.get_w()), ld_bak = static_cast<int>(bak.get_stride());
-    for_each_cell(out, [=](int i, int j) {
-        const int base = i * width + j;
-        out_p[base] =
-            func::guarded_sigmoid(alpha * in_p[base] * w_p[j] + beta * bak_p[i * ld_bak + j]);
-    });
+    constexpr int kBlock = 256;
+    const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w()),
+              ld_bak = static_cast<int>(bak.get_stride());
+    for (int i = 0; i < height; ++i) {
+        for (int start = 0; start < width; start += kBlock) {
+            const int n = std::min(kBlock, width - start), base = i * width + start;
+            const float *in_p = in.get_ptr() + base, *w_p = w.get_ptr() + start,
+                        *bak_p = bak.get_ptr() + i * ld_bak + start;
+            float* out_p = out.get_ptr() + base;
+            float x[kBlock];
+            for (int j = 0; j < n; ++j) {
+                x[j] = alpha * in_p[j] * w_p[j] + beta * bak_p[j];
+            }
+            for (int j = 0; j < n; ++j) {
+                out_p[j] = func::guarded_sigmoid(x[j]);
+            }
+        }
+    }
 }
 
 inline void vorn_elem_mul_add(const Tensor<float>& a, const Tensor<float>& b,
@@ -131,7 +143,7 @@ inline void vorn_ld_tanh_backprop(const Tensor<float>& a, const Tensor<float>& b
     });
 }
 
-/// Per column a running sum from 0 in row order. Memory is walked by rows, four at a
+/// Per column a running sum from 0 in row order. Memory is walked by rows, two at a
 /// time, in stripes of columns whose sums stay in the L1 cache.
 inline void vorn_diag_mat_diff(const Tensor<float>& a, const Tensor<float>& b, Tensor<float>& out,
                                DType alpha, DType beta) {
@@ -148,13 +160,10 @@ inline void vorn_diag_mat_diff(const Tensor<float>& a, const Tensor<float>& b, T
         std::fill_n(sum, n, 0.0f);
         const float *a_row = a.get_ptr() + start, *b_row = b.get_ptr() + start;
         int i = 0;
-        for (; i + 4 <= height; i += 4, a_row += 4 * a_ld, b_row += 4 * b_ld) {
+        for (; i + 2 <= height; i += 2, a_row += 2 * a_ld, b_row += 2 * b_ld) {
             for (int j = 0; j < n; ++j) {
-                float value = sum[j] + a_row[j] * b_row[j];
-                value += a_row[a_ld + j] * b_row[b_ld + j];
-                value += a_row[2 * a_ld + j] * b_row[2 * b_ld + j];
-                value += a_row[3 * a_ld + j] * b_row[3 * b_ld + j];
-                sum[j] = value;
+                const float value = sum[j] + a_row[j] * b_row[j];
+                sum[j] = value + a_row[a_ld + j] * b_row[b_ld + j];
             }
         }
         for (; i < height; ++i, a_row += a_ld, b_row += b_ld) {
