@@ -59,6 +59,30 @@ VORN_HD inline LstmCell lstm_cell(float x_i, float x_f, float x_o, float x_c, fl
     return cell;
 }
 
+/// What an error `a` * `b` behind a gate is before it, from the gate's value `c`.
+VORN_HD inline float sigmoid_error(float a, float b, float c) {
+    return a * b * c * (1 - c);
+}
+
+/// The same through a tanh of value `c`.
+VORN_HD inline float tanh_error(float a, float b, float c) {
+    return a * b * (1 - c * c);
+}
+
+/// The error of a cell state: through the output, through the peephole of the output gate, and
+/// from the following step.
+VORN_HD inline float lstm_state_error(float m_err, float o, float h, float d_o, float wc_o,
+                                      float c_err) {
+    return m_err * o * (1 - h * h) + d_o * wc_o + c_err;
+}
+
+/// What `lstm_state_error` takes from the following step, whose state error is `c_err`: along the
+/// state, and through the peepholes of its forget and input gates.
+VORN_HD inline float lstm_back_error(float c_err, float f, float d_f, float wc_f, float d_i,
+                                     float wc_i) {
+    return c_err * f + d_f * wc_f + d_i * wc_i;
+}
+
 /// Errors of one cell: of its state and of its four pre-activations.
 struct LstmCellError {
     float e, d_i, d_f, d_o, d_c;
@@ -68,11 +92,11 @@ struct LstmCellError {
 VORN_HD inline LstmCellError lstm_cell_bp(float i, float f, float g, float o, float wc_o,
                                           float m_err, float h, float c_pre, float c_err) {
     LstmCellError error;
-    error.d_o = m_err * h * o * (1 - o);
-    error.e = m_err * o * (1 - h * h) + error.d_o * wc_o + c_err;
-    error.d_c = error.e * i * (1 - g * g);
-    error.d_f = error.e * c_pre * f * (1 - f);
-    error.d_i = error.e * g * i * (1 - i);
+    error.d_o = sigmoid_error(m_err, h, o);
+    error.e = lstm_state_error(m_err, o, h, error.d_o, wc_o, c_err);
+    error.d_c = tanh_error(error.e, i, g);
+    error.d_f = sigmoid_error(error.e, c_pre, f);
+    error.d_i = sigmoid_error(error.e, g, i);
     return error;
 }
 

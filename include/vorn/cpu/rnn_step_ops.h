@@ -1,0 +1,197 @@
+#ifndef VORN_CPU_RNN_STEP_OPS_H_
+#define VORN_CPU_RNN_STEP_OPS_H_
+
+#include <algorithm>
+#include <cstring>
+
+#include "vorn/ops/lstm_rule.h"
+#include "vorn/tensor/tensor.h"
+
+/// Host forms of the pieces of an LSTM step. Without rows they write nothing.
+namespace vorn {
+namespace cpu {
+
+/// f(i, j) for all rows i and columns j. `ivdep`, because a result depends on its own position
+/// only: an output may be one of the inputs.
+template <typename F>
+void for_each_cell(const Tensor<float>& out, F f) {
+    const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
+    for (int i = 0; i < height; ++i) {
+#pragma GCC ivdep
+        for (int j = 0; j < width; ++j) {
+            f(i, j);
+        }
+    }
+}
+
+/// The same where all operands are dense: one long row, whose position is its column.
+template <typename F>
+void for_each_dense_cell(const Tensor<float>& out, F f) {
+    const int count = static_cast<int>(out.get_element_count());
+#pragma GCC ivdep
+    for (int k = 0; k < count; ++k) {
+        f(k);
+    }
+}
+
+inline void vorn_ld_mul_diag_mat_sigmoid(const Tensor<float>& in, const Tensor<float>& w,
+                                         const Tensor<float>& bak, Tensor<float>& out, DType alpha,
+                                         DType beta) {
+    const float *in_p = in.get_ptr(), *w_p = w.get_ptr(), *bak_p = bak.get_ptr();
+    float* out_p = out.get_ptr();
+    const int width = static_cast<int>(out.get_w()), ld_bak = static_cast<int>(bak.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        const int base = i * width + j;
+        out_p[base] =
+            func::guarded_sigmoid(alpha * in_p[base] * w_p[j] + beta * bak_p[i * ld_bak + j]);
+    });
+}
+
+inline void vorn_elem_mul_add(const Tensor<float>& a, const Tensor<float>& b,
+                              const Tensor<float>& c, const Tensor<float>& d, Tensor<float>& out) {
+    const float *a_p = a.get_ptr(), *b_p = b.get_ptr(), *c_p = c.get_ptr(), *d_p = d.get_ptr();
+    float* out_p = out.get_ptr();
+    for_each_dense_cell(out, [=](int k) { out_p[k] = a_p[k] * b_p[k] + c_p[k] * d_p[k]; });
+}
+
+inline void vorn_elem_mul_tanh(const Tensor<float>& a, const Tensor<float>& b,
+                               const Tensor<float>& c, Tensor<float>& out) {
+    const float *a_p = a.get_ptr(), *c_p = c.get_ptr();
+    float *b_p = b.get_ptr(), *out_p = out.get_ptr();
+    for_each_dense_cell(out, [=](int k) {
+        const float a_k = a_p[k], h = tanhf(c_p[k]);
+        b_p[k] = h;
+        out_p[k] = a_k * h;
+    });
+}
+
+inline void vorn_ld_sigmoid_bprop(const Tensor<float>& b, const Tensor<float>& c,
+                                  Tensor<float>& out, DType alpha, DType beta) {
+    const float *b_p = b.get_ptr(), *c_p = c.get_ptr();
+    float* out_p = out.get_ptr();
+    const int b_ld = static_cast<int>(b.get_stride()), c_ld = static_cast<int>(c.get_stride()),
+              o_ld = static_cast<int>(out.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        float& value = out_p[i * o_ld + j];
+        value = func::sigmoid_error(alpha, b_p[i * b_ld + j], c_p[i * c_ld + j]) + beta * value;
+    });
+}
+
+inline void vorn_ld_sigmoid_backprop(const Tensor<float>& a, const Tensor<float>& b,
+                                     const Tensor<float>& c, Tensor<float>& out) {
+    const float *a_p = a.get_ptr(), *b_p = b.get_ptr(), *c_p = c.get_ptr();
+    float* out_p = out.get_ptr();
+    const int width = static_cast<int>(out.get_w()), o_ld = static_cast<int>(out.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        const int base = i * width + j;
+        out_p[i * o_ld + j] = func::sigmoid_error(a_p[base], b_p[base], c_p[base]);
+    });
+}
+
+inline void vorn_ld_cell_cur_error(const Tensor<float>& m_err, const Tensor<float>& o,
+                                   const Tensor<float>& hc, const Tensor<float>& o_err,
+                                   const Tensor<float>& w_oc, const Tensor<float>& ebc,
+                                   Tensor<float>& out) {
+    const float *m_p = m_err.get_ptr(), *o_p = o.get_ptr(), *h_p = hc.get_ptr(),
+                *o_err_p = o_err.get_ptr(), *w_p = w_oc.get_ptr(), *ebc_p = ebc.get_ptr();
+    float* out_p = out.get_ptr();
+    const int width = static_cast<int>(out.get_w()), o_ld = static_cast<int>(o.get_stride()),
+              o_err_ld = static_cast<int>(o_err.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        const int base = i * width + j;
+        out_p[base] = func::lstm_state_error(m_p[base], o_p[i * o_ld + j], h_p[base],
+                                             o_err_p[i * o_err_ld + j], w_p[j], ebc_p[base]);
+    });
+}
+
+inline void vorn_ld_cell_back_error(const Tensor<float>& c_err, const Tensor<float>& f,
+                                    const Tensor<float>& f_err, const Tensor<float>& w_fc,
+                                    const Tensor<float>& i_err, const Tensor<float>& w_ic,
+                                    Tensor<float>& out) {
+    const float *c_p = c_err.get_ptr(), *f_p = f.get_ptr(), *f_err_p = f_err.get_ptr(),
+                *w_f = w_fc.get_ptr(), *i_err_p = i_err.get_ptr(), *w_i = w_ic.get_ptr();
+    float* out_p = out.get_ptr();
+    const int width = static_cast<int>(out.get_w()), f_ld = static_cast<int>(f_err.get_stride()),
+              i_ld = static_cast<int>(i_err.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        const int base = i * width + j;
+        out_p[base] = func::lstm_back_error(c_p[base], f_p[base], f_err_p[i * f_ld + j], w_f[j],
+                                            i_err_p[i * i_ld + j], w_i[j]);
+    });
+}
+
+inline void vorn_ld_tanh_backprop(const Tensor<float>& a, const Tensor<float>& b,
+                                  const Tensor<float>& c, Tensor<float>& out) {
+    const float *a_p = a.get_ptr(), *b_p = b.get_ptr(), *c_p = c.get_ptr();
+    float* out_p = out.get_ptr();
+    const int width = static_cast<int>(out.get_w()), o_ld = static_cast<int>(out.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        const int base = i * width + j;
+        out_p[i * o_ld + j] = func::tanh_error(a_p[base], b_p[base], c_p[base]);
+    });
+}
+
+/// Per column a running sum from 0 in row order. Memory is walked by rows, in stripes of columns
+/// whose sums stay in the L1 cache.
+inline void vorn_diag_mat_diff(const Tensor<float>& a, const Tensor<float>& b, Tensor<float>& out,
+                               DType alpha, DType beta) {
+    constexpr int kStripe = 1024;
+    const int height = static_cast<int>(a.row()), width = static_cast<int>(a.get_w());
+    if (height < 1) {
+        return;
+    }
+    const int a_ld = static_cast<int>(a.get_stride()), b_ld = static_cast<int>(b.get_stride());
+    float* out_p = out.get_ptr();
+    for (int start = 0; start < width; start += kStripe) {
+        const int n = std::min(kStripe, width - start);
+        float sum[kStripe];
+        std::fill_n(sum, n, 0.0f);
+        for (int i = 0; i < height; ++i) {
+            const float *a_row = a.get_ptr() + i * a_ld + start,
+                        *b_row = b.get_ptr() + i * b_ld + start;
+            for (int j = 0; j < n; ++j) {
+                sum[j] += a_row[j] * b_row[j];
+            }
+        }
+#pragma GCC ivdep
+        for (int j = 0; j < n; ++j) {
+            out_p[start + j] = alpha * sum[j] + beta * out_p[start + j];
+        }
+    }
+}
+
+inline void vorn_mask_reverse(const Tensor<float>& in, const Tensor<int>& batch_seq_len,
+                              Tensor<float>& out, int batch_size, int seq_len) {
+    const index_t bytes = in.get_size(1) * sizeof(float);
+    for (int b = 0; b < batch_size; ++b) {
+        const int cur_seq_len = batch_seq_len.get_ptr()[b];
+        for (int s = 0; s < seq_len; ++s) {
+            const int target = s < cur_seq_len ? cur_seq_len - 1 - s : s;
+            std::memcpy(out.get_row(target * batch_size + b), in.get_row(s * batch_size + b),
+                        bytes);
+        }
+    }
+}
+
+/// Blocks of sequences, so that the mask is read along its rows.
+inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
+                                   int batch_size, int sub_frame_len) {
+    constexpr int kBlock = 1024;
+    for (int start = 0; start < batch_size; start += kBlock) {
+        const int n = std::min(kBlock, batch_size - start);
+        int count[kBlock];
+        std::fill_n(count, n, 0);
+        for (int t = 0; t < sub_frame_len; ++t) {
+            const int* row = mask.get_ptr() + t * batch_size + start;
+            for (int b = 0; b < n; ++b) {
+                count[b] += row[b] != 0;
+            }
+        }
+        std::copy_n(count, n, batch_seq_len.get_ptr() + start);
+    }
+}
+
+}  // namespace cpu
+}  // namespace vorn
+
+#endif  // VORN_CPU_RNN_STEP_OPS_H_
