@@ -83,7 +83,7 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
         const speech::FrameBatch batch = speech::make_frame_batch(features, device);
         speech::CtcLoss ctc;
         vorn::Tensor<float> error(device);
-        const double computed = ctc.compute(network->forward(batch), batch,
+        const double computed = ctc.compute(network->forward(batch, speech::Pass::kTraining), batch,
                                             speech::make_label_batch(labels, batch), &error);
         network->backward(batch, error);
         EXPECT_NEAR(computed, loss(values), 1e-4);
