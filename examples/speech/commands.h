@@ -17,10 +17,10 @@ struct CorpusOptions {
 
 struct TrainOptions {
     std::filesystem::path corpus;
-    std::filesystem::path model;    ///< --out
-    std::filesystem::path picture;  ///< --picture; empty: none
-    std::string device = "cpu";     ///< cpu or gpu
-    std::string kind = "lstm";      ///< --model
+    std::filesystem::path model;      ///< --out
+    std::filesystem::path picture;    ///< --picture; empty: none
+    std::string device = "cpu";       ///< cpu or gpu
+    std::string kind = "conv-blstm";  ///< --model
     int epochs = 30;
     int batch = 16;             ///< utterances
     std::optional<int> hidden;  ///< the kind's own number where not given

@@ -86,7 +86,7 @@ CLI::App* add_recognise(CLI::App* app, speech::RecogniseOptions* options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Learns to read spoken digits: log mel features, LSTM layers, CTC.");
+    CLI::App app("Learns to read spoken digits: log mel features, convolution, LSTM layers, CTC.");
     app.name("vorn_speech");
     app.require_subcommand(1);
 

@@ -28,7 +28,7 @@ void visit_fields(Features& features, Shape& shape, Visit visit) {
     visit("hidden", shape.hidden);
     visit("layers", shape.layers);
     visit("classes", shape.classes);
-    if (shape.kind == "conv-blstm") {
+    if (shape.kind == kConvBlstm) {
         visit("filter_size", shape.conv.filter_size);
         visit("groups", shape.conv.groups);
         visit("filters", shape.conv.filters);

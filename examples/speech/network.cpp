@@ -11,7 +11,6 @@ namespace speech {
 
 namespace {
 
-constexpr const char* kConvBlstm = "conv-blstm";
 constexpr int kMostUnits = 4096;
 constexpr int kMostLayers = 16;
 
@@ -91,7 +90,7 @@ void check_extent(const char* name, int value, int most) {
 }  // namespace
 
 std::vector<std::string> network_kinds() {
-    return {"lstm", kConvBlstm};
+    return {kLstm, kConvBlstm};
 }
 
 int default_cells(const std::string& kind) {

@@ -13,6 +13,11 @@
 
 namespace speech {
 
+/// The kinds of model. "lstm" has LSTM layers that run forward in time; "conv-blstm" a convolution
+/// along frequency, batch normalization and LSTM layers in both directions.
+constexpr const char* kLstm = "lstm";
+constexpr const char* kConvBlstm = "conv-blstm";
+
 /// What a network is built of; stored with the model.
 struct NetworkShape {
     std::string kind;  ///< one of network_kinds()
@@ -29,9 +34,7 @@ void validate(const NetworkShape& shape);
 /// The number of values of all parameters of a valid shape.
 std::int64_t parameter_count(const NetworkShape& shape);
 
-/// The kinds of model that this program knows: "lstm" has LSTM layers that run forward in time,
-/// "conv-blstm" a convolution along frequency, batch normalization and LSTM layers in both
-/// directions.
+/// The kinds of model that this program knows.
 std::vector<std::string> network_kinds();
 
 /// Cells that a layer of this kind has, in each direction, where the user does not say.
