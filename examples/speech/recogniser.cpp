@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <numeric>
 
+#include "error.h"
+
 namespace speech {
 
 namespace {
@@ -38,6 +40,10 @@ std::vector<std::vector<int>> recognise(Network* network, const std::vector<Samp
         posteriors.find_row_max_id(best);
         std::vector<int> classes(batch.rows());
         best.copy_to(classes.data(), 0, classes.size());
+        // A row of NaN has no maximum.
+        if (*std::min_element(classes.begin(), classes.end()) < 0) {
+            throw Error("the network's posteriors are not numbers; its model is damaged");
+        }
         for (int n = 0; n < batch.size; ++n) {
             labels[order[begin + n]] =
                 greedy_decode(classes.data() + n, batch.lengths[n], batch.size);

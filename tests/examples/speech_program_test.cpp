@@ -120,6 +120,14 @@ TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
         EXPECT_EQ(outcome.err, "vorn_speech: " + _model.string() + ": " + m.message + "\n");
     }
 
+    for (const std::string& model : {good, conv}) {
+        _folder.write("model", model.substr(0, model.size() - 4) + "\xff\xff\xff\xff");
+        const Outcome outcome = run(_folder, recognise);
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.err,
+                  "vorn_speech: the network's posteriors are not numbers; its model is damaged\n");
+    }
+
     _folder.write("model", good);
     _folder.write("broken.wav", "RIFF");
     const std::string lists = _folder.path().string() + "/";
