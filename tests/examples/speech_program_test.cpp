@@ -124,6 +124,7 @@ TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
         _folder.write("model", model.substr(0, model.size() - 4) + "\xff\xff\xff\xff");
         const Outcome outcome = run(_folder, recognise);
         EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.out, "");
         EXPECT_EQ(outcome.err,
                   "vorn_speech: the network's posteriors are not numbers; its model is damaged\n");
     }
