@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,13 +17,13 @@ struct CorpusOptions {
 
 struct TrainOptions {
     std::filesystem::path corpus;
-    std::filesystem::path model;    ///< --out
-    std::filesystem::path picture;  ///< --picture; empty: none
-    std::string device = "cpu";     ///< cpu or gpu
-    std::string kind = "lstm";      ///< --model
+    std::filesystem::path model;      ///< --out
+    std::filesystem::path picture;    ///< --picture; empty: none
+    std::string device = "cpu";       ///< cpu or gpu
+    std::string kind = "conv-blstm";  ///< --model
     int epochs = 30;
-    int batch = 16;  ///< utterances
-    int hidden = 160;
+    int batch = 16;             ///< utterances
+    std::optional<int> hidden;  ///< the kind's own number where not given
     int layers = 2;
     double learning_rate = 4e-3;
     std::uint64_t seed = 1;

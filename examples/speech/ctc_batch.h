@@ -1,6 +1,7 @@
 #ifndef SPEECH_CTC_BATCH_H_
 #define SPEECH_CTC_BATCH_H_
 
+#include <numeric>
 #include <vector>
 
 #include "features.h"
@@ -19,6 +20,8 @@ struct FrameBatch {
     vorn::Tensor<int> mask;  ///< per row: 1 for a frame, 0 for padding
 
     int rows() const { return frames * size; }
+    /// Rows that are no padding.
+    int valid_frames() const { return std::accumulate(lengths.begin(), lengths.end(), 0); }
 };
 
 /// Lays utterances of one width, at least one of which has frames, side by side on `device`.

@@ -55,7 +55,10 @@ CLI::App* add_train(CLI::App* app, speech::TrainOptions* options) {
     };
     add_number("--epochs", &options->epochs, "Passes over the training set", CLI::Range(1, 10000));
     add_number("--batch", &options->batch, "Utterances in a batch", CLI::Range(1, 1024));
-    add_number("--hidden", &options->hidden, "Cells in a layer", CLI::Range(1, 4096));
+    command
+        ->add_option("--hidden", options->hidden,
+                     "Cells in a layer, in each direction (default: by kind)")
+        ->check(CLI::Range(1, 4096));
     add_number("--layers", &options->layers, "LSTM layers", CLI::Range(1, 16));
     add_number("--learning-rate", &options->learning_rate, "Highest step size of Adam",
                CLI::Range(1e-6, 1.0));
@@ -83,7 +86,7 @@ CLI::App* add_recognise(CLI::App* app, speech::RecogniseOptions* options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Learns to read spoken digits: log mel features, LSTM layers, CTC.");
+    CLI::App app("Learns to read spoken digits: log mel features, convolution, LSTM layers, CTC.");
     app.name("vorn_speech");
     app.require_subcommand(1);
 

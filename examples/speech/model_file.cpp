@@ -28,6 +28,12 @@ void visit_fields(Features& features, Shape& shape, Visit visit) {
     visit("hidden", shape.hidden);
     visit("layers", shape.layers);
     visit("classes", shape.classes);
+    if (shape.kind == kConvBlstm) {
+        visit("filter_size", shape.conv.filter_size);
+        visit("groups", shape.conv.groups);
+        visit("filters", shape.conv.filters);
+        visit("pooling", shape.conv.pooling);
+    }
     visit("sample_rate", features.sample_rate);
     visit("window", features.window);
     visit("step", features.step);
@@ -82,6 +88,17 @@ void check_tensor_ahead(std::ifstream& in, std::uintmax_t file_size, const std::
     in.seekg(start);
 }
 
+/// The parameters, then the statistics.
+std::vector<NamedTensor> stored_tensors(Network* network) {
+    std::vector<NamedTensor> stored;
+    for (Parameter* parameter : network->parameters()) {
+        stored.push_back({parameter->name, &parameter->value});
+    }
+    const std::vector<NamedTensor> statistics = network->statistics();
+    stored.insert(stored.end(), statistics.begin(), statistics.end());
+    return stored;
+}
+
 vorn::Tensor<float> to_tensor(const std::vector<float>& values) {
     vorn::Tensor<float> tensor{vorn::Dim(values.size())};
     tensor.copy_from(values.data(), 0, values.size());
@@ -109,10 +126,12 @@ Model read_model(std::ifstream& in, std::uintmax_t file_size, vorn::Device devic
         throw Error("the head does not end where it should");
     }
     validate(model.features);
-    validate(model.shape);
     if (model.shape.inputs != model.features.columns() || model.shape.classes != kClassCount) {
         throw Error("the network does not fit its features and classes");
     }
+    model.shape.conv.bands = model.features.bands;
+    model.shape.conv.channels = model.features.channels();
+    validate(model.shape);
 
     // Before memory is taken for a network of any size.
     if (file_size / sizeof(float) < static_cast<std::uintmax_t>(parameter_count(model.shape))) {
@@ -124,9 +143,9 @@ Model read_model(std::ifstream& in, std::uintmax_t file_size, vorn::Device devic
         read_vector(in, file_size, "inverse_deviation", model.shape.inputs);
     model.normaliser = Normaliser(std::move(mean), std::move(deviation));
     model.network = make_network(model.shape, device);
-    for (Parameter* parameter : model.network->parameters()) {
-        check_tensor_ahead(in, file_size, parameter->name, parameter->value.get_size());
-        parameter->value.read(in, 0);
+    for (const NamedTensor& stored : stored_tensors(model.network.get())) {
+        check_tensor_ahead(in, file_size, stored.name, stored.tensor->get_size());
+        stored.tensor->read(in, 0);
     }
     if (static_cast<std::uintmax_t>(in.tellg()) != file_size) {
         throw Error("goes on behind its last tensor");
@@ -148,8 +167,8 @@ void save_model(const std::filesystem::path& file, const Model& model) {
         out << kEndOfHead << '\n';
         to_tensor(model.normaliser.mean()).write(out);
         to_tensor(model.normaliser.inverse_deviation()).write(out);
-        for (const Parameter* parameter : model.network->parameters()) {
-            parameter->value.write(out);
+        for (const NamedTensor& stored : stored_tensors(model.network.get())) {
+            stored.tensor->write(out);
         }
         if (!out.flush()) {
             throw Error(unfinished.string() + ": cannot be written");

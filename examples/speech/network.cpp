@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "conv_blstm.h"
 #include "error.h"
 #include "linear_layer.h"
 #include "lstm_layer.h"
@@ -34,7 +35,7 @@ public:
         _linear.initialise(random);
     }
 
-    const vorn::Tensor<float>& forward(const FrameBatch& batch) override {
+    const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass) override {
         // Views of each layer's input, for the way back.
         _inputs.assign(1, batch.features);
         for (const auto& layer : _layers) {
@@ -74,6 +75,11 @@ private:
     vorn::Tensor<float> _posteriors;
 };
 
+/// Of one LSTM layer: the products' weights, four biases and three peepholes a cell.
+std::int64_t lstm_parameter_count(std::int64_t inputs, std::int64_t cells) {
+    return (inputs + cells) * 4 * cells + 7 * cells;
+}
+
 void check_extent(const char* name, int value, int most) {
     if (value < 1 || value > most) {
         throw Error("network: " + std::string(name) + " must be 1 to " + std::to_string(most) +
@@ -84,7 +90,11 @@ void check_extent(const char* name, int value, int most) {
 }  // namespace
 
 std::vector<std::string> network_kinds() {
-    return {"lstm"};
+    return {kLstm, kConvBlstm};
+}
+
+int default_cells(const std::string& kind) {
+    return kind == kConvBlstm ? 112 : 160;
 }
 
 void validate(const NetworkShape& shape) {
@@ -96,18 +106,34 @@ void validate(const NetworkShape& shape) {
     check_extent("hidden", shape.hidden, kMostUnits);
     check_extent("layers", shape.layers, kMostLayers);
     check_extent("classes", shape.classes, kMostUnits);
+    if (shape.kind == kConvBlstm) {
+        validate(shape.conv, shape.inputs);
+        check_extent("convolution outputs", shape.conv.outputs(), kMostUnits);
+    }
 }
 
 std::int64_t parameter_count(const NetworkShape& shape) {
-    const std::int64_t hidden = shape.hidden;
-    // Per layer: the products' weights, four biases and three peepholes a cell.
-    const std::int64_t layers = shape.layers * (2 * hidden * 4 * hidden + 7 * hidden) +
-                                (shape.inputs - hidden) * 4 * hidden;
-    return layers + (hidden + 1) * shape.classes;
+    const bool is_conv_blstm = shape.kind == kConvBlstm;
+    const int directions = is_conv_blstm ? 2 : 1;
+    const std::int64_t width = directions * shape.hidden;
+    std::int64_t count = (width + 1) * shape.classes;
+    for (int i = 0; i < shape.layers; ++i) {
+        const int first = is_conv_blstm ? shape.conv.outputs() : shape.inputs;
+        count += directions * lstm_parameter_count(i == 0 ? first : width, shape.hidden);
+    }
+    if (is_conv_blstm) {
+        const ConvShape& conv = shape.conv;
+        const std::int64_t patch = conv.filter_size * (shape.inputs / conv.bands);
+        count += conv.groups * (patch + 1) * conv.filters + 2 * conv.outputs();
+    }
+    return count;
 }
 
 std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device) {
     validate(shape);
+    if (shape.kind == kConvBlstm) {
+        return std::make_unique<ConvBlstmNetwork>(shape, device);
+    }
     return std::make_unique<LstmNetwork>(shape, device);
 }
 

@@ -6,19 +6,26 @@
 #include <string>
 #include <vector>
 
+#include "conv_layer.h"
 #include "ctc_batch.h"
 #include "parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
 
+/// The kinds of model. "lstm" has LSTM layers that run forward in time; "conv-blstm" a convolution
+/// along frequency, batch normalization and LSTM layers in both directions.
+constexpr const char* kLstm = "lstm";
+constexpr const char* kConvBlstm = "conv-blstm";
+
 /// What a network is built of; stored with the model.
 struct NetworkShape {
-    std::string kind = "lstm";  ///< one of network_kinds()
-    int inputs = 0;             ///< feature columns
-    int hidden = 160;           ///< cells of an LSTM layer
-    int layers = 2;             ///< LSTM layers
+    std::string kind;  ///< one of network_kinds()
+    int inputs = 0;    ///< feature columns
+    int hidden = 0;    ///< cells of an LSTM layer, in each direction
+    int layers = 2;    ///< LSTM layers
     int classes = 0;
+    ConvShape conv = {};  ///< of the kinds that have a convolution
 };
 
 /// Throws Error when the shape cannot be built, as it may when it comes from a damaged file.
@@ -30,6 +37,12 @@ std::int64_t parameter_count(const NetworkShape& shape);
 /// The kinds of model that this program knows.
 std::vector<std::string> network_kinds();
 
+/// Cells that a layer of this kind has, in each direction, where the user does not say.
+int default_cells(const std::string& kind);
+
+/// What a forward pass is for. In training some layers look at the batch as a whole.
+enum class Pass { kTraining, kInference };
+
 /// From the features of a batch to class posteriors per frame. A network lives on one device.
 class Network {
 public:
@@ -39,12 +52,14 @@ public:
 
     virtual void initialise(Random* random) = 0;
     /// The posteriors, batch.rows() x classes; good until the next call.
-    virtual const vorn::Tensor<float>& forward(const FrameBatch& batch) = 0;
-    /// After a forward() of the same batch: sets the gradients of all parameters from the
+    virtual const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass pass) = 0;
+    /// After a training forward() of the same batch: sets the gradients of all parameters from the
     /// gradient of the loss with respect to the softmax inputs.
     virtual void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) = 0;
     /// All parameters, in the order in which a model file holds them.
     virtual std::vector<Parameter*> parameters() = 0;
+    /// What the network has learnt besides its parameters; stands behind them in a model file.
+    virtual std::vector<NamedTensor> statistics() { return {}; }
 
     vorn::Device device() const { return _device; }
 

@@ -18,6 +18,12 @@ inline double uniform(Random* random) {
     return static_cast<double>((*random)() >> 11) * 0x1p-53;
 }
 
+/// A tensor that a model file holds.
+struct NamedTensor {
+    std::string name;
+    vorn::Tensor<float>* tensor;
+};
+
 /// A tensor that training changes, with the gradient of the loss.
 struct Parameter {
     std::string name;

@@ -18,8 +18,8 @@ int run_recognise(const RecogniseOptions& options) {
         sample.features = extractor.extract_file(file);
         model.normaliser.apply(&sample.features);
         const std::vector<Sample> samples = {sample};
-        std::cout << file.string() << '\t'
-                  << to_transcript(recognise(model.network.get(), samples).front()) << std::endl;
+        const std::vector<int> labels = recognise(model.network.get(), samples).front();
+        std::cout << file.string() << '\t' << to_transcript(labels) << std::endl;
     }
     return 0;
 }

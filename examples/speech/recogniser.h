@@ -11,7 +11,8 @@
 namespace speech {
 
 /// The labels on the network's best path through each sample; none for a sample without frames.
-/// The features are normalised ones. Works on batches of utterances of like length.
+/// The features are normalised ones. Works on batches of utterances of like length. Throws Error
+/// when the posteriors are NaN, as those of a damaged model may be.
 std::vector<std::vector<int>> recognise(Network* network, const std::vector<Sample>& samples);
 
 /// Recognises and scores.

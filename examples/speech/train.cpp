@@ -135,8 +135,11 @@ int run_train(const TrainOptions& options) {
 
     Model model;
     const Data data = prepare(options, &model);
-    model.shape = {options.kind, model.features.columns(), options.hidden, options.layers,
+    model.shape = {options.kind, model.features.columns(),
+                   options.hidden.value_or(default_cells(options.kind)), options.layers,
                    kClassCount};
+    model.shape.conv.bands = model.features.bands;
+    model.shape.conv.channels = model.features.channels();
     model.network = make_network(model.shape, compute.device());
     Trainer trainer(
         model.network.get(), &data.train,

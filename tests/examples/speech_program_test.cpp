@@ -48,33 +48,36 @@ TEST_F(SpeechProgramTrained, TrainsTestsAndRecognises) {
     // 0.05 s make three analysis frames, one row.
     _folder.write("short.wav", wav(16000, 1, std::vector<std::int16_t>(800, 9)));
     _folder.write("train.tsv", read_file(_folder / "train.tsv") + "short.wav\tone two\n");
-    const Outcome trained = run(_folder, train("--epochs 2"));
-    EXPECT_EQ(trained.status, 0);
-    EXPECT_EQ(trained.err.find("warning: " + (_folder / "short.wav").string() +
-                               ": 1 frames cannot carry 2 digits, which need 2; skipped\n"),
-              0u);
-    EXPECT_NE(trained.err.find("\nepoch 2: loss "), std::string::npos);
-    EXPECT_NE(trained.out.find("training on 3 utterances"), std::string::npos);
+    for (const std::string kind : {"lstm", "conv-blstm"}) {
+        const Outcome trained = run(_folder, train("--epochs 2 --model " + kind));
+        EXPECT_EQ(trained.status, 0);
+        EXPECT_EQ(trained.err.find("warning: " + (_folder / "short.wav").string() +
+                                   ": 1 frames cannot carry 2 digits, which need 2; skipped\n"),
+                  0u);
+        EXPECT_NE(trained.err.find("\nepoch 2: loss "), std::string::npos);
+        EXPECT_NE(trained.out.find("training on 3 utterances"), std::string::npos);
 
-    for (const std::string& command : {" test --corpus " + _folder.path().string(),
-                                       " recognise " + (_folder / "b.wav").string()}) {
-        const std::string with_model = kProgram + command + " --model " + _model.string();
-        const Outcome on_host = run(_folder, with_model);
-        EXPECT_EQ(on_host.status, 0) << on_host.err;
-        EXPECT_FALSE(on_host.out.empty());
-        EXPECT_EQ(run(_folder, with_model + " --device gpu").out, on_host.out);
+        for (const std::string& command : {" test --corpus " + _folder.path().string(),
+                                           " recognise " + (_folder / "b.wav").string()}) {
+            const std::string with_model = kProgram + command + " --model " + _model.string();
+            const Outcome on_host = run(_folder, with_model);
+            EXPECT_EQ(on_host.status, 0) << on_host.err;
+            EXPECT_FALSE(on_host.out.empty());
+            EXPECT_EQ(run(_folder, with_model + " --device gpu").out, on_host.out);
+        }
     }
 }
 
 TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
-    ASSERT_EQ(run(_folder, train("--epochs 1")).status, 0);
+    ASSERT_EQ(run(_folder, train("--epochs 1 --model lstm")).status, 0);
     const std::string good = read_file(_model);
     const std::string recognise =
         kProgram + " recognise " + (_folder / "a.wav").string() + " --model " + _model.string();
-    const auto replaced = [&](const std::string& from, const std::string& to) {
-        std::string text = good;
+    const auto replaced = [](std::string text, const std::string& from, const std::string& to) {
         return text.replace(text.find(from), from.size(), to);
     };
+    ASSERT_EQ(run(_folder, train("--epochs 1 --model conv-blstm")).status, 0);
+    const std::string conv = read_file(_model);
     const std::size_t head = good.find("tensors\n") + 8;
     struct {
         std::string contents, message;
@@ -85,21 +88,45 @@ TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
         {good.substr(0, head), "is truncated"},
         {good.substr(0, good.size() - 1), "is truncated at 'linear.bias'"},
         {good + "x", "goes on behind its last tensor"},
-        {replaced("hidden 4", "hidden 3"),
+        {replaced(good, "hidden 4", "hidden 3"),
          "'lstm1.input_weight' has not the shape that the head "
          "tells"},
-        {replaced("hidden 4", "hidden 4096"), "is truncated"},
-        {replaced("layers 2", "layers -1"), "network: layers must be 1 to 16, not -1"},
-        {replaced("kind lstm", "kind tree"), "network: there is no model of kind 'tree'"},
-        {replaced("bands 32", "bands 33"), "the network does not fit its features and classes"},
+        {replaced(good, "hidden 4", "hidden 4096"), "is truncated"},
+        {replaced(good, "layers 2", "layers -1"), "network: layers must be 1 to 16, not -1"},
+        {replaced(good, "kind lstm", "kind tree"), "network: there is no model of kind 'tree'"},
+        {replaced(good, "bands 32", "bands 33"),
+         "the network does not fit its features and classes"},
         {good.substr(0, head) + std::string(good.size() - head, '\xff'),
          "'mean' has not the shape that the head tells"},
+        {replaced(conv, "bands 32", "bands 16"),
+         "the network does not fit its features and classes"},
+        {replaced(conv, "groups 4", "groups 5"),
+         "network: the groups must share out the filter positions evenly"},
+        {replaced(conv, "filter_size 9", "filter_size 33"),
+         "network: the filter size must be 1 to the number of bands"},
+        {replaced(conv, "pooling 3", "pooling 7"),
+         "network: the pooling must be 1 to the positions of a group"},
+        {replaced(conv, "filters 32", "filters 4096"),
+         "network: convolution outputs must be 1 to 4096, not 32768"},
+        {replaced(conv, "filters 32", "filters 31"),
+         "'conv.weight' has not the shape that the head tells"},
+        {conv.substr(0, conv.size() - 1), "is truncated at 'norm.batches'"},
+        {conv + "x", "goes on behind its last tensor"},
     };
     for (const auto& m : models) {
         _folder.write("model", m.contents);
         const Outcome outcome = run(_folder, recognise);
         EXPECT_EQ(outcome.status, 2);
         EXPECT_EQ(outcome.err, "vorn_speech: " + _model.string() + ": " + m.message + "\n");
+    }
+
+    for (const std::string& model : {good, conv}) {
+        _folder.write("model", model.substr(0, model.size() - 4) + "\xff\xff\xff\xff");
+        const Outcome outcome = run(_folder, recognise);
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.err,
+                  "vorn_speech: the network's posteriors are not numbers; its model is damaged\n");
     }
 
     _folder.write("model", good);

@@ -1,0 +1,42 @@
+#ifndef SPEECH_CONV_BLSTM_H_
+#define SPEECH_CONV_BLSTM_H_
+
+#include <memory>
+#include <vector>
+
+#include "batch_norm_layer.h"
+#include "blstm_layer.h"
+#include "conv_layer.h"
+#include "linear_layer.h"
+#include "network.h"
+
+namespace speech {
+
+/// A convolution along frequency, batch normalization, LSTM layers in both directions of time, a
+/// linear layer and a softmax.
+class ConvBlstmNetwork : public Network {
+public:
+    ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device);
+
+    void initialise(Random* random) override;
+    const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass pass) override;
+    void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) override;
+    std::vector<Parameter*> parameters() override;
+    std::vector<NamedTensor> statistics() override { return _norm.statistics(); }
+
+private:
+    ConvLayer _conv;
+    BatchNormLayer _norm;
+    std::vector<std::unique_ptr<BlstmLayer>> _layers;
+    LinearLayer _linear;
+
+    // Of the latest batch; views of what went into the normalization and into each later layer.
+    vorn::Tensor<int> _lengths;
+    vorn::Tensor<float> _conv_out;
+    std::vector<vorn::Tensor<float>> _inputs;
+    vorn::Tensor<float> _posteriors;
+};
+
+}  // namespace speech
+
+#endif  // SPEECH_CONV_BLSTM_H_
