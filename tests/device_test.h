@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <random>
@@ -17,6 +18,16 @@
 
 namespace vorn {
 namespace test {
+
+using TensorF = Tensor<float>;
+using Values = std::vector<float>;
+using Doubles = std::vector<double>;
+
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr float kPoison = -12345;         ///< What no test expects; finite, because blends read it.
+constexpr double kUlp = 1.0 / (1 << 23);  ///< Upper bound of one ulp, relative.
+constexpr double kHalfUlp = 1.0001 / (1 << 24);  ///< One rounding of the exact value.
 
 /// Where a test case runs: each device, dense and as a view of some columns of a wider matrix.
 enum class Place { kHost, kHostPitched, kGpu, kGpuPitched };
@@ -56,6 +67,26 @@ inline std::vector<float> random_values(size_t count, unsigned seed, float lo = 
     return values;
 }
 
+inline Doubles widen(const Values& values) {
+    return Doubles(values.begin(), values.end());
+}
+
+/// A dense tensor with these elements, row-major.
+template <typename T>
+Tensor<T> dense(const Dim& size, const std::vector<T>& values, Device device) {
+    return Tensor<T>(Tensor<T>(const_cast<T*>(values.data()), size, CPU), device);
+}
+
+/// Calls f with a zero of each element type.
+template <typename F>
+void for_each_type(F f) {
+    f(0.0f);
+    f(0);
+    f(0ul);
+    f(static_cast<unsigned char>(0));
+    f(static_cast<short>(0));
+}
+
 /// The elements of a tensor of any device and pitch, row-major.
 template <typename T>
 std::vector<T> values_of(const Tensor<T>& tensor) {
@@ -69,6 +100,15 @@ std::vector<T> values_of(const Tensor<T>& tensor) {
 class ContextTest : public ::testing::Test {
 protected:
     ThreadContextScope _context;
+};
+
+class GpuTest : public ContextTest {
+protected:
+    void SetUp() override {
+        if (!has_gpu()) {
+            GTEST_SKIP() << "no GPU on this machine";
+        }
+    }
 };
 
 class DeviceTest : public ::testing::TestWithParam<Place> {
@@ -94,10 +134,16 @@ protected:
         return tensor;
     }
 
-    /// The same, poisoned with a value that no test expects. It is finite, because blends read it.
+    /// A vector of these elements.
+    template <typename T>
+    Tensor<T> make(const std::vector<T>& values) {
+        return make(Dim(static_cast<int>(values.size())), values);
+    }
+
+    /// A tensor whose old elements no test expects in a result.
     template <typename T = float>
     Tensor<T> poisoned(const Dim& size) {
-        return make(size, std::vector<T>(size.product(), T(-12345)));
+        return make(size, std::vector<T>(size.product(), T(kPoison)));
     }
 
     /// Fails if an operation wrote beside a pitched matrix made by this test.
@@ -188,6 +234,14 @@ inline void expect_gradient(const std::function<double()>& loss, std::vector<dou
         ASSERT_NEAR(gradient[i], expected, tolerance * (1 + std::abs(expected)))
             << "derivative by input " << i;
     }
+}
+
+/// The texts of the tests that two arguments are on one device and of one size.
+inline std::string same_device(const std::string& a, const std::string& b = "out") {
+    return "Check failed: is_same_devices((" + a + ").get_device(), (" + b + ").get_device()) ";
+}
+inline std::string same_size(const std::string& a, const std::string& b = "out") {
+    return "Check failed: (" + a + ".get_size()) == (" + b + ".get_size()) ";
 }
 
 /// One row of a table of failures: a call and the exact text behind the log prefixes.
