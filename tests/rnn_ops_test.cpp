@@ -6,9 +6,6 @@ namespace vorn {
 namespace test {
 namespace {
 
-using Values = std::vector<float>;
-using Doubles = std::vector<double>;
-
 double sigmoid(double x) {
     return 1 / (1 + std::exp(-std::max(x, -64.0)));
 }
@@ -45,19 +42,17 @@ protected:
         if (!pitched()) {
             return make(size, values);
         }
-        Tensor<float> whole = dense(Dim(size[0], size[1] + extra), kBeside);
+        Tensor<float> whole = filled(Dim(size[0], size[1] + extra), kBeside);
         Tensor<float> view = whole.range_col(0, size[1]);
-        view.copy_from(Tensor<float>(const_cast<float*>(values.data()), size, CPU));
+        view.copy_from(dense(size, values, CPU));
         _wholes.push_back({whole, size[1]});
         return view;
     }
     Tensor<float> matrix(const Dim& size, int extra) {
         return matrix(size, Values(size.product(), kPoison), extra);
     }
-    Tensor<float> dense(const Dim& size, float value) {
-        Tensor<float> tensor(size, device());
-        tensor.set_element(value);
-        return tensor;
+    Tensor<float> filled(const Dim& size, float value) {
+        return dense(size, Values(size.product(), value), device());
     }
 
     void TearDown() override {
@@ -71,15 +66,11 @@ protected:
         DeviceTest::TearDown();
     }
 
-    static constexpr float kBeside = 777, kPoison = -12345;
+    static constexpr float kBeside = 777;
 
 private:
     std::vector<std::pair<Tensor<float>, size_t>> _wholes;
 };
-
-Doubles widen(const Values& values) {
-    return Doubles(values.begin(), values.end());
-}
 
 TEST_P(LstmTest, ForwardFollowsTheFormulaOnEveryPitch) {
     // Both sides of a block of 256 cells on either device and of the vector loops' ends.
@@ -137,8 +128,8 @@ TEST_P(LstmTest, ClipsAndGuardsAtTheirBounds) {
         Tensor<float> m = matrix(size, 1), c_cur = matrix(size, 2), i = matrix(size, 1),
                       f = matrix(size, 1), g = matrix(size, 1), o = matrix(size, 1),
                       h = matrix(size, 1);
-        m.lstm_op(matrix(Dim(1, 4), {-100, 100, 0.25f, 3}, 1), dense(Dim(1), 0), dense(Dim(1), 0),
-                  dense(Dim(1), 0.5f), matrix(size, {bound.old}, 1), c_cur, i, f, g, o, h,
+        m.lstm_op(matrix(Dim(1, 4), {-100, 100, 0.25f, 3}, 1), filled(Dim(1), 0), filled(Dim(1), 0),
+                  filled(Dim(1), 0.5f), matrix(size, {bound.old}, 1), c_cur, i, f, g, o, h,
                   bound.max, bound.min);
         expect_close(values_of(i), {1 / (1 + std::exp(64.0))}, 1e-6);
         expect_close(values_of(f), {1.0}, 0);
@@ -166,10 +157,9 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
     // All inputs of the unrolled net: the pre-activations of each step, then the first cell state.
     // The loss is a weighted sum of the outputs of all steps.
     Doubles inputs;
-    for (const Values& step : x) {
-        inputs.insert(inputs.end(), step.begin(), step.end());
+    for (const Values& part : {x[0], x[1], x[2], start}) {
+        inputs.insert(inputs.end(), part.begin(), part.end());
     }
-    inputs.insert(inputs.end(), start.begin(), start.end());
     const auto loss = [&] {
         Doubles c(inputs.end() - cells, inputs.end());
         double sum = 0;
@@ -191,11 +181,11 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
     std::vector<Saved> saved;
     // The backward kernel takes dense activations; on the host each pitch is honoured.
     const auto activation = [&](int extra) {
-        return on_gpu() ? dense(size, kPoison) : matrix(size, extra);
+        return on_gpu() ? filled(size, kPoison) : matrix(size, extra);
     };
     const Tensor<float> peephole_o = make(Dim(width), wc_o);
     Tensor<float> c = activation(1);
-    c.copy_from(Tensor<float>(const_cast<float*>(start.data()), size, CPU));
+    c.copy_from(dense(size, start, CPU));
     for (int t = 0; t < steps; ++t) {
         Saved s = {c, activation(2), activation(3), activation(4), activation(5), activation(6)};
         Tensor<float> m = activation(7), c_next = activation(8);
@@ -211,7 +201,7 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
     for (int t = steps - 1; t >= 0; --t) {
         const Saved& s = saved[t];
         Tensor<float> m_err = activation(1), wx_err = matrix(Dim(height, 4 * width), 3);
-        m_err.copy_from(Tensor<float>(weight[t].data(), size, CPU));
+        m_err.copy_from(dense(size, weight[t], CPU));
         // In place in all steps but the last.
         Tensor<float> e_cur = t == steps - 1 ? activation(2) : c_err;
         wx_err.lstm_bp_op(s.i, s.f, s.g, s.o, peephole_o, m_err, s.h, s.c_pre, c_err, e_cur);
@@ -224,14 +214,12 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
             next[k] = next[k] * f[k] + gradients[t][row + j] * wc_i[j] +
                       gradients[t][row + width + j] * wc_f[j];
         }
-        c_err.copy_from(Tensor<float>(next.data(), size, CPU));
+        c_err.copy_from(dense(size, next, CPU));
     }
     Values gradient;
-    for (const Values& step : gradients) {
-        gradient.insert(gradient.end(), step.begin(), step.end());
+    for (const Values& part : {gradients[0], gradients[1], gradients[2], values_of(c_err)}) {
+        gradient.insert(gradient.end(), part.begin(), part.end());
     }
-    const Values first = values_of(c_err);
-    gradient.insert(gradient.end(), first.begin(), first.end());
     expect_gradient(loss, inputs, gradient, 2e-6);
 }
 
@@ -251,18 +239,17 @@ TEST_P(LstmTest, MoreRowsThanTheGridHas) {
         EXPECT_EQ(std::count(all.begin(), all.end(), kPoison), 0);
     };
     const Tensor<float> wc = make<float>(Dim(width), {0.5f, -0.75f});
-    Tensor<float> c_pre = dense(size, 0);
-    c_pre.copy_from(values(width, 2).data(), 0, height * width);
+    const Tensor<float> c_pre = dense(size, values(width, 2), device());
     std::vector<Tensor<float>> out;
     for (int k = 0; k < 7; ++k) {
-        out.push_back(dense(size, kPoison));
+        out.push_back(filled(size, kPoison));
     }
     out[0].lstm_op(matrix(Dim(height, 4 * width), values(4 * width, 1), 1), wc, wc, wc, c_pre,
                    out[1], out[2], out[3], out[4], out[5], out[6], 0, 0);
     for (const Tensor<float>& each : out) {
         expect_same(each);
     }
-    Tensor<float> wx_err = matrix(Dim(height, 4 * width), 1), e = dense(size, kPoison);
+    Tensor<float> wx_err = matrix(Dim(height, 4 * width), 1), e = filled(size, kPoison);
     wx_err.lstm_bp_op(out[2], out[3], out[4], out[5], wc, c_pre, out[6], c_pre, c_pre, e);
     expect_same(e);
     expect_same(wx_err);
