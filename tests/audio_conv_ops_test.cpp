@@ -11,14 +11,10 @@ namespace {
 using test::expect_close;
 using test::expect_failures;
 using test::random_values;
+using test::same_device;
 using test::values_of;
 
-class AudioConvTest : public test::DeviceTest {
-protected:
-    Tensor<int> ints(const std::vector<int>& values) {
-        return make<int>(Dim(values.size()), values);
-    }
-};
+class AudioConvTest : public test::DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, AudioConvTest, test::kDensePlaces, test::name_of_place);
 
 // A feature layout and the groups of filter positions on it.
@@ -73,7 +69,7 @@ TEST_P(AudioConvTest, PatchesAreCopies) {
         });
         Tensor<float> out = poisoned(layout.patches());
         out.expand_feat(make(layout.features(), features), layout.fbank, layout.delta, 0,
-                        layout.filter, ints(layout.start), ints(layout.end));
+                        layout.filter, make(layout.start), make(layout.end));
         EXPECT_EQ(values_of(out), expected);
     }
 }
@@ -90,7 +86,7 @@ TEST_P(AudioConvTest, ErrorsSumOntoFeatures) {
         Tensor<float> out =
             make(layout.features(), std::vector<float>(layout.features().product(), old));
         out.shrink_errors(make(layout.patches(), errors), layout.fbank, layout.delta, 0,
-                          layout.filter, ints(layout.start), ints(layout.end));
+                          layout.filter, make(layout.start), make(layout.end));
         expect_close(values_of(out), expected, 1e-5, 1e-5);
     }
 }
@@ -101,7 +97,7 @@ TEST_P(AudioConvTest, ExpansionAndSumAreAdjoint) {
         const std::vector<float> y = random_values(layout.patches().product(), 4);
         Tensor<float> expanded = poisoned(layout.patches());
         Tensor<float> summed(layout.features(), device());
-        const Tensor<int> start = ints(layout.start), end = ints(layout.end);
+        const Tensor<int> start = make(layout.start), end = make(layout.end);
         expanded.expand_feat(make(layout.features(), x), layout.fbank, layout.delta, 0,
                              layout.filter, start, end);
         summed.shrink_errors(make(layout.patches(), y), layout.fbank, layout.delta, 0,
@@ -185,42 +181,36 @@ TEST_P(AudioConvTest, PoolingInsideGroups) {
             const int filter_num = filters * static_cast<int>(sizes.size());
             Tensor<float> out = poisoned(Dim(frames, width));
             Tensor<int> idx = poisoned<int>(Dim(frames, width));
-            out.max_pooling(make(Dim(rows, filters), in), ints(sizes), filter_num, pool, idx, 2,
+            out.max_pooling(make(Dim(rows, filters), in), make(sizes), filter_num, pool, idx, 2,
                             0.5);
             EXPECT_EQ(values_of(out), expected);
             EXPECT_EQ(values_of(idx), winners);
             Tensor<float> dx = make(Dim(rows, filters), std::vector<float>(in.size(), 10));
-            dx.max_pooling_bp(make(Dim(frames, width), error), ints(sizes), filter_num, pool, idx,
+            dx.max_pooling_bp(make(Dim(frames, width), error), make(sizes), filter_num, pool, idx,
                               2, 0.5);
-            const std::vector<float> actual = values_of(dx);
-            expect_close(actual, std::vector<double>(back.begin(), back.end()), 1e-6);
+            expect_close(values_of(dx), test::widen(back), 1e-6);
         }
     }
 }
 
-TEST(AudioConvFailureTest, Texts) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
-    ThreadContextScope context;
+using AudioConvFailureTest = test::GpuTest;
+
+TEST_F(AudioConvFailureTest, Texts) {
     Tensor<float> h(Dim(2, 2), CPU), d(Dim(2, 2), GPU);
     Tensor<int> hi(Dim(1), CPU), di(Dim(1), GPU);
-    const auto same = [](const std::string& name) {
-        return "Check failed: is_same_devices((" + name + ").get_device(), (out).get_device()) ";
-    };
     expect_failures({
-        {same("conv_start"), [&] { h.expand_feat(d, 1, 1, 0, 1, di, di); }},
-        {same("conv_end"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, di); }},
-        {same("feat"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, hi); }},
-        {same("conv_start"), [&] { d.shrink_errors(h, 1, 1, 0, 1, hi, hi); }},
-        {same("conv_end"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, hi); }},
-        {same("expand"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, di); }},
-        {same("conv_size"), [&] { h.max_pooling(d, di, 1, 1, di); }},
-        {same("max_idx"), [&] { h.max_pooling(d, hi, 1, 1, di); }},
-        {same("in"), [&] { h.max_pooling(d, hi, 1, 1, hi); }},
-        {same("conv_size"), [&] { d.max_pooling_bp(h, hi, 1, 1, hi); }},
-        {same("max_idx"), [&] { d.max_pooling_bp(h, di, 1, 1, hi); }},
-        {same("in"), [&] { d.max_pooling_bp(h, di, 1, 1, di); }},
+        {same_device("conv_start"), [&] { h.expand_feat(d, 1, 1, 0, 1, di, di); }},
+        {same_device("conv_end"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, di); }},
+        {same_device("feat"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, hi); }},
+        {same_device("conv_start"), [&] { d.shrink_errors(h, 1, 1, 0, 1, hi, hi); }},
+        {same_device("conv_end"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, hi); }},
+        {same_device("expand"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, di); }},
+        {same_device("conv_size"), [&] { h.max_pooling(d, di, 1, 1, di); }},
+        {same_device("max_idx"), [&] { h.max_pooling(d, hi, 1, 1, di); }},
+        {same_device("in"), [&] { h.max_pooling(d, hi, 1, 1, hi); }},
+        {same_device("conv_size"), [&] { d.max_pooling_bp(h, hi, 1, 1, hi); }},
+        {same_device("max_idx"), [&] { d.max_pooling_bp(h, di, 1, 1, hi); }},
+        {same_device("in"), [&] { d.max_pooling_bp(h, di, 1, 1, di); }},
         {"Check failed: bias.get_h() == static_cast<index_t>(batch) ",
          [&] { h.audio_conv_batch_bias(h, 1); }},
         {"Check failed: dbias.get_h() == static_cast<index_t>(batch) ",
