@@ -60,56 +60,28 @@ const Layout kLayouts[] = {
     {40, 2, 2, 8, 1, {0, 5}, {3, 7}}, {1, 11, 3, 40, 8, {0, 10, 20}, {15, 24, 32}},
 };
 
-TEST_P(AudioConvTest, PatchesAreCopies) {
+// Patches are copies; errors sum onto the features that the patches read: the host adds to the
+// output, a GPU replaces it.
+TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
     for (const Layout& layout : kLayouts) {
-        const std::vector<float> features = random_values(layout.features().product(), 1);
-        std::vector<float> expected(layout.patches().product());
+        const std::vector<float> features = random_values(layout.features().product(), 1),
+                                 errors = random_values(layout.patches().product(), 2),
+                                 old(features.size(), 3);
+        std::vector<float> patches(errors.size());
+        std::vector<double> sums(features.size(), on_gpu() ? 0 : old[0]);
         layout.for_each_element([&](int row, int column, int frame, int feature) {
-            expected[row * layout.patch() + column] = features[frame * layout.width() + feature];
+            const int patch = row * layout.patch() + column;
+            patches[patch] = features[frame * layout.width() + feature];
+            sums[frame * layout.width() + feature] += errors[patch];
         });
-        Tensor<float> out = poisoned(layout.patches());
-        out.expand_feat(make(layout.features(), features), layout.fbank, layout.delta, 0,
-                        layout.filter, make(layout.start), make(layout.end));
-        EXPECT_EQ(values_of(out), expected);
-    }
-}
-
-// Errors sum onto the features that read them: the host adds to the output, a GPU replaces it.
-TEST_P(AudioConvTest, ErrorsSumOntoFeatures) {
-    for (const Layout& layout : kLayouts) {
-        const std::vector<float> errors = random_values(layout.patches().product(), 2);
-        const float old = 3;
-        std::vector<double> expected(layout.features().product(), on_gpu() ? 0 : old);
-        layout.for_each_element([&](int row, int column, int frame, int feature) {
-            expected[frame * layout.width() + feature] += errors[row * layout.patch() + column];
-        });
-        Tensor<float> out =
-            make(layout.features(), std::vector<float>(layout.features().product(), old));
-        out.shrink_errors(make(layout.patches(), errors), layout.fbank, layout.delta, 0,
-                          layout.filter, make(layout.start), make(layout.end));
-        expect_close(values_of(out), expected, 1e-5, 1e-5);
-    }
-}
-
-TEST_P(AudioConvTest, ExpansionAndSumAreAdjoint) {
-    for (const Layout& layout : kLayouts) {
-        const std::vector<float> x = random_values(layout.features().product(), 3);
-        const std::vector<float> y = random_values(layout.patches().product(), 4);
-        Tensor<float> expanded = poisoned(layout.patches());
-        Tensor<float> summed(layout.features(), device());
         const Tensor<int> start = make(layout.start), end = make(layout.end);
-        expanded.expand_feat(make(layout.features(), x), layout.fbank, layout.delta, 0,
-                             layout.filter, start, end);
-        summed.shrink_errors(make(layout.patches(), y), layout.fbank, layout.delta, 0,
-                             layout.filter, start, end);
-        const auto dot = [](const std::vector<float>& a, const std::vector<float>& b) {
-            double sum = 0;
-            for (size_t i = 0; i < a.size(); ++i) {
-                sum += static_cast<double>(a[i]) * b[i];
-            }
-            return sum;
-        };
-        EXPECT_NEAR(dot(values_of(expanded), y), dot(x, values_of(summed)), 1e-4 * x.size());
+        Tensor<float> out = poisoned(layout.patches()), back = make(layout.features(), old);
+        out.expand_feat(make(layout.features(), features), layout.fbank, layout.delta, 0,
+                        layout.filter, start, end);
+        EXPECT_EQ(values_of(out), patches);
+        back.shrink_errors(make(layout.patches(), errors), layout.fbank, layout.delta, 0,
+                           layout.filter, start, end);
+        expect_close(values_of(back), sums, 1e-5, 1e-5);
     }
 }
 

@@ -187,14 +187,9 @@ TEST_P(BlasTest, LeastSquares) {
         const Values a = random_values(batch * m * n, ++seed);
         const Values y = random_values(batch * longest, ++seed);
 
-        Tensor<float> whole(Dim(batch, m, n + 3), device());
-        Tensor<float> lhs =
-            pitched() ? whole.get_block(Dim(0, 0, 2), Dim(batch, m, n + 2)) : Tensor<float>();
-        if (pitched()) {
-            lhs.copy_from(dense(Dim(batch, m, n), a, CPU));
-        } else {
-            lhs = make(Dim(batch, m, n), a);
-        }
+        const Block<float> whole(Dim(batch, m, n), device(), pitched() ? 3 : 0);
+        Tensor<float> lhs = whole.tensor;
+        lhs.copy_from(dense(lhs.get_size(), a, CPU));
         Tensor<float> inout = make(Dim(batch, longest), y);
         inout.sgels(lhs, ws_d, ws_h);
 

@@ -147,12 +147,9 @@ TEST_P(SoftmaxTest, BackwardMatchesTheFormula) {
         const Values y = random_values(e.count(), 9), g = random_values(e.count(), 10);
         const Values old = random_values(e.sums(), 11);
         TensorF out = poisoned(e.dim()), sums = make(Dim(e.sums()), old);
-        if (e.inner == 1) {
-            out.softmax_bp_normal(make(e.dim(), y), make(e.dim(), g), sums);
-        } else {
-            out.softmax_bp_normal(make(e.dim(), y), make(e.dim(), g), sums, e.outer, e.channel,
-                                  e.inner);
-        }
+        const TensorF output = make(e.dim(), y), error = make(e.dim(), g);
+        e.inner == 1 ? out.softmax_bp_normal(output, error, sums)
+                     : out.softmax_bp_normal(output, error, sums, e.outer, e.channel, e.inner);
         Doubles expected(e.count()), expected_sums;
         for_each_fold(e, [&](int o, int k) {
             double sum = on_gpu() ? 0 : old[o * e.inner + k];
