@@ -11,14 +11,10 @@ namespace {
 using test::expect_close;
 using test::expect_failures;
 using test::random_values;
+using test::same_device;
 using test::values_of;
 
-class AudioConvTest : public test::DeviceTest {
-protected:
-    Tensor<int> ints(const std::vector<int>& values) {
-        return make<int>(Dim(values.size()), values);
-    }
-};
+class AudioConvTest : public test::DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, AudioConvTest, test::kDensePlaces, test::name_of_place);
 
 // A feature layout and the groups of filter positions on it.
@@ -64,56 +60,28 @@ const Layout kLayouts[] = {
     {40, 2, 2, 8, 1, {0, 5}, {3, 7}}, {1, 11, 3, 40, 8, {0, 10, 20}, {15, 24, 32}},
 };
 
-TEST_P(AudioConvTest, PatchesAreCopies) {
+// Patches are copies; errors sum onto the features that the patches read: the host adds to the
+// output, a GPU replaces it.
+TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
     for (const Layout& layout : kLayouts) {
-        const std::vector<float> features = random_values(layout.features().product(), 1);
-        std::vector<float> expected(layout.patches().product());
+        const std::vector<float> features = random_values(layout.features().product(), 1),
+                                 errors = random_values(layout.patches().product(), 2),
+                                 old(features.size(), 3);
+        std::vector<float> patches(errors.size());
+        std::vector<double> sums(features.size(), on_gpu() ? 0 : old[0]);
         layout.for_each_element([&](int row, int column, int frame, int feature) {
-            expected[row * layout.patch() + column] = features[frame * layout.width() + feature];
+            const int patch = row * layout.patch() + column;
+            patches[patch] = features[frame * layout.width() + feature];
+            sums[frame * layout.width() + feature] += errors[patch];
         });
-        Tensor<float> out = poisoned(layout.patches());
+        const Tensor<int> start = make(layout.start), end = make(layout.end);
+        Tensor<float> out = poisoned(layout.patches()), back = make(layout.features(), old);
         out.expand_feat(make(layout.features(), features), layout.fbank, layout.delta, 0,
-                        layout.filter, ints(layout.start), ints(layout.end));
-        EXPECT_EQ(values_of(out), expected);
-    }
-}
-
-// Errors sum onto the features that read them: the host adds to the output, a GPU replaces it.
-TEST_P(AudioConvTest, ErrorsSumOntoFeatures) {
-    for (const Layout& layout : kLayouts) {
-        const std::vector<float> errors = random_values(layout.patches().product(), 2);
-        const float old = 3;
-        std::vector<double> expected(layout.features().product(), on_gpu() ? 0 : old);
-        layout.for_each_element([&](int row, int column, int frame, int feature) {
-            expected[frame * layout.width() + feature] += errors[row * layout.patch() + column];
-        });
-        Tensor<float> out =
-            make(layout.features(), std::vector<float>(layout.features().product(), old));
-        out.shrink_errors(make(layout.patches(), errors), layout.fbank, layout.delta, 0,
-                          layout.filter, ints(layout.start), ints(layout.end));
-        expect_close(values_of(out), expected, 1e-5, 1e-5);
-    }
-}
-
-TEST_P(AudioConvTest, ExpansionAndSumAreAdjoint) {
-    for (const Layout& layout : kLayouts) {
-        const std::vector<float> x = random_values(layout.features().product(), 3);
-        const std::vector<float> y = random_values(layout.patches().product(), 4);
-        Tensor<float> expanded = poisoned(layout.patches());
-        Tensor<float> summed(layout.features(), device());
-        const Tensor<int> start = ints(layout.start), end = ints(layout.end);
-        expanded.expand_feat(make(layout.features(), x), layout.fbank, layout.delta, 0,
-                             layout.filter, start, end);
-        summed.shrink_errors(make(layout.patches(), y), layout.fbank, layout.delta, 0,
-                             layout.filter, start, end);
-        const auto dot = [](const std::vector<float>& a, const std::vector<float>& b) {
-            double sum = 0;
-            for (size_t i = 0; i < a.size(); ++i) {
-                sum += static_cast<double>(a[i]) * b[i];
-            }
-            return sum;
-        };
-        EXPECT_NEAR(dot(values_of(expanded), y), dot(x, values_of(summed)), 1e-4 * x.size());
+                        layout.filter, start, end);
+        EXPECT_EQ(values_of(out), patches);
+        back.shrink_errors(make(layout.patches(), errors), layout.fbank, layout.delta, 0,
+                           layout.filter, start, end);
+        expect_close(values_of(back), sums, 1e-5, 1e-5);
     }
 }
 
@@ -185,42 +153,36 @@ TEST_P(AudioConvTest, PoolingInsideGroups) {
             const int filter_num = filters * static_cast<int>(sizes.size());
             Tensor<float> out = poisoned(Dim(frames, width));
             Tensor<int> idx = poisoned<int>(Dim(frames, width));
-            out.max_pooling(make(Dim(rows, filters), in), ints(sizes), filter_num, pool, idx, 2,
+            out.max_pooling(make(Dim(rows, filters), in), make(sizes), filter_num, pool, idx, 2,
                             0.5);
             EXPECT_EQ(values_of(out), expected);
             EXPECT_EQ(values_of(idx), winners);
             Tensor<float> dx = make(Dim(rows, filters), std::vector<float>(in.size(), 10));
-            dx.max_pooling_bp(make(Dim(frames, width), error), ints(sizes), filter_num, pool, idx,
+            dx.max_pooling_bp(make(Dim(frames, width), error), make(sizes), filter_num, pool, idx,
                               2, 0.5);
-            const std::vector<float> actual = values_of(dx);
-            expect_close(actual, std::vector<double>(back.begin(), back.end()), 1e-6);
+            expect_close(values_of(dx), test::widen(back), 1e-6);
         }
     }
 }
 
-TEST(AudioConvFailureTest, Texts) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
-    ThreadContextScope context;
+using AudioConvFailureTest = test::GpuTest;
+
+TEST_F(AudioConvFailureTest, Texts) {
     Tensor<float> h(Dim(2, 2), CPU), d(Dim(2, 2), GPU);
     Tensor<int> hi(Dim(1), CPU), di(Dim(1), GPU);
-    const auto same = [](const std::string& name) {
-        return "Check failed: is_same_devices((" + name + ").get_device(), (out).get_device()) ";
-    };
     expect_failures({
-        {same("conv_start"), [&] { h.expand_feat(d, 1, 1, 0, 1, di, di); }},
-        {same("conv_end"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, di); }},
-        {same("feat"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, hi); }},
-        {same("conv_start"), [&] { d.shrink_errors(h, 1, 1, 0, 1, hi, hi); }},
-        {same("conv_end"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, hi); }},
-        {same("expand"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, di); }},
-        {same("conv_size"), [&] { h.max_pooling(d, di, 1, 1, di); }},
-        {same("max_idx"), [&] { h.max_pooling(d, hi, 1, 1, di); }},
-        {same("in"), [&] { h.max_pooling(d, hi, 1, 1, hi); }},
-        {same("conv_size"), [&] { d.max_pooling_bp(h, hi, 1, 1, hi); }},
-        {same("max_idx"), [&] { d.max_pooling_bp(h, di, 1, 1, hi); }},
-        {same("in"), [&] { d.max_pooling_bp(h, di, 1, 1, di); }},
+        {same_device("conv_start"), [&] { h.expand_feat(d, 1, 1, 0, 1, di, di); }},
+        {same_device("conv_end"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, di); }},
+        {same_device("feat"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, hi); }},
+        {same_device("conv_start"), [&] { d.shrink_errors(h, 1, 1, 0, 1, hi, hi); }},
+        {same_device("conv_end"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, hi); }},
+        {same_device("expand"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, di); }},
+        {same_device("conv_size"), [&] { h.max_pooling(d, di, 1, 1, di); }},
+        {same_device("max_idx"), [&] { h.max_pooling(d, hi, 1, 1, di); }},
+        {same_device("in"), [&] { h.max_pooling(d, hi, 1, 1, hi); }},
+        {same_device("conv_size"), [&] { d.max_pooling_bp(h, hi, 1, 1, hi); }},
+        {same_device("max_idx"), [&] { d.max_pooling_bp(h, di, 1, 1, hi); }},
+        {same_device("in"), [&] { d.max_pooling_bp(h, di, 1, 1, di); }},
         {"Check failed: bias.get_h() == static_cast<index_t>(batch) ",
          [&] { h.audio_conv_batch_bias(h, 1); }},
         {"Check failed: dbias.get_h() == static_cast<index_t>(batch) ",

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <limits>
 
 #include "device_test.h"
 
@@ -7,18 +6,9 @@ namespace vorn {
 namespace test {
 namespace {
 
-using Values = std::vector<float>;
-using Doubles = std::vector<double>;
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN(), kPoison = -12345;
-
 // Both sides of a tile of 32 columns and of 32 rows, and of four rows at a time on the host.
 const std::pair<int, int> kShapes[] = {{1, 1},   {31, 33}, {33, 31}, {200, 32},
                                        {33, 65}, {6, 1},   {200, 3}, {0, 5}};
-
-Doubles widen(const Values& values) {
-    return Doubles(values.begin(), values.end());
-}
 
 /// A mask of training, and one with values that only the forms that multiply tell apart.
 const std::vector<int> kBinary = {1, 1, 0, 1, 1}, kMixed = {1, 0, 1, -1, 2, 1, 1};
@@ -29,10 +19,6 @@ std::vector<int> repeated(const std::vector<int>& pattern, int rows) {
         mask[r] = pattern[r % pattern.size()];
     }
     return mask;
-}
-
-int count_valid(const std::vector<int>& mask) {
-    return static_cast<int>(std::count(mask.begin(), mask.end(), 1));
 }
 
 /// Training in double, from the formulas.
@@ -72,7 +58,7 @@ protected:
     Tensor<float> vector(Values values) {
         const size_t count = values.size();
         values.insert(values.end(), kTail, kPoison);
-        const Tensor<float> tensor = make(Dim(values.size()), values);
+        const Tensor<float> tensor = make(values);
         _vectors.push_back({tensor, count});
         return tensor;
     }
@@ -80,9 +66,6 @@ protected:
         Values values = values_of(tensor);
         values.resize(values.size() - kTail);
         return values;
-    }
-    Tensor<int> ints(const std::vector<int>& values) {
-        return make<int>(Dim(values.size()), values);
     }
     /// An output for `in`: the tensor itself, or a poisoned one.
     Tensor<float> output(const Tensor<float>& in, bool in_place) {
@@ -99,7 +82,7 @@ protected:
         const Values unwritten(old.size(), kNan);
         Trained t = {output(x, in_place), vector(old),       vector(old),      vector(old),
                      vector(old),         vector(unwritten), vector(unwritten)};
-        t.y.audio_batch_norm_train(x, vector(scale), vector(bias), ints(mask), t.run_mean,
+        t.y.audio_batch_norm_train(x, vector(scale), vector(bias), make(mask), t.run_mean,
                                    t.run_var, t.statis_mean, t.statis_var, t.saved_mean,
                                    t.saved_inv_std, frames, exp_avg, statis, epsilon);
         return t;
@@ -140,7 +123,7 @@ TEST_P(BatchNormTest, InferenceZeroesOnlyRowsMarkedByMinusOne) {
             const Tensor<float> in = make(Dim(rows, columns), x);
             Tensor<float> out = output(in, in_place);
             out.audio_batch_norm_inf(in, vector(scale), vector(bias), vector(mean), vector(inv_std),
-                                     ints(mask), kNan);
+                                     make(mask), kNan);
             expect_close(values_of(out), expected, 1e-6, 1e-6);
         }
     }
@@ -158,7 +141,8 @@ TEST_P(BatchNormTest, TrainingFollowsTheFormula) {
             SCOPED_TRACE(::testing::Message() << rows << " x " << columns << ", exp_avg_factor "
                                               << each.exp_avg << ", extra " << each.extra);
             const std::vector<int> mask = repeated(each.pattern, rows);
-            const int frames = std::max(1, count_valid(mask) + each.extra);
+            const int frames =
+                std::max(1, static_cast<int>(std::count(mask.begin(), mask.end(), 1)) + each.extra);
             // The old statistics are far from the batch's, and outweigh a negative variance, which
             // the host's form gives where it isn't one.
             const Values x = random_values(rows * columns, 1, -1, 1.5),
@@ -211,7 +195,7 @@ TEST_P(BatchNormTest, BackwardFollowsTheFormula) {
                               dscale_out = vector(Values(columns, kNan)),
                               dbias_out = vector(Values(columns, kNan));
                 out.audio_batch_norm_bp(make(Dim(rows, columns), x), error, vector(scale),
-                                        vector(mean), vector(inv_std), ints(mask), dscale_out,
+                                        vector(mean), vector(inv_std), make(mask), dscale_out,
                                         dbias_out, frames, kNan, kNan);
                 expect_close(values_of_vector(dbias_out), dbias, 1e-6, 1e-5);
                 expect_close(values_of_vector(dscale_out), dscale, 1e-6, 2e-5);
@@ -226,7 +210,7 @@ TEST_P(BatchNormTest, BackwardIsTheDerivativeOfTraining) {
     const int rows = 35, columns = 3;
     const float epsilon = 1e-3f;
     const std::vector<int> mask = repeated(kBinary, rows);
-    const int frames = count_valid(mask);
+    const int frames = static_cast<int>(std::count(mask.begin(), mask.end(), 1));
     const Values x = random_values(rows * columns, 1), scale = random_values(columns, 2),
                  bias = random_values(columns, 3), weight = random_values(rows * columns, 4);
 
@@ -251,7 +235,7 @@ TEST_P(BatchNormTest, BackwardIsTheDerivativeOfTraining) {
         train(in, scale, bias, mask, Values(columns, 3), frames, 1, 0, epsilon, false);
     Tensor<float> dx = make(in.get_size(), weight), dscale = vector(Values(columns)),
                   dbias = vector(Values(columns));
-    dx.audio_batch_norm_bp(in, dx, vector(scale), t.saved_mean, t.saved_inv_std, ints(mask), dscale,
+    dx.audio_batch_norm_bp(in, dx, vector(scale), t.saved_mean, t.saved_inv_std, make(mask), dscale,
                            dbias, frames, 1, epsilon);
     Values gradient = values_of(dx);
     for (const Tensor<float>& part : {dscale, dbias}) {
@@ -266,9 +250,9 @@ using BatchNormHostTest = ContextTest;
 
 TEST_F(BatchNormHostTest, WideMatricesHaveTheBitsOfAColumnLoop) {
     const int rows = 39, columns = 2 * 1024 + 21, frames = 33;
-    Values x = random_values(rows * columns, 1, -1, 2), dy = random_values(rows * columns, 2),
-           scale = random_values(columns, 3), bias = random_values(columns, 4);
-    std::vector<int> mask = repeated(kBinary, rows);
+    const Values x = random_values(rows * columns, 1, -1, 2), dy = random_values(rows * columns, 2),
+                 scale = random_values(columns, 3), bias = random_values(columns, 4);
+    const std::vector<int> mask = repeated(kBinary, rows);
     Values mean(columns), inv_std(columns), y(x), dscale(columns), dbias(columns), dx(dy);
     for (int c = 0; c < columns; ++c) {
         float sum = 0, square = 0;
@@ -290,25 +274,22 @@ TEST_F(BatchNormHostTest, WideMatricesHaveTheBitsOfAColumnLoop) {
         }
     }
 
-    const auto matrix = [&](Values& v) { return Tensor<float>(v.data(), Dim(rows, columns), CPU); };
-    const auto vector = [&](Values& v) { return Tensor<float>(v.data(), Dim(columns), CPU); };
-    const Tensor<int> m(mask.data(), Dim(rows), CPU);
-    Values out = x, error = dy, v[8];
-    std::fill(std::begin(v), std::end(v), Values(columns));
-    Tensor<float> y_out = matrix(out), dx_out = matrix(error), run_mean = vector(v[0]),
-                  run_var = vector(v[1]), statis_mean = vector(v[2]), statis_var = vector(v[3]),
-                  saved_mean = vector(v[4]), saved_inv_std = vector(v[5]), ds = vector(v[6]),
-                  db = vector(v[7]);
-    y_out.audio_batch_norm_train(y_out, vector(scale), vector(bias), m, run_mean, run_var,
-                                 statis_mean, statis_var, saved_mean, saved_inv_std, frames, 1, 0,
-                                 1e-5f);
-    expect_same_bits(v[5], inv_std);
-    expect_same_bits(out, y);
-    dx_out.audio_batch_norm_bp(matrix(x), dx_out, vector(scale), saved_mean, saved_inv_std, m, ds,
-                               db, frames, 1, 0);
-    expect_same_bits(v[6], dscale);
-    expect_same_bits(v[7], dbias);
-    expect_same_bits(error, dx);
+    const Dim size(rows, columns);
+    const auto vector = [&](const Values& v) { return dense(Dim(columns), v, CPU); };
+    const Tensor<int> m = dense(Dim(rows), mask, CPU);
+    Tensor<float> out = dense(size, x, CPU), error = dense(size, dy, CPU), v[8];
+    for (Tensor<float>& each : v) {
+        each = vector(Values(columns));
+    }
+    out.audio_batch_norm_train(out, vector(scale), vector(bias), m, v[0], v[1], v[2], v[3], v[4],
+                               v[5], frames, 1, 0, 1e-5f);
+    expect_same_bits(values_of(v[5]), inv_std);
+    expect_same_bits(values_of(out), y);
+    error.audio_batch_norm_bp(dense(size, x, CPU), error, vector(scale), v[4], v[5], m, v[6], v[7],
+                              frames, 1, 0);
+    expect_same_bits(values_of(v[6]), dscale);
+    expect_same_bits(values_of(v[7]), dbias);
+    expect_same_bits(values_of(error), dx);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "vorn/ops/blas_ops.h"
 
-#include <limits>
-
 #include "device_test.h"
 
 namespace vorn {
@@ -10,7 +8,7 @@ namespace test {
 /// A row-major matrix in double, for references.
 struct Matrix {
     int rows, cols;
-    std::vector<double> values;
+    Doubles values;
 
     Matrix(int rows, int cols) : rows(rows), cols(cols), values(rows * cols) {}
     Matrix(int rows, int cols, const float* from)
@@ -61,22 +59,24 @@ Matrix solve(Matrix a, Matrix y) {
 class BlasTest : public DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, BlasTest, kAllPlaces, name_of_place);
 
+/// op(A) op(B) of row-major matrices in double.
+Matrix product(int m, int k, int n, const float* a, bool a_t, const float* b, bool b_t) {
+    return (a_t ? Matrix(k, m, a).transposed() : Matrix(m, k, a)) *
+           (b_t ? Matrix(n, k, b).transposed() : Matrix(k, n, b));
+}
+
 TEST_P(BlasTest, Product) {
     const int shapes[][3] = {{1, 1, 1},    {1, 33, 17},   {31, 1, 5},
                              {64, 70, 33}, {5, 300, 129}, {1, 40, 1}};
     const float scalars[][2] = {{1, 0}, {-0.5f, 1}, {2, 0.25f}, {0, 3}};
     unsigned seed = 1;
-    for (const auto& shape : shapes) {
-        const int m = shape[0], k = shape[1], n = shape[2];
+    for (const auto& [m, k, n] : shapes) {
         for (int flags = 0; flags < 4; ++flags) {
             const bool a_t = flags & 1, b_t = flags & 2;
-            const std::vector<float> a = random_values(m * k, ++seed);
-            const std::vector<float> b = random_values(k * n, ++seed);
-            const std::vector<float> old = random_values(m * n, ++seed);
-            const Matrix op_a = a_t ? Matrix(k, m, a.data()).transposed() : Matrix(m, k, a.data());
-            const Matrix op_b = b_t ? Matrix(n, k, b.data()).transposed() : Matrix(k, n, b.data());
+            const Values a = random_values(m * k, ++seed), b = random_values(k * n, ++seed),
+                         old = random_values(m * n, ++seed);
             const float alpha = scalars[flags][0], beta = scalars[flags][1];
-            std::vector<double> expected = (op_a * op_b).values;
+            Doubles expected = product(m, k, n, a.data(), a_t, b.data(), b_t).values;
             for (size_t i = 0; i < expected.size(); ++i) {
                 expected[i] = alpha * expected[i] + beta * old[i];
             }
@@ -90,15 +90,17 @@ TEST_P(BlasTest, Product) {
 }
 
 TEST_P(BlasTest, ProductWithBetaZeroDoesNotReadTheOutput) {
-    Tensor<float> c = make(Dim(2, 2), std::vector<float>(4, NAN));
-    c.mul(make<float>(Dim(2, 1), {1, 2}), make<float>(Dim(1, 2), {3, 4}), 2, 0);
-    expect_same_bits(values_of(c), {6, 8, 12, 16});
-    Tensor<float> row = make(Dim(1, 2), std::vector<float>(2, NAN));
-    row.mul(make<float>(Dim(1, 2), {1, 2}), make<float>(Dim(2, 2), {1, 0, 0, 1}), 2, 0);
-    expect_same_bits(values_of(row), {2, 4});
-    Tensor<float> column = make(Dim(2, 1), std::vector<float>(2, NAN));
-    column.mul(make<float>(Dim(2, 2), {1, 0, 0, 1}), make<float>(Dim(2, 1), {1, 2}), 2, 0);
-    expect_same_bits(values_of(column), {2, 4});
+    const struct {
+        Dim a, b;
+        Values left, right, expected;
+    } cases[] = {{Dim(2, 1), Dim(1, 2), {1, 2}, {3, 4}, {6, 8, 12, 16}},
+                 {Dim(1, 2), Dim(2, 2), {1, 2}, {1, 0, 0, 1}, {2, 4}},
+                 {Dim(2, 2), Dim(2, 1), {1, 0, 0, 1}, {1, 2}, {2, 4}}};
+    for (const auto& c : cases) {
+        Tensor<float> out = make(Dim(c.a[0], c.b[1]), Values(c.expected.size(), kNan));
+        out.mul(make(c.a, c.left), make(c.b, c.right), 2, 0);
+        expect_same_bits(values_of(out), c.expected);
+    }
 }
 
 // The matrices of a batch lie below each other in one matrix, which may be pitched.
@@ -106,30 +108,24 @@ TEST_P(BlasTest, BatchProduct) {
     const int batch = 3, m = 5, k = 9, n = 34;
     for (int flags = 0; flags < 4; ++flags) {
         const bool a_t = flags & 1, b_t = flags & 2;
-        const std::vector<float> a = random_values(batch * m * k, 10 + flags);
-        const std::vector<float> b = random_values(batch * k * n, 20 + flags);
-        const std::vector<float> old = random_values(batch * m * n, 30 + flags);
-        std::vector<double> expected;
+        const Values a = random_values(batch * m * k, 10), b = random_values(batch * k * n, 20),
+                     old = random_values(batch * m * n, 30);
+        Doubles expected;
         for (int i = 0; i < batch; ++i) {
-            const float *a_i = &a[i * m * k], *b_i = &b[i * k * n];
-            const Matrix op_a = a_t ? Matrix(k, m, a_i).transposed() : Matrix(m, k, a_i);
-            const Matrix op_b = b_t ? Matrix(n, k, b_i).transposed() : Matrix(k, n, b_i);
-            const Matrix product = op_a * op_b;
+            const Matrix c = product(m, k, n, &a[i * m * k], a_t, &b[i * k * n], b_t);
             for (int j = 0; j < m * n; ++j) {
-                expected.push_back(0.5 * product.values[j] - old[i * m * n + j]);
+                expected.push_back(0.5 * c.values[j] - old[i * m * n + j]);
             }
         }
-        Tensor<float> c = make(Dim(batch * m, n), old);
-        c.batch_mul(make(a_t ? Dim(batch * k, m) : Dim(batch * m, k), a), a_t, m * k,
-                    make(b_t ? Dim(batch * n, k) : Dim(batch * k, n), b), b_t, k * n, m * n, batch,
-                    0.5f, -1);
-        expect_close(values_of(c), expected, 1e-6, 1e-6);
-
-        Tensor<float> c3 = make(Dim(batch, m, n), old);
-        c3.batch_mul(make(a_t ? Dim(batch, k, m) : Dim(batch, m, k), a), a_t, m * k,
-                     make(b_t ? Dim(batch, n, k) : Dim(batch, k, n), b), b_t, k * n, m * n, batch,
-                     0.5f, -1);
-        expect_close(values_of(c3), expected, 1e-6, 1e-6);
+        for (const bool cube : {false, true}) {
+            const auto size = [&](int rows, int cols) {
+                return cube ? Dim(batch, rows, cols) : Dim(batch * rows, cols);
+            };
+            Tensor<float> c = make(size(m, n), old);
+            c.batch_mul(make(a_t ? size(k, m) : size(m, k), a), a_t, m * k,
+                        make(b_t ? size(n, k) : size(k, n), b), b_t, k * n, m * n, batch, 0.5f, -1);
+            expect_close(values_of(c), expected, 1e-6, 1e-6);
+        }
     }
 }
 
@@ -150,7 +146,7 @@ TEST_P(BlasTest, Transpose) {
     for (const auto& shape : shapes) {
         const int rows = shape[0], cols = shape[1];
         SCOPED_TRACE(::testing::Message() << rows << " " << cols);
-        const std::vector<float> values = random_values(rows * cols, rows);
+        const Values values = random_values(rows * cols, rows);
         Tensor<float> out = poisoned(Dim(cols, rows));
         out.transpose(make(Dim(rows, cols), values));
         expect_same_bits(values_of(out), transposed(values, rows, cols));
@@ -170,14 +166,14 @@ TEST_P(BlasTest, Transpose) {
 // The rows of a large output are aligned here, unlike those of the fixture's views.
 TEST(BlasHostTest, TransposeIntoLargeAlignedBlockKeepsPadding) {
     const int rows = 1033, cols = 1027;
-    const std::vector<float> values = random_values(rows * cols, 5);
+    const Values values = random_values(rows * cols, 5);
     Tensor<float> whole(Dim(cols, 1048), CPU);
     whole.set_element(777);
     Tensor<float> out = whole.range_col(4, 4 + rows);
-    out.transpose(Tensor<float>(const_cast<float*>(values.data()), Dim(rows, cols), CPU));
+    out.transpose(dense(Dim(rows, cols), values, CPU));
     expect_same_bits(values_of(out), transposed(values, rows, cols));
     out.set_element(777);
-    expect_same_bits(values_of(whole), std::vector<float>(cols * 1048, 777));
+    expect_same_bits(values_of(whole), Values(cols * 1048, 777));
 }
 
 TEST_P(BlasTest, LeastSquares) {
@@ -188,96 +184,81 @@ TEST_P(BlasTest, LeastSquares) {
     for (const auto& shape : shapes) {
         const int batch = shape[0], m = shape[1], n = shape[2], longest = std::max(m, n);
         SCOPED_TRACE(::testing::Message() << batch << " " << m << " " << n);
-        const std::vector<float> a = random_values(batch * m * n, ++seed);
-        const std::vector<float> y = random_values(batch * longest, ++seed);
+        const Values a = random_values(batch * m * n, ++seed);
+        const Values y = random_values(batch * longest, ++seed);
 
-        Tensor<float> whole(Dim(batch, m, n + 3), device());
-        Tensor<float> lhs =
-            pitched() ? whole.get_block(Dim(0, 0, 2), Dim(batch, m, n + 2)) : Tensor<float>();
-        if (pitched()) {
-            lhs.copy_from(Tensor<float>(const_cast<float*>(a.data()), Dim(batch, m, n), CPU));
-        } else {
-            lhs = make(Dim(batch, m, n), a);
-        }
+        const Block<float> whole(Dim(batch, m, n), device(), pitched() ? 3 : 0);
+        Tensor<float> lhs = whole.tensor;
+        lhs.copy_from(dense(lhs.get_size(), a, CPU));
         Tensor<float> inout = make(Dim(batch, longest), y);
         inout.sgels(lhs, ws_d, ws_h);
 
-        const std::vector<float> result = values_of(inout);
+        const Values result = values_of(inout);
         for (int b = 0; b < batch; ++b) {
             const Matrix a_b(m, n, &a[b * m * n]), a_t = a_b.transposed();
             const Matrix y_b(m, 1, &y[b * longest]);
             const Matrix x = m < n ? a_t * solve(a_b * a_t, y_b) : solve(a_t * a_b, a_t * y_b);
-            const std::vector<float> x_b(&result[b * longest], &result[b * longest] + n);
+            const Values x_b(&result[b * longest], &result[b * longest] + n);
             expect_close(x_b, x.values, 1e-4, 1e-4);
         }
     }
 }
 
-class BlasVectorTest : public DeviceTest {
-protected:
-    Tensor<float> dense(const std::vector<float>& values) {
-        return make(Dim(static_cast<int>(values.size())), values);
-    }
-};
+class BlasVectorTest : public DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, BlasVectorTest, kDensePlaces, name_of_place);
 
 TEST_P(BlasVectorTest, Norms) {
     for (int count : {1, 7, 33, 1000, 100003}) {
-        std::vector<float> values = random_values(count, count);
+        Values values = random_values(count, count);
         double sum = 0, squares = 0;
         for (float value : values) {
             sum += std::abs(value);
             squares += static_cast<double>(value) * value;
         }
-        const Tensor<float> in = dense(values);
+        const Tensor<float> in = make(values);
         EXPECT_NEAR(in.norm1(), sum, 1e-5 * sum) << count;
         EXPECT_NEAR(in.norm2(), std::sqrt(squares), 1e-5 * std::sqrt(squares)) << count;
     }
     EXPECT_EQ(make<float>(Dim(1, 2, 2), {-3, 4, 0, 12}).norm2(), 13);
     EXPECT_EQ(make<float>(Dim(1, 2, 2), {-3, 4, 0, 12}).norm1(), 19);
     // Squares that are no floats any more.
-    EXPECT_NEAR(dense({3e30f, -4e30f}).norm2() / 5e30f, 1, 1e-6);
-    EXPECT_NEAR(dense({3e-30f, -4e-30f}).norm2() / 5e-30f, 1, 1e-6);
+    EXPECT_NEAR(make<float>({3e30f, -4e30f}).norm2() / 5e30f, 1, 1e-6);
+    EXPECT_NEAR(make<float>({3e-30f, -4e-30f}).norm2() / 5e-30f, 1, 1e-6);
     EXPECT_EQ(Tensor<float>(device()).norm1(), 0);
     EXPECT_EQ(Tensor<float>(device()).norm2(), 0);
 }
 
 TEST_P(BlasVectorTest, ProductOverNoElementsScalesTheOutput) {
     for (int m : {1, 3}) {
-        Tensor<float> c = make(Dim(m, 4), std::vector<float>(4 * m, 3));
+        Tensor<float> c = make(Dim(m, 4), Values(4 * m, 3));
         c.mul(Tensor<float>(Dim(m, 0), device()), Tensor<float>(Dim(0, 4), device()), 1, 2);
-        expect_same_bits(values_of(c), std::vector<float>(4 * m, 6));
+        expect_same_bits(values_of(c), Values(4 * m, 6));
     }
 }
 
 TEST_P(BlasVectorTest, ScalAndAxpy) {
+    const auto scal = on_gpu() ? gpu::vorn_scal : cpu::vorn_scal;
+    const auto axpy = on_gpu() ? gpu::vorn_axpy : cpu::vorn_axpy;
     for (int count : {1, 31, 1025}) {
-        const std::vector<float> in = random_values(count, 1), old = random_values(count, 2);
-        std::vector<float> scaled, sum, doubled;
+        const Values in = random_values(count, 1), old = random_values(count, 2);
+        Values scaled, sum, doubled;
         for (int i = 0; i < count; ++i) {
             scaled.push_back(-3 * old[i]);
             sum.push_back(0.5f * old[i] + 2 * in[i]);  // both factors are powers of two
             doubled.push_back(4 * in[i] + 2 * in[i]);
         }
-        const Tensor<float> other = dense(in);
-        Tensor<float> a = dense(old), b = dense(old), c = dense(in);
-        if (on_gpu()) {
-            gpu::vorn_scal(a, -3);
-            gpu::vorn_axpy(other, b, 0.5f, 2);
-            gpu::vorn_axpy(c, c, 4, 2);
-        } else {
-            cpu::vorn_scal(a, -3);
-            cpu::vorn_axpy(other, b, 0.5f, 2);
-            cpu::vorn_axpy(c, c, 4, 2);
-        }
+        const Tensor<float> other = make(in);
+        Tensor<float> a = make(old), b = make(old), c = make(in);
+        scal(a, -3);
+        axpy(other, b, 0.5f, 2);
+        axpy(c, c, 4, 2);
         expect_same_bits(values_of(a), scaled);
         expect_same_bits(values_of(b), sum);
         expect_same_bits(values_of(c), doubled);
     }
-    const float inf = std::numeric_limits<float>::infinity();
-    Tensor<float> special = dense({NAN, inf, 1});
-    on_gpu() ? gpu::vorn_scal(special, 0) : cpu::vorn_scal(special, 0);
-    expect_close(values_of(special), {NAN, NAN, 0}, 0);
+    Tensor<float> special = make<float>({kNan, kInf, 1});
+    scal(special, 0);
+    expect_close(values_of(special), {kNan, kNan, 0}, 0);
 }
 
 using BlasDeathTest = BlasVectorTest;
@@ -328,23 +309,14 @@ TEST_P(BlasDeathTest, Failures) {
 }
 
 TEST(BlasHostDeathTest, SingularMatrix) {
-    const std::vector<float> values = {1, 0, 2, 0};
-    Tensor<float> lhs(const_cast<float*>(values.data()), Dim(1, 2, 2), CPU);
+    Tensor<float> lhs = dense<float>(Dim(1, 2, 2), {1, 0, 2, 0}, CPU);
     Tensor<float> rhs(Dim(1, 2), CPU);
     Tensor<unsigned long> ws;
     expect_failures({{"Check failed: info == 0 matrix 0 is not of full rank",
                       [&] { rhs.sgels(lhs, ws, ws); }}});
 }
 
-class BlasGpuTest : public ContextTest {
-protected:
-    void SetUp() override {
-        if (!has_gpu()) {
-            GTEST_SKIP() << "no GPU on this machine";
-        }
-    }
-};
-using BlasGpuDeathTest = BlasGpuTest;
+using BlasGpuDeathTest = GpuTest;
 
 TEST_F(BlasGpuDeathTest, DevicesAndStatuses) {
     const Tensor<float> host(Dim(2, 2), CPU), device(Dim(2, 2), GPU);
@@ -356,12 +328,9 @@ TEST_F(BlasGpuDeathTest, DevicesAndStatuses) {
         };
     };
     expect_failures({
-        {"Check failed: is_same_devices((a).get_device(), (c).get_device()) ",
-         [&] { out.mul(host, host); }},
-        {"Check failed: is_same_devices((b).get_device(), (c).get_device()) ",
-         [&] { out.mul(device, host); }},
-        {"Check failed: is_same_devices((in).get_device(), (out).get_device()) ",
-         [&] { out.transpose(host); }},
+        {same_device("a", "c"), [&] { out.mul(host, host); }},
+        {same_device("b", "c"), [&] { out.mul(device, host); }},
+        {same_device("in"), [&] { out.transpose(host); }},
         {"Check failed: 0 == (cublasSgeam(t_ctx->handle, CUBLAS_OP_T, CUBLAS_OP_N, dim_m, dim_n, "
          "&alpha, in_ptr, ld_in, &beta, nullptr, dim_m, out_ptr, ld_out)) "
          "CUBLAS_STATUS_NOT_INITIALIZED",

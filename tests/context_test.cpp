@@ -99,6 +99,8 @@ TEST(ContextTest, ThreadsWorkAtOnce) {
     EXPECT_EQ(t_ctx, nullptr);
 }
 
+using KernelTailTest = test::GpuTest;
+
 void launch_failing_kernel() {
     int* value = nullptr;
     cudaMalloc(reinterpret_cast<void**>(&value), sizeof(int));
@@ -107,13 +109,9 @@ void launch_failing_kernel() {
     VORN_KERNEL_TAIL();
 }
 
-TEST(KernelTailTest, SyncFlagStopsAtTheLaunchSite) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
+TEST_F(KernelTailTest, SyncFlagStopsAtTheLaunchSite) {
     EXPECT_DEATH(
         {
-            ThreadContextScope context;
             g_sync_flag = true;
             launch_failing_kernel();
         },
@@ -122,13 +120,9 @@ TEST(KernelTailTest, SyncFlagStopsAtTheLaunchSite) {
             literal("Check failed: 0 == (ret) device-side assert triggered\n"));
 }
 
-TEST(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
+TEST_F(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
     EXPECT_DEATH(
         {
-            init_thread_context();
             launch_failing_kernel();
             std::cerr << "<went on>";
             Tensor<float>(Dim(2), GPU).get_element(Dim(0));
@@ -141,11 +135,7 @@ void launch_empty_grid() {
     VORN_KERNEL_TAIL();
 }
 
-TEST(KernelTailTest, RefusedLaunchIsSilentWithoutTheFlag) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
-    ThreadContextScope context;
+TEST_F(KernelTailTest, RefusedLaunchIsSilentWithoutTheFlag) {
     launch_empty_grid();
     EXPECT_EQ(cudaGetLastError(), cudaErrorInvalidConfiguration);
     EXPECT_DEATH(

@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cfloat>
-#include <limits>
 
 #include "device_test.h"
 #include "vorn/ops/ctc_math.h"
@@ -29,80 +28,59 @@ Labels collapse(const Labels& path, int blank) {
 
 /// A batch with random log posteriors, its tables on the GPU, and the same quantities by
 /// enumerating every path of `classes` symbols.
-class Batch {
-public:
-    Batch(std::vector<Utterance> utterances, int classes, int blank, int label_width)
-        : _utterances(std::move(utterances)),
-          _count(static_cast<int>(_utterances.size())),
-          _classes(classes),
-          _blank(blank),
-          _width(label_width),
-          _frames(0) {
-        for (const Utterance& utterance : _utterances) {
-            _frames = std::max(_frames, utterance.frames);
-            Labels row = extended(utterance);
-            _lengths.push_back(static_cast<int>(row.size()));
-            _frame_nums.push_back(utterance.frames);
-            row.resize(_width, -1);
-            _labels.insert(_labels.end(), row.begin(), row.end());
-        }
-        const std::vector<float> scores = random_values(_frames * _count * classes, 1, -2, 2);
-        for (size_t row = 0; row < scores.size(); row += classes) {
-            double sum = 0;
-            for (int k = 0; k < classes; ++k) {
-                sum += std::exp(scores[row + k]);
+struct Batch {
+    Batch(std::vector<Utterance> batch, int classes, int blank, int label_width)
+        : utterances(std::move(batch)),
+          count(static_cast<int>(utterances.size())),
+          classes(classes),
+          blank(blank),
+          width(label_width) {
+        for (const Utterance& utterance : utterances) {
+            frames = std::max(frames, utterance.frames);
+            Labels row = {blank};
+            for (int label : utterance.labels) {
+                row.insert(row.end(), {label, blank});
             }
-            for (int k = 0; k < classes; ++k) {
-                _log_prob.push_back(static_cast<float>(scores[row + k] - std::log(sum)));
-            }
+            lengths.push_back(static_cast<int>(row.size()));
+            frame_nums.push_back(utterance.frames);
+            row.resize(width, -1);
+            labels.insert(labels.end(), row.begin(), row.end());
         }
-        _exact.assign(_log_prob.begin(), _log_prob.end());
+        log_prob = random_values(frames * count * classes, 1, -4, -0.1f);
+        exact = widen(log_prob);
     }
 
-    int count() const { return _count; }
-    int frames() const { return _frames; }
-    int classes() const { return _classes; }
-    int width() const { return _width; }
-    int length(int n) const { return _lengths[n]; }
-    int frames(int n) const { return _frame_nums[n]; }
-    Dim table() const { return Dim(_frames * _count, _width); }
-    std::vector<double>& log_prob() { return _exact; }
+    Dim table() const { return Dim(frames * count, width); }
 
-    std::vector<float> alpha(float fill) const {
-        Tensor<float> table = filled(fill);
-        for (int t = 0; t < _frames; ++t) {
-            table.compute_ctc_alpha(gpu(_log_prob, Dim(_frames * _count, _classes)), t,
-                                    gpu(_labels, Dim(_count, _width)),
-                                    gpu(_frame_nums, Dim(_count)), gpu(_lengths, Dim(_count)));
+    Values recursion(bool forward, float fill) const {
+        Tensor<float> out = dense(table(), Values(table().product(), fill), GPU);
+        const Tensor<float> prob = dense(Dim(frames * count, classes), log_prob, GPU);
+        const Tensor<int> symbols = dense(Dim(count, width), labels, GPU),
+                          ends = dense(Dim(count), frame_nums, GPU),
+                          sizes = dense(Dim(count), lengths, GPU);
+        for (int t = 0; t < frames; ++t) {
+            forward ? out.compute_ctc_alpha(prob, t, symbols, ends, sizes)
+                    : out.compute_ctc_beta(prob, frames - 1 - t, symbols, ends, sizes);
         }
-        return values_of(table);
-    }
-    std::vector<float> beta(float fill) const {
-        Tensor<float> table = filled(fill);
-        for (int t = _frames - 1; t >= 0; --t) {
-            table.compute_ctc_beta(gpu(_log_prob, Dim(_frames * _count, _classes)), t,
-                                   gpu(_labels, Dim(_count, _width)), gpu(_frame_nums, Dim(_count)),
-                                   gpu(_lengths, Dim(_count)));
-        }
-        return values_of(table);
+        return values_of(out);
     }
     /// The log probability of each utterance, as a trainer reads it from the forward table.
-    std::vector<float> total(const std::vector<float>& alpha) const {
-        std::vector<float> total;
-        for (int n = 0; n < _count; ++n) {
-            const float* last =
-                &alpha[((_frame_nums[n] - 1) * _count + n) * _width + _lengths[n] - 1];
-            total.push_back(_lengths[n] == 1 ? last[0] : func::ctc_log_add(last[0], last[-1]));
+    Values total(const Values& alpha) const {
+        Values total;
+        for (int n = 0; n < count; ++n) {
+            const float* last = &alpha[((frame_nums[n] - 1) * count + n) * width + lengths[n] - 1];
+            total.push_back(lengths[n] == 1 ? last[0] : func::ctc_log_add(last[0], last[-1]));
         }
         return total;
     }
-    std::vector<float> occupancy(const std::vector<float>& alpha, const std::vector<float>& beta,
-                                 const std::vector<float>& total, float fill) const {
-        Tensor<float> out(Dim(_frames * _count, _classes), GPU);
-        out.set_element(fill);
-        out.compute_ctc_err(gpu(alpha, table()), gpu(beta, table()),
-                            gpu(_labels, Dim(_count, _width)), gpu(_frame_nums, Dim(_count)),
-                            gpu(total, Dim(_count)));
+    Values occupancy(float fill) const {
+        const Values alpha = recursion(true, CTC_LOG_ZERO), beta = recursion(false, CTC_LOG_ZERO);
+        const Dim size(frames * count, classes);
+        Tensor<float> out = dense(size, Values(size.product(), fill), GPU);
+        out.compute_ctc_err(dense(table(), alpha, GPU), dense(table(), beta, GPU),
+                            dense(Dim(count, width), labels, GPU),
+                            dense(Dim(count), frame_nums, GPU),
+                            dense(Dim(count), total(alpha), GPU));
         return values_of(out);
     }
 
@@ -115,72 +93,52 @@ public:
             if (keep(path)) {
                 double log_p = 0;
                 for (int t = first; t < last; ++t) {
-                    log_p += _exact[(t * _count + n) * _classes + path[t - first]];
+                    log_p += exact[(t * count + n) * classes + path[t - first]];
                 }
                 sum += std::exp(log_p);
             }
             more = false;
             for (size_t i = 0; i < path.size() && !more; ++i) {
-                path[i] = (path[i] + 1) % _classes;
+                path[i] = (path[i] + 1) % classes;
                 more = path[i] != 0;
             }
         }
         return sum;
     }
     double exact_total(int n) {
-        return sum_paths(n, 0, _frame_nums[n], [&](const Labels& path) {
-            return collapse(path, _blank) == _utterances[n].labels;
+        return sum_paths(n, 0, frame_nums[n], [&](const Labels& path) {
+            return collapse(path, blank) == utterances[n].labels;
         });
     }
     double exact_occupancy(int n, int frame, int k) {
-        return sum_paths(n, 0, _frame_nums[n], [&](const Labels& path) {
-            return path[frame] == k && collapse(path, _blank) == _utterances[n].labels;
+        return sum_paths(n, 0, frame_nums[n], [&](const Labels& path) {
+            return path[frame] == k && collapse(path, blank) == utterances[n].labels;
         });
     }
     /// Paths of the first t + 1 frames that stand at position s.
     double exact_alpha(int n, int t, int s) {
-        const Labels& all = _utterances[n].labels;
+        const Labels& all = utterances[n].labels;
         const Labels prefix(all.begin(), all.begin() + (s + 1) / 2);
         return sum_paths(n, 0, t + 1, [&](const Labels& path) {
-            return path.back() == symbol(n, s) && collapse(path, _blank) == prefix;
+            return path.back() == labels[n * width + s] && collapse(path, blank) == prefix;
         });
     }
     /// Paths of the frames behind t that go on from position s to the end.
     double exact_beta(int n, int t, int s) {
-        const Labels& all = _utterances[n].labels;
+        const Labels& all = utterances[n].labels;
         const Labels suffix(all.begin() + s / 2, all.end());
-        return sum_paths(n, t + 1, _frame_nums[n], [&](const Labels& path) {
-            Labels whole = {symbol(n, s)};
+        return sum_paths(n, t + 1, frame_nums[n], [&](const Labels& path) {
+            Labels whole = {labels[n * width + s]};
             whole.insert(whole.end(), path.begin(), path.end());
-            return collapse(whole, _blank) == suffix;
+            return collapse(whole, blank) == suffix;
         });
     }
 
-private:
-    template <typename T>
-    static Tensor<T> gpu(const std::vector<T>& values, const Dim& size) {
-        return Tensor<T>(Tensor<T>(const_cast<T*>(values.data()), size, CPU), GPU);
-    }
-    Tensor<float> filled(float fill) const {
-        Tensor<float> tensor(table(), GPU);
-        tensor.set_element(fill);
-        return tensor;
-    }
-    Labels extended(const Utterance& utterance) const {
-        Labels row = {_blank};
-        for (int label : utterance.labels) {
-            row.push_back(label);
-            row.push_back(_blank);
-        }
-        return row;
-    }
-    int symbol(int n, int s) const { return _labels[n * _width + s]; }
-
-    std::vector<Utterance> _utterances;
-    int _count, _classes, _blank, _width, _frames;
-    Labels _labels, _frame_nums, _lengths;
-    std::vector<float> _log_prob;
-    std::vector<double> _exact;
+    std::vector<Utterance> utterances;
+    int count, classes, blank, width, frames = 0;
+    Labels labels, frame_nums, lengths;
+    Values log_prob;
+    Doubles exact;
 };
 
 /// Repeats, an empty sequence, one frame, sequences that just fit and that don't, all lengths in
@@ -207,13 +165,14 @@ TEST_P(CtcTest, TablesEqualEnumerationOfAllPaths) {
     };
     for (int blank : {0, 2}) {
         Batch batch = small_batch(blank);
-        const auto alpha = batch.alpha(untouched), beta = batch.beta(untouched);
-        for (int n = 0; n < batch.count(); ++n) {
-            const int frames = batch.frames(n), length = batch.length(n);
-            for (int t = 0; t < batch.frames(); ++t) {
-                for (int s = 0; s < batch.width(); ++s) {
+        const Values alpha = batch.recursion(true, untouched),
+                     beta = batch.recursion(false, untouched);
+        for (int n = 0; n < batch.count; ++n) {
+            const int frames = batch.frame_nums[n], length = batch.lengths[n];
+            for (int t = 0; t < batch.frames; ++t) {
+                for (int s = 0; s < batch.width; ++s) {
                     SCOPED_TRACE(::testing::Message() << "n " << n << " t " << t << " s " << s);
-                    const size_t at = (t * batch.count() + n) * batch.width() + s;
+                    const size_t at = (t * batch.count + n) * batch.width + s;
                     if (t >= frames || s >= length) {
                         expect_log(alpha[at], 0);
                         expect_log(beta[at], 0);
@@ -238,21 +197,20 @@ TEST_P(CtcTest, TablesEqualEnumerationOfAllPaths) {
 
 TEST_P(CtcTest, OccupancyEqualsEnumerationAndLeavesRowsBeyondTheEnd) {
     Batch batch = small_batch(0);
-    const auto alpha = batch.alpha(CTC_LOG_ZERO), beta = batch.beta(CTC_LOG_ZERO);
-    const auto total = batch.total(alpha);
-    const auto occupancy = batch.occupancy(alpha, beta, total, -5);
-    for (int n = 0; n < batch.count(); ++n) {
+    const Values total = batch.total(batch.recursion(true, CTC_LOG_ZERO)),
+                 occupancy = batch.occupancy(-5);
+    for (int n = 0; n < batch.count; ++n) {
         const double p = batch.exact_total(n);
         if (p == 0) {
             EXPECT_EQ(total[n], CTC_LOG_ZERO) << n;
         } else {
             EXPECT_NEAR(total[n], std::log(p), 1e-5) << n;
         }
-        for (int t = 0; t < batch.frames(); ++t) {
-            for (int k = 0; k < batch.classes(); ++k) {
+        for (int t = 0; t < batch.frames; ++t) {
+            for (int k = 0; k < batch.classes; ++k) {
                 SCOPED_TRACE(::testing::Message() << "n " << n << " t " << t << " k " << k);
-                const float actual = occupancy[(t * batch.count() + n) * batch.classes() + k];
-                if (t >= batch.frames(n)) {
+                const float actual = occupancy[(t * batch.count + n) * batch.classes + k];
+                if (t >= batch.frame_nums[n]) {
                     EXPECT_EQ(actual, -5);
                 } else {
                     const double part = batch.exact_occupancy(n, t, k);
@@ -266,16 +224,15 @@ TEST_P(CtcTest, OccupancyEqualsEnumerationAndLeavesRowsBeyondTheEnd) {
 // d log p / d log_prob[t][k] is the occupancy of class k at frame t.
 TEST_P(CtcTest, OccupancyIsTheGradientOfTheLogProbability) {
     Batch batch({{{1, 2}, 4}, {{1, 1}, 4}, {{}, 2}, {{2}, 1}}, 3, 0, 5);
-    const auto alpha = batch.alpha(CTC_LOG_ZERO), beta = batch.beta(CTC_LOG_ZERO);
-    const auto occupancy = batch.occupancy(alpha, beta, batch.total(alpha), 0);
+    const Values occupancy = batch.occupancy(0);
     const auto log_probability = [&] {
         double sum = 0;
-        for (int n = 0; n < batch.count(); ++n) {
+        for (int n = 0; n < batch.count; ++n) {
             sum += std::log(batch.exact_total(n));
         }
         return sum;
     };
-    expect_gradient(log_probability, batch.log_prob(), occupancy, 1e-5);
+    expect_gradient(log_probability, batch.exact, occupancy, 1e-5);
 }
 
 // Every frame of a path emits one class, so that the occupancies of a frame sum to one.
@@ -289,30 +246,25 @@ TEST_P(CtcTest, OccupanciesOfALongUtteranceSumToOne) {
         utterances.push_back({labels, 70 - 9 * n});
     }
     Batch batch(utterances, 40, 0, 41);
-    const auto alpha = batch.alpha(CTC_LOG_ZERO), beta = batch.beta(CTC_LOG_ZERO);
-    const auto occupancy = batch.occupancy(alpha, beta, batch.total(alpha), 0);
-    for (int row = 0; row < batch.frames() * batch.count(); ++row) {
+    const Values occupancy = batch.occupancy(0);
+    for (int row = 0; row < batch.frames * batch.count; ++row) {
         double sum = 0;
-        for (int k = 0; k < batch.classes(); ++k) {
-            sum += occupancy[row * batch.classes() + k];
+        for (int k = 0; k < batch.classes; ++k) {
+            sum += occupancy[row * batch.classes + k];
         }
-        const bool valid = row / batch.count() < batch.frames(row % batch.count());
+        const bool valid = row / batch.count < batch.frame_nums[row % batch.count];
         ASSERT_NEAR(sum, valid ? 1 : 0, 2e-4) << "row " << row;
     }
 }
 
 TEST_P(CtcTest, OccupancyAtTheEdgesOfTheLogDomain) {
     // One frame of three classes; the row of labels ends at its first -1.
-    const auto occupancy = [](std::vector<float> alpha, std::vector<int> labels, float total) {
-        std::vector<float> beta(alpha.size(), 0.0f);
-        const int width = static_cast<int>(labels.size());
-        const Dim row(1, width);
+    const auto occupancy = [](Values alpha, std::vector<int> labels, float total) {
+        const Dim row(1, static_cast<int>(labels.size()));
         Tensor<float> out(Dim(1, 3), GPU);
-        out.compute_ctc_err(Tensor<float>(Tensor<float>(alpha.data(), row, CPU), GPU),
-                            Tensor<float>(Tensor<float>(beta.data(), row, CPU), GPU),
-                            Tensor<int>(Tensor<int>(labels.data(), row, CPU), GPU),
-                            Tensor<int>(Tensor<int>(std::vector<int>{1}.data(), Dim(1), CPU), GPU),
-                            Tensor<float>(Tensor<float>(&total, Dim(1), CPU), GPU));
+        out.compute_ctc_err(dense(row, alpha, GPU), dense(row, Values(alpha.size()), GPU),
+                            dense(row, labels, GPU), dense(Dim(1), Labels{1}, GPU),
+                            dense(Dim(1), Values{total}, GPU));
         return values_of(out);
     };
     const float half = std::log(0.5f), eighth = std::log(0.125f);
@@ -354,12 +306,12 @@ TEST(CtcMathTest, LogDomain) {
 
 class RowOpsTest : public DeviceTest {
 protected:
-    std::vector<int> row_max_ids(const std::vector<float>& values, int rows, const Dim& ids) {
+    std::vector<int> row_max_ids(const Values& values, int rows, const Dim& ids) {
         Tensor<int> max_id = poisoned<int>(ids);
         make(Dim(rows, static_cast<int>(values.size()) / rows), values).find_row_max_id(max_id);
         return values_of(max_id);
     }
-    int row_max_id(const std::vector<float>& row) { return row_max_ids(row, 1, Dim(1))[0]; }
+    int row_max_id(const Values& row) { return row_max_ids(row, 1, Dim(1))[0]; }
 };
 
 int reversed_seven_bits(int value) {
@@ -376,7 +328,7 @@ TEST_P(RowOpsTest, FindRowMaxIdBreaksTiesByItsOrder) {
         SCOPED_TRACE(width);
         // Many ties, few ties, none.
         for (float levels : {2.0f, 60.0f, 1e7f}) {
-            std::vector<float> values = random_values(rows * width, width, -levels, 0);
+            Values values = random_values(rows * width, width, -levels, 0);
             std::vector<int> expected;
             for (float& value : values) {
                 value = std::floor(value);
@@ -384,19 +336,15 @@ TEST_P(RowOpsTest, FindRowMaxIdBreaksTiesByItsOrder) {
             for (int r = 0; r < rows; ++r) {
                 const float* row = &values[r * width];
                 const float max = *std::max_element(row, row + width);
-                std::vector<int> ties;
+                // Of the largest, a GPU takes the one whose thread comes first, the host the first.
+                std::pair<int, int> best = {1 << 7, 0};
                 for (int j = 0; j < width; ++j) {
                     if (row[j] == max) {
-                        ties.push_back(j);
+                        const int order = on_gpu() ? reversed_seven_bits(j % 128) : 0;
+                        best = std::min(best, {order, j});
                     }
                 }
-                const auto first_thread = [](int a, int b) {
-                    const int x = reversed_seven_bits(a % 128), y = reversed_seven_bits(b % 128);
-                    return x != y ? x < y : a < b;
-                };
-                expected.push_back(on_gpu()
-                                       ? *std::min_element(ties.begin(), ties.end(), first_thread)
-                                       : ties.front());
+                expected.push_back(best.second);
             }
             EXPECT_EQ(row_max_ids(values, rows, Dim(rows)), expected);
             EXPECT_EQ(row_max_ids(values, rows, Dim(1, rows)), expected);
@@ -406,14 +354,14 @@ TEST_P(RowOpsTest, FindRowMaxIdBreaksTiesByItsOrder) {
 }
 
 TEST_P(RowOpsTest, FindRowMaxIdStartsAtItsFloor) {
-    const float lowest = std::numeric_limits<float>::lowest(), nan = NAN, inf = INFINITY;
+    const float lowest = -FLT_MAX, nan = kNan, inf = kInf;
     EXPECT_EQ(row_max_id({lowest, -2e30f, -1e30f, -2e30f}), on_gpu() ? -1 : 2);
     EXPECT_EQ(row_max_id({lowest, lowest}), -1);
     EXPECT_EQ(row_max_id({-inf, nan}), -1);
     EXPECT_EQ(row_max_id({nan, -1e29f, nan, -inf, -1e29f}), on_gpu() ? 4 : 1);
     EXPECT_EQ(row_max_id({nan, 1, inf, 2}), 2);
     EXPECT_EQ(row_max_id({-1, -0.0f, 0.0f, -0.0f}), on_gpu() ? 2 : 1);
-    std::vector<float> wide(300, lowest);
+    Values wide(300, lowest);
     EXPECT_EQ(row_max_id(wide), -1);
     wide[299] = 5;
     EXPECT_EQ(row_max_id(wide), 299);
@@ -424,7 +372,7 @@ TEST_P(RowOpsTest, VecMaskAlsoInPlace) {
     for (const auto& [rows, width] : sizes) {
         SCOPED_TRACE(::testing::Message() << rows << " x " << width);
         const Dim size(rows, width);
-        std::vector<float> values = random_values(rows * width, 1), expected = values;
+        Values values = random_values(rows * width, 1), expected = values;
         values[0] = expected[0] = NAN;
         std::vector<int> flags(rows);
         for (int r = 0; r < rows; ++r) {
@@ -447,10 +395,6 @@ INSTANTIATE_TEST_SUITE_P(Places, RowOpsTest, kDensePlaces, name_of_place);
 
 using CtcDeathTest = ContextTest;
 
-std::string not_same(const std::string& a, const std::string& b) {
-    return "Check failed: is_same_devices((" + a + ").get_device(), (" + b + ").get_device()) ";
-}
-
 // Empty tensors have a device, so that these run without a GPU. Checks behind the named one fail
 // in the same call where they can.
 TEST_F(CtcDeathTest, TableFailures) {
@@ -469,11 +413,11 @@ TEST_F(CtcDeathTest, TableFailures) {
         const std::string labels = "labels.get_element_count()",
                           product = "frame_num_utt.get_element_count() * out.get_w()";
         const std::vector<FailureCase> cases = {
-            {not_same("labels", "label_lengths_utt"), [=] { devices(CPU, GPU, GPU, GPU); }},
-            {not_same("frame_num_utt", "label_lengths_utt"),
+            {same_device("labels", "label_lengths_utt"), [=] { devices(CPU, GPU, GPU, GPU); }},
+            {same_device("frame_num_utt", "label_lengths_utt"),
              [=] { devices(CPU, GPU, CPU_PINNED, GPU); }},
-            {not_same("prob", "label_lengths_utt"), [=] { devices(CPU, GPU, CPU, CPU); }},
-            {not_same("out", "prob"), [=] { devices(GPU, CPU, CPU, CPU); }},
+            {same_device("prob", "label_lengths_utt"), [=] { devices(CPU, GPU, CPU, CPU); }},
+            {same_device("out", "prob"), [=] { devices(GPU, CPU, CPU, CPU); }},
             {"Check failed: labels.get_element_count() % out.get_w() == 0 ", [=] { sizes(7, 1); }},
             {"Check failed: " + (forward ? labels + " == " + product : product + " == " + labels) +
                  " ",
@@ -502,24 +446,23 @@ TEST_F(CtcDeathTest, Failures) {
         Tensor<float>(Dim(2, 3)).vec_mask(in, mask);
     };
     expect_failures({
-        {not_same("beta", "frame_num_utt"), [=] { err_devices(GPU, GPU, GPU, GPU, GPU); }},
-        {not_same("labels", "frame_num_utt"), [=] { err_devices(GPU, GPU, CPU, GPU, CPU); }},
-        {not_same("alpha", "frame_num_utt"), [=] { err_devices(GPU, GPU, CPU, CPU, GPU); }},
-        {not_same("out", "labels"), [=] { err_devices(GPU, CPU, CPU, CPU, GPU); }},
-        {not_same("pzx", "labels"), [=] { err_devices(CPU, CPU, CPU, CPU, GPU); }},
+        {same_device("beta", "frame_num_utt"), [=] { err_devices(GPU, GPU, GPU, GPU, GPU); }},
+        {same_device("labels", "frame_num_utt"), [=] { err_devices(GPU, GPU, CPU, GPU, CPU); }},
+        {same_device("alpha", "frame_num_utt"), [=] { err_devices(GPU, GPU, CPU, CPU, GPU); }},
+        {same_device("out", "labels"), [=] { err_devices(GPU, CPU, CPU, CPU, GPU); }},
+        {same_device("pzx", "labels"), [=] { err_devices(CPU, CPU, CPU, CPU, GPU); }},
         {"Check failed: labels.get_element_count() % alpha.get_w() == 0 ",
          [=] { err_sizes(11, 3); }},
         {"Check failed: frame_num_utt.get_element_count() == pzx.get_element_count() ",
          [=] { err_sizes(10, 3); }},
         {"Not Implemented Yet", [=] { err_sizes(10, 2); }},
-        {not_same("in", "max_id_vec"), [=] { max_id(GPU, Dim(2, 2)); }},
+        {same_device("in", "max_id_vec"), [=] { max_id(GPU, Dim(2, 2)); }},
         {"Check failed: max_id_vec.get_dim() == 1 || (max_id_vec.get_dim() == 2 && "
          "max_id_vec.get_h() == 1) ",
          [=] { max_id(CPU, Dim(2, 2)); }},
-        {not_same("in", "out"), [=] { mask(Tensor<float>(GPU), Tensor<int>(GPU)); }},
-        {not_same("mask", "out"), [=] { mask(Tensor<float>(CPU), Tensor<int>(GPU)); }},
-        {"Check failed: (in.get_size()) == (out.get_size()) ",
-         [=] { mask(Tensor<float>(Dim(2, 4)), Tensor<int>(Dim(3))); }},
+        {same_device("in", "out"), [=] { mask(Tensor<float>(GPU), Tensor<int>(GPU)); }},
+        {same_device("mask", "out"), [=] { mask(Tensor<float>(CPU), Tensor<int>(GPU)); }},
+        {same_size("in"), [=] { mask(Tensor<float>(Dim(2, 4)), Tensor<int>(Dim(3))); }},
         {"Check failed: mask.get_w() == out.get_h() ",
          [=] { mask(Tensor<float>(Dim(2, 3)), Tensor<int>(Dim(3))); }},
     });

@@ -1,11 +1,13 @@
 #ifndef VORN_TESTS_DEVICE_TEST_H_
 #define VORN_TESTS_DEVICE_TEST_H_
 
+#include <cuda_runtime.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <ostream>
 #include <random>
@@ -17,6 +19,16 @@
 
 namespace vorn {
 namespace test {
+
+using TensorF = Tensor<float>;
+using Values = std::vector<float>;
+using Doubles = std::vector<double>;
+
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr float kPoison = -12345;         ///< What no test expects; finite, because blends read it.
+constexpr double kUlp = 1.0 / (1 << 23);  ///< Upper bound of one ulp, relative.
+constexpr double kHalfUlp = 1.0001 / (1 << 24);  ///< One rounding of the exact value.
 
 /// Where a test case runs: each device, dense and as a view of some columns of a wider matrix.
 enum class Place { kHost, kHostPitched, kGpu, kGpuPitched };
@@ -56,6 +68,26 @@ inline std::vector<float> random_values(size_t count, unsigned seed, float lo = 
     return values;
 }
 
+inline Doubles widen(const Values& values) {
+    return Doubles(values.begin(), values.end());
+}
+
+/// A dense tensor with these elements, row-major.
+template <typename T>
+Tensor<T> dense(const Dim& size, const std::vector<T>& values, Device device) {
+    return Tensor<T>(Tensor<T>(const_cast<T*>(values.data()), size, CPU), device);
+}
+
+/// Calls f with a zero of each element type.
+template <typename F>
+void for_each_type(F f) {
+    f(0.0f);
+    f(0);
+    f(0ul);
+    f(static_cast<unsigned char>(0));
+    f(static_cast<short>(0));
+}
+
 /// The elements of a tensor of any device and pitch, row-major.
 template <typename T>
 std::vector<T> values_of(const Tensor<T>& tensor) {
@@ -65,10 +97,59 @@ std::vector<T> values_of(const Tensor<T>& tensor) {
     return values;
 }
 
+/// A block of memory on any device, filled and read past the library, with a tensor in it whose
+/// rows are `gap` elements apart and whose first element stands behind `gap` others.
+template <typename T>
+class Block {
+public:
+    Block(const Dim& size, const Device& device, index_t gap)
+        : _ld(size[-1] + gap),
+          _first(gap),
+          _count(_first + size.height() * _ld),
+          _buffer(std::make_shared<Buffer>(_count * sizeof(T), device)),
+          tensor(_buffer, size, _ld, static_cast<T*>(_buffer->ptr()) + _first) {}
+
+    void write(const std::vector<T>& all) {
+        move(_buffer->ptr(), all.data(), cudaMemcpyHostToDevice);
+    }
+    std::vector<T> read() const {
+        std::vector<T> all(_count);
+        move(all.data(), _buffer->ptr(), cudaMemcpyDeviceToHost);
+        return all;
+    }
+    index_t count() const { return _count; }
+    /// The place of a row's element in the block.
+    index_t place(index_t row, index_t col) const { return _first + row * _ld + col; }
+
+private:
+    void move(void* to, const void* from, cudaMemcpyKind kind) const {
+        if (is_cpu_device(_buffer->device())) {
+            memcpy(to, from, _count * sizeof(T));
+        } else {
+            ASSERT_EQ(cudaMemcpy(to, from, _count * sizeof(T), kind), cudaSuccess);
+        }
+    }
+
+    index_t _ld, _first, _count;
+    std::shared_ptr<Buffer> _buffer;
+
+public:
+    Tensor<T> tensor;
+};
+
 /// A context for the thread of the test, and tensors of the test's place.
 class ContextTest : public ::testing::Test {
 protected:
     ThreadContextScope _context;
+};
+
+class GpuTest : public ContextTest {
+protected:
+    void SetUp() override {
+        if (!has_gpu()) {
+            GTEST_SKIP() << "no GPU on this machine";
+        }
+    }
 };
 
 class DeviceTest : public ::testing::TestWithParam<Place> {
@@ -86,18 +167,24 @@ protected:
     Device device() const { return on_gpu() ? GPU : CPU; }
 
     /// A tensor of the test's place with these elements. A matrix is pitched where the place is,
-    /// between guard columns; other shapes are dense.
+    /// between guard columns, of which `right` stand behind it; other shapes are dense.
     template <typename T>
-    Tensor<T> make(const Dim& size, const std::vector<T>& values) {
-        Tensor<T> tensor = allocate<T>(size);
+    Tensor<T> make(const Dim& size, const std::vector<T>& values, int right = kGuard + 1) {
+        Tensor<T> tensor = allocate<T>(size, right);
         tensor.copy_from(Tensor<T>(const_cast<T*>(values.data()), size, CPU));
         return tensor;
     }
 
-    /// The same, poisoned with a value that no test expects. It is finite, because blends read it.
+    /// A vector of these elements.
+    template <typename T>
+    Tensor<T> make(const std::vector<T>& values) {
+        return make(Dim(static_cast<int>(values.size())), values);
+    }
+
+    /// A tensor whose old elements no test expects in a result.
     template <typename T = float>
-    Tensor<T> poisoned(const Dim& size) {
-        return make(size, std::vector<T>(size.product(), T(-12345)));
+    Tensor<T> poisoned(const Dim& size, int right = kGuard + 1) {
+        return make(size, std::vector<T>(size.product(), T(kPoison)), right);
     }
 
     /// Fails if an operation wrote beside a pitched matrix made by this test.
@@ -107,7 +194,7 @@ protected:
             const int width = guarded.whole.get_size()[-1];
             for (size_t i = 0; i < all.size(); ++i) {
                 const int column = static_cast<int>(i) % width;
-                if (column < kGuard || column >= width - kGuard - 1) {
+                if (column < kGuard || column >= width - guarded.right) {
                     ASSERT_EQ(all[i], kGuardValue) << "guard column " << column << " written";
                 }
             }
@@ -122,10 +209,11 @@ private:
 
     struct Guarded {
         Tensor<float> whole;
+        int right;
     };
 
     template <typename T>
-    Tensor<T> allocate(const Dim& size) {
+    Tensor<T> allocate(const Dim& size, int) {
         return Tensor<T>(size, device());
     }
 
@@ -134,13 +222,13 @@ private:
 };
 
 template <>
-inline Tensor<float> DeviceTest::allocate<float>(const Dim& size) {
+inline Tensor<float> DeviceTest::allocate<float>(const Dim& size, int right) {
     if (!pitched() || size.get_axis() != 2) {
         return Tensor<float>(size, device());
     }
-    Tensor<float> whole(Dim(size[0], size[1] + 2 * kGuard + 1), device());
+    Tensor<float> whole(Dim(size[0], size[1] + kGuard + right), device());
     whole.set_element(kGuardValue);
-    _guarded.push_back({whole});
+    _guarded.push_back({whole, right});
     return whole.range_col(kGuard, kGuard + size[1]);
 }
 
@@ -188,6 +276,14 @@ inline void expect_gradient(const std::function<double()>& loss, std::vector<dou
         ASSERT_NEAR(gradient[i], expected, tolerance * (1 + std::abs(expected)))
             << "derivative by input " << i;
     }
+}
+
+/// The texts of the tests that two arguments are on one device and of one size.
+inline std::string same_device(const std::string& a, const std::string& b = "out") {
+    return "Check failed: is_same_devices((" + a + ").get_device(), (" + b + ").get_device()) ";
+}
+inline std::string same_size(const std::string& a, const std::string& b = "out") {
+    return "Check failed: (" + a + ".get_size()) == (" + b + ".get_size()) ";
 }
 
 /// One row of a table of failures: a call and the exact text behind the log prefixes.

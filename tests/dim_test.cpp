@@ -115,13 +115,6 @@ TEST(DimTest, FailureTexts) {
     });
 }
 
-TEST(BaseTest, CeilingDivision) {
-    EXPECT_EQ(div_up(0, 32), 0);
-    EXPECT_EQ(div_up(10, 32), 1);
-    EXPECT_EQ(div_up(32, 32), 1);
-    EXPECT_EQ(div_up(33, 32), 2);
-}
-
 TEST(BaseTest, Devices) {
     EXPECT_TRUE(is_cpu_device(CPU) && is_cpu_device(CPU_PINNED) && !is_cpu_device(GPU));
     EXPECT_TRUE(is_gpu_device(GPU) && !is_gpu_device(CPU) && !is_gpu_device(CPU_PINNED));

@@ -1,8 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
 #include "device_test.h"
 #include "vorn/ops/ops.h"
 
@@ -25,48 +20,30 @@ struct Shape {
     int rows, cols;
 };
 
-// Memory full of `kBeside`, and a matrix that is all of it or, pitched, some of its columns.
-template <typename T>
-struct Room {
-    static constexpr int kLeft = 2, kRight = 3, kBeside = 77;
-
-    Room(Shape shape, bool is_pitched, Device device) {
-        const int width = shape.cols + (is_pitched ? kLeft + kRight : 0);
-        const Dim size(shape.rows, width);
-        const auto buffer = std::make_shared<Buffer>(size.product() * sizeof(T), device);
-        whole = Tensor<T>(buffer, size);
-        whole.set_element(T(kBeside));
-        view = Tensor<T>(buffer, Dim(shape.rows, shape.cols), width,
-                         whole.get_ptr() + (is_pitched ? kLeft : 0));
-    }
-
-    void expect_untouched_beside() const {
-        const std::vector<T> all = values_of(whole);
-        const int width = whole.get_size()[-1], cols = view.get_size()[-1];
-        for (size_t i = 0; width > cols && i < all.size(); ++i) {
-            const int column = static_cast<int>(i) % width;
-            if (column < kLeft || column >= kLeft + cols) {
-                ASSERT_EQ(all[i], T(kBeside)) << "position " << i;
-            }
-        }
-    }
-
-    Tensor<T> whole, view;
-};
-
 class FrameTest : public DeviceTest {
 protected:
-    // The matrix in it. Element (i, j) is base + its flat position modulo 1000: small integers, so
-    // that results are exact.
+    // A block that holds base + the position modulo 1000 everywhere: small integers, so that
+    // results are exact. The tensor in it is dense or pitched.
     template <typename T>
-    static Tensor<T> place_in(const Room<T>& room, T base) {
-        std::vector<T> values(room.view.get_element_count());
-        for (size_t i = 0; i < values.size(); ++i) {
-            values[i] = base + static_cast<T>(i % 1000);
+    Block<T> block(Shape shape, bool is_pitched, T base) {
+        Block<T> block(Dim(shape.rows, shape.cols), device(), is_pitched ? 3 : 0);
+        std::vector<T> all(block.count(), T(kPoison));
+        for (int i = 0; i < shape.rows * shape.cols; ++i) {
+            all[block.place(i / shape.cols, i % shape.cols)] = base + static_cast<T>(i % 1000);
         }
-        Tensor<T> view = room.view;
-        view.copy_from(Tensor<T>(values.data(), view.get_size(), CPU));
-        return view;
+        block.write(all);
+        return block;
+    }
+
+    template <typename T>
+    static void expect_untouched_beside(const Block<T>& block) {
+        std::vector<T> all = block.read();
+        const int cols = block.tensor.get_size()[-1];
+        const auto inside = block.tensor.get_element_count();
+        for (index_t i = 0; i < inside; ++i) {
+            all[block.place(i / cols, i % cols)] = T(kPoison);
+        }
+        EXPECT_EQ(all, std::vector<T>(all.size(), T(kPoison)));
     }
 
     static void expect_each(const Tensor<float>& out, float start, float slope) {
@@ -85,10 +62,10 @@ TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
         for (int mix = 0; mix<8; mix += shape.rows * shape.cols> 10000 ? 7 : 1) {
             SCOPED_TRACE(std::to_string(shape.rows) + " x " + std::to_string(shape.cols) +
                          ", mix " + std::to_string(mix));
-            const Tensor<int> a = place_in(Room<int>(shape, mix & 1, device()), 3);
-            const Tensor<float> b = place_in(Room<float>(shape, mix & 2, device()), 10.0f);
-            const Room<float> room(shape, mix & 4, device());
-            Tensor<float> out = place_in(room, 20.0f);
+            const Tensor<int> a = block(shape, mix & 1, 3).tensor;
+            const Tensor<float> b = block(shape, mix & 2, 10.0f).tensor;
+            const Block<float> room = block(shape, mix & 4, 20.0f);
+            Tensor<float> out = room.tensor;
             unary_op(Affine(), a, out);
             expect_each(out, 7, 2);
             binary_op(Weigh2(), a, b, out);
@@ -97,14 +74,14 @@ TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
             expect_each(out, 37.5f, 7.25f);
             binary_inplace_op(Weigh2(), a, out);
             expect_each(out, 24.75f, 5.625f);
-            room.expect_untouched_beside();
+            expect_untouched_beside(room);
         }
     }
 }
 
 TEST_P(FrameTest, TakesFurtherTurnsBeyondTheCapOfBlocks) {
     const int count = 40960 * 128 + 1;
-    const Tensor<int> in = place_in(Room<int>({1, count}, false, device()), 0);
+    const Tensor<int> in = block({1, count}, false, 0).tensor;
     Tensor<float> out(Dim(count), device());
     unary_op(Affine(), in, out);  // shapes (1, count) and (count) are equal
     expect_each(out, 1, 2);
@@ -128,26 +105,30 @@ TEST_P(FrameTest, EmptyTensorsAreLeftAlone) {
     g_sync_flag = false;
 }
 
-template <typename T>
-void expect_fills(const Device& device) {
-    Room<T> room({4, 3}, true, device);
-    for (T value : {T(9), T(0)}) {
-        room.view.set_element(value);
-        EXPECT_EQ(values_of(room.view), std::vector<T>(12, value));
-        room.expect_untouched_beside();
-    }
-    room.whole.ones();
-    EXPECT_EQ(values_of(room.whole), std::vector<T>(32, T(1)));
-    room.whole.zero();
-    EXPECT_EQ(values_of(room.whole), std::vector<T>(32, T(0)));
-}
-
 TEST_P(FrameTest, FillsEveryTypeAndNothingBesideAView) {
-    expect_fills<float>(device());
-    expect_fills<int>(device());
-    expect_fills<unsigned long>(device());
-    expect_fills<unsigned char>(device());
-    expect_fills<short>(device());
+    for_each_type([this](auto zero) {
+        using T = decltype(zero);
+        Block<T> room = block<T>({4, 3}, true, T(5));
+        for (T value : {T(9), T(0)}) {
+            room.tensor.set_element(value);
+            EXPECT_EQ(values_of(room.tensor), std::vector<T>(12, value));
+        }
+        room.tensor.ones();
+        EXPECT_EQ(values_of(room.tensor), std::vector<T>(12, T(1)));
+        room.tensor.zero();
+        EXPECT_EQ(values_of(room.tensor), std::vector<T>(12, T(0)));
+        expect_untouched_beside(room);
+        for (Device place : {device(), on_gpu() ? GPU : CPU_PINNED}) {
+            Tensor<T> fresh(Dim(2, 3), place);
+            EXPECT_EQ(values_of(fresh), std::vector<T>(6, T(0)));
+            fresh.ones();
+            EXPECT_EQ(values_of(fresh), std::vector<T>(6, T(1)));
+            fresh.set_element(T(7));
+            EXPECT_EQ(values_of(fresh), std::vector<T>(6, T(7)));
+            fresh.zero();
+            EXPECT_EQ(values_of(fresh), std::vector<T>(6, T(0)));
+        }
+    });
     // A negative zero is equal to 0: dense memory gets the byte fill, a view the value.
     Tensor<float> whole(Dim(2, 20), device());
     whole.ones();
@@ -239,17 +220,11 @@ TEST(FrameFailureTest, TestsSizesThenDevices) {
     Tensor<float> out(Dim(2, 3)), in(Dim(2, 3)), small(Dim(2, 2));
     Tensor<float> far(memory, Dim(2, 3), GPU), far_small(memory, Dim(2, 2), GPU);
     Tensor<int> far_int(reinterpret_cast<int*>(memory), Dim(2, 3), GPU);
-    const std::string in1_size = "Check failed: (in1.get_size()) == (out.get_size()) ",
-                      in2_size = "Check failed: (in2.get_size()) == (out.get_size()) ";
-    const std::string in1_device =
-        "Check failed: is_same_devices((in1).get_device(), (out).get_device()) ";
-    const std::string in2_device =
-        "Check failed: is_same_devices((in2).get_device(), (out).get_device()) ";
+    const std::string in1_size = same_size("in1"), in2_size = same_size("in2"),
+                      in1_device = same_device("in1"), in2_device = same_device("in2");
     expect_failures({
-        {"Check failed: (in.get_size()) == (out.get_size()) ",
-         [&] { unary_op(Affine(), short_int, far); }},
-        {"Check failed: is_same_devices((in).get_device(), (out).get_device()) ",
-         [&] { unary_op(Affine(), far_int, out); }},
+        {same_size("in"), [&] { unary_op(Affine(), short_int, far); }},
+        {same_device("in"), [&] { unary_op(Affine(), far_int, out); }},
         {in1_size, [&] { binary_op(Weigh2(), short_int, small, far); }},
         {in2_size, [&] { binary_op(Weigh2(), far_int, far_small, out); }},
         {in1_device, [&] { binary_op(Weigh2(), far_int, far, out); }},

@@ -1,7 +1,6 @@
 #include <cfloat>
 #include <cstdio>
 #include <fstream>
-#include <limits>
 #include <sstream>
 
 #include "device_test.h"
@@ -16,14 +15,9 @@ public:
     Bytes& u32(uint32_t value) { return put(value, 4); }
     Bytes& u64(uint64_t value) { return put(value, 8); }
     Bytes& i32(int value) { return u32(static_cast<uint32_t>(value)); }
-    Bytes& elements(const std::vector<int>& values) {
-        for (int value : values) {
-            i32(value);
-        }
-        return *this;
-    }
-    Bytes& elements(const std::vector<float>& values) {
-        for (float value : values) {
+    template <typename T>
+    Bytes& elements(const std::vector<T>& values) {
+        for (T value : values) {
             uint32_t bits;
             memcpy(&bits, &value, 4);
             u32(bits);
@@ -56,18 +50,14 @@ std::string file_content() {
     return content.str();
 }
 
-/// What `write` leaves in a binary file.
-template <typename F>
-std::string binary(F write) {
+/// What `write` leaves in a binary file, and in a text file.
+std::string binary(const std::function<void(std::ofstream&)>& write) {
     std::ofstream out(path(), std::ios::binary);
     write(out);
     out.close();
     return file_content();
 }
-
-/// What `write` leaves in a text file.
-template <typename F>
-std::string text(F write) {
+std::string text(const std::function<void(FILE*)>& write) {
     FILE* f = fopen(path().c_str(), "w");
     write(f);
     fclose(f);
@@ -154,7 +144,7 @@ TEST_P(IoTest, PlainBinary) {
 }
 
 TEST_P(BinaryMatrixTest, HfnnAndScore) {
-    const Tensor<float> matrix = make(Dim(2, 3), std::vector<float>{1, -2, 0.5f, 1.5f, 0, 3});
+    const Tensor<float> matrix = make(Dim(2, 3), Values{1, -2, 0.5f, 1.5f, 0, 3});
     Bytes elements;
     for (uint32_t bits : {0x3f800000u, 0xc0000000u, 0x3f000000u, 0x3fc00000u, 0u, 0x40400000u}) {
         elements.u32(bits);
@@ -168,13 +158,11 @@ TEST_P(BinaryMatrixTest, HfnnAndScore) {
     const std::string narrow = std::string(Bytes().i32(2).i32(3)) + data;
     // Sizes are cut to 32 bits.
     const std::string cut = std::string(Bytes().u64(2 | 7ull << 32).u64(3)) + data;
-    const struct {
-        std::string content;
-        index_t byte_size;
-    } cases[] = {{wide, 0}, {wide, 8}, {narrow, 4}, {cut, 8}};
-    for (const auto& c : cases) {
+    const std::pair<std::string, index_t> cases[] = {{wide, 0}, {wide, 8}, {narrow, 4}, {cut, 8}};
+    for (const auto& [content, byte_size] : cases) {
         Tensor<float> back(device());
-        from_binary(c.content, [&](std::ifstream& in) { back.read_hfnn(in, c.byte_size); });
+        const index_t width = byte_size;
+        from_binary(content, [&](std::ifstream& in) { back.read_hfnn(in, width); });
         EXPECT_EQ(back.get_size().to_string(), "Dim [2, 3]");
         EXPECT_EQ(back.check(matrix), 0u);
     }
@@ -188,15 +176,14 @@ TEST_P(BinaryMatrixTest, ScoreOfOneSequence) {
         return binary(
             [&](std::ofstream& out) { matrix.write_score(out, batch_idx, 3, frame_len); });
     };
-    EXPECT_EQ(written(1, 2),
-              std::string(head(2).elements(std::vector<float>{-0.5f, 0.75f, 7, 8.25f})));
-    EXPECT_EQ(written(2, 1), std::string(head(1).elements(std::vector<float>{2, 3.25f})));
+    EXPECT_EQ(written(1, 2), std::string(head(2).elements(Values{-0.5f, 0.75f, 7, 8.25f})));
+    EXPECT_EQ(written(2, 1), std::string(head(1).elements(Values{2, 3.25f})));
     EXPECT_EQ(written(0, 0), std::string(head(0)));
     EXPECT_EQ(matrix.get_h(), 6u);
 }
 
 TEST_P(IoTest, TextForms) {
-    const Tensor<float> matrix = make(Dim(2, 3), std::vector<float>{1, -2, 0.5f, 1234567, 0, 3});
+    const Tensor<float> matrix = make(Dim(2, 3), Values{1, -2, 0.5f, 1234567, 0, 3});
     const std::string rows[] = {"  1.000000  -2.000000   0.500000 ",
                                 "1234567.000000   0.000000   3.000000 "};
     const std::string bracket = "2 3 \n[0, 0 - 2]\t" + rows[0] + "\n[1, 0 - 2]\t" + rows[1] + "\n";
@@ -263,11 +250,8 @@ TEST_P(IoTest, BracketTextOfEveryRank) {
 
 // The block's numbers against the platform's, over blocks and for all sorts of bits.
 TEST(TextNumbers, ReadAsPrintfPrintsThem) {
-    std::vector<float> values = {0.f, -0.f, FLT_MAX, -FLT_MAX, FLT_MIN, 1e-45f, 0.5f, 2.5f, 1e6f};
-    values.push_back(std::numeric_limits<float>::infinity());
-    values.push_back(-values.back());
-    values.push_back(std::nanf(""));
-    values.push_back(-values.back());
+    Values values = {0.f,  -0.f, FLT_MAX, -FLT_MAX, FLT_MIN, 1e-45f, 0.5f,
+                     2.5f, 1e6f, kInf,    -kInf,    kNan,    -kNan};
     std::mt19937 engine(7);
     while (values.size() < 3000) {
         const uint32_t bits = engine();
@@ -291,34 +275,23 @@ TEST(TextNumbers, ReadAsPrintfPrintsThem) {
 
 TEST(TruncatedFiles, LeaveZerosBehindTheLastWholeElement) {
     const auto values = ramp<float>(6);
-    const struct {
-        std::string content;
-        size_t head;
-        std::function<void(Tensor<float>&, std::ifstream&)> read;
-        std::vector<std::string> shapes;  // by how many fields of the head are there
-    } forms[] = {
-        {plain_file(Dim(2, 3), values),
-         12,
-         [](Tensor<float>& t, std::ifstream& in) { t.read(in); },
-         {"Dim [0, 0]", "Dim [2, 0]", "Dim [2, 3]"}},
-        {Bytes().u64(2).u64(3).elements(values),
-         16,
-         [](Tensor<float>& t, std::ifstream& in) { t.read_hfnn(in); },
-         {"Dim [0, 0]", "Dim [2, 0]", "Dim [2, 3]"}},
-    };
-    for (const auto& form : forms) {
-        const bool is_plain = form.head == 12;
-        for (size_t length = is_plain ? 1 : 0; length < form.content.size(); ++length) {
+    const std::string shapes[] = {"Dim [0, 0]", "Dim [2, 0]", "Dim [2, 3]"};
+    for (const bool is_plain : {true, false}) {
+        const std::string whole =
+            is_plain ? plain_file(Dim(2, 3), values) : Bytes().u64(2).u64(3).elements(values);
+        const size_t head = is_plain ? 12 : 16;
+        for (size_t length = is_plain ? 1 : 0; length < whole.size(); ++length) {
             Tensor<float> tensor(Dim(4, 4));
-            tensor.set_element(-12345);
-            from_binary(form.content.substr(0, length),
-                        [&](std::ifstream& in) { form.read(tensor, in); });
+            tensor.set_element(kPoison);
+            from_binary(whole.substr(0, length), [&](std::ifstream& in) {
+                is_plain ? tensor.read(in) : tensor.read_hfnn(in);
+            });
             // The low byte of a field is its value.
             const size_t fields = is_plain ? (length + 3) / 4 - 1 : (length + 7) / 8;
-            ASSERT_EQ(tensor.get_size().to_string(), form.shapes[std::min<size_t>(fields, 2)]);
-            std::vector<float> expected(tensor.get_element_count());
-            if (length > form.head) {
-                std::copy_n(values.begin(), (length - form.head) / 4, expected.begin());
+            ASSERT_EQ(tensor.get_size().to_string(), shapes[std::min<size_t>(fields, 2)]);
+            Values expected(tensor.get_element_count());
+            if (length > head) {
+                std::copy_n(values.begin(), (length - head) / 4, expected.begin());
             }
             ASSERT_EQ(values_of(tensor), expected) << length << " bytes";
         }
@@ -365,10 +338,7 @@ void expect_same_as_every_element(const std::string& rows, const Dim& shape) {
 }
 
 TEST(MalformedText, ReadsWhatConverts) {
-    const struct {
-        std::string rows;
-        std::vector<float> expected;
-    } cases[] = {
+    const std::pair<std::string, Values> cases[] = {
         {"[0, 0 - 1]\t1 2 \n[1, 0 - 1]\t3 4 \n", {1, 2, 3, 4}},
         {"[7, 8 - 9]\t1 2 \n[-1, 0 - 0]\t3 4 \n", {1, 2, 3, 4}},
         {"[0, 0 - 1]\t1 2 \n[1, 0 - 1]\t3", {1, 2, 3, 0}},
@@ -377,11 +347,11 @@ TEST(MalformedText, ReadsWhatConverts) {
         {"[0, 0 - 1]\t- 2 \n[1, 0 - 1]\t3 4 \n", {0, 2, 3, 4}},
         {"", {0, 0, 0, 0}},
     };
-    for (const auto& c : cases) {
+    for (const auto& [rows, expected] : cases) {
         Tensor<float> tensor(Dim(3, 3));
         tensor.ones();
-        from_text("2 2 and more\n" + c.rows, [&](FILE* f) { tensor.read(f); });
-        EXPECT_EQ(values_of(tensor), c.expected) << c.rows;
+        from_text("2 2 and more\n" + rows, [&](FILE* f) { tensor.read(f); });
+        EXPECT_EQ(values_of(tensor), expected) << rows;
     }
 
     std::mt19937 engine(11);
@@ -419,6 +389,7 @@ TEST(Failures, OfWriters) {
     ThreadContextScope context;
     std::ofstream out("/dev/null");
     FILE* f = fopen("/dev/null", "w");
+    const char* no_name = nullptr;
     const Tensor<float> empty, dense(Dim(4, 3)), view = dense.range_col(0, 2), cube(Dim(2, 2, 2));
     const std::string contiguous = "Check failed: tensor.is_contiguous() ";
     const std::string matrix = "Check failed: (2) == (get_axis()) ";
@@ -444,10 +415,8 @@ TEST(Failures, OfWriters) {
         {"Not Implemented Yet", [&] { empty.write(f, 0); }},
         {axis, [&] { empty.write(f, 1); }},
         {axis, [&] { empty.write_diff(f); }},
-        {"Check failed: nullptr != filename ",
-         [&] { dense.write(static_cast<const char*>(nullptr)); }},
-        {"Check failed: nullptr != filename ",
-         [&] { dense.write_diff(static_cast<const char*>(nullptr)); }},
+        {"Check failed: nullptr != filename ", [&] { dense.write(no_name); }},
+        {"Check failed: nullptr != filename ", [&] { dense.write_diff(no_name); }},
         {"Check failed: nullptr != fp ", [&] { dense.write("/no/such/place"); }},
         {"Check failed: nullptr != fp ", [&] { dense.write_diff("/no/such/place"); }},
     });
@@ -472,34 +441,24 @@ TEST(Failures, OfReaders) {
     const std::string too_big =
         "Check failed: ret <= static_cast<index_t>(std::numeric_limits<int>::max()) Dim size error "
         "Dim ";
-    const auto head = [](std::vector<int> fields) { return std::string(Bytes().elements(fields)); };
+    const auto one = [](int a) { return std::string(Bytes().i32(a)); };
+    const auto two = [&](int a, int b) { return one(a) + one(b); };
     expect_failures({
         {"Check failed: (dimension) > (0) Invalid dim axis 0", [&] { plain(tensor, ""); }},
-        {"Check failed: (dimension) > (0) Invalid dim axis -2",
-         [&] {
-             plain(tensor, head({-2, 3}));
-         }},
+        {"Check failed: (dimension) > (0) Invalid dim axis -2", [&] { plain(tensor, two(-2, 3)); }},
         {"Check failed: (dimension) <= (kMaxDim) Invalid dim axis 6",
-         [&] { plain(tensor, head({6})); }},
+         [&] { plain(tensor, one(6)); }},
         {width, [&] { plain(block, "", 8); }},
         {width, [&] { plain(tensor, "", 2); }},
         {"Check failed: byte_size == sizeof(size_t) || byte_size == sizeof(int) Unsupport model "
          "size",
          [&] { hfnn(tensor, "", 2); }},
         {block_text, [&] { plain(block, plain_file(Dim(2, 3), ramp<float>(6))); }},
-        {block_text,
-         [&] {
-             hfnn(block, head({2, 3}), 4);
-         }},
+        {block_text, [&] { hfnn(block, two(2, 3), 4); }},
         {block_text, [&] { bracket(block, "\n"); }},
         {too_big + "[65536, 32768] product_long 2147483648",
-         [&] {
-             plain(block, head({2, 65536, 32768}));
-         }},
-        {too_big + "[-1, 5] product_long -5",
-         [&] {
-             hfnn(tensor, head({-1, 5}), 4);
-         }},
+         [&] { plain(block, two(2, 65536) + one(32768)); }},
+        {too_big + "[-1, 5] product_long -5", [&] { hfnn(tensor, two(-1, 5), 4); }},
         // Products that wrap around 64 bits.
         {too_big + "[65536, 65536, 65536, 65536] product_long 0",
          [&] { bracket(tensor, "65536 65536 65536 65536\n"); }},
@@ -515,7 +474,7 @@ TEST(Failures, OfReaders) {
          [&] { tensor.read("/"); }},
     });
     // An empty axis makes any shape small.
-    plain(tensor, head({4, 1 << 30, 1 << 30, 1 << 30, 0}));
+    plain(tensor, two(4, 1 << 30) + two(1 << 30, 1 << 30) + one(0));
     EXPECT_EQ(tensor.get_element_count(), 0u);
 }
 

@@ -86,16 +86,12 @@ TEST_P(LinearOpsTest, ColumnsGoInAndComeOut) {
     }
 }
 
-TEST(LinearOpsFailureTest, Texts) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
-    ThreadContextScope context;
+using LinearOpsFailureTest = test::GpuTest;
+
+TEST_F(LinearOpsFailureTest, Texts) {
     Tensor<float> host(Dim(2, 2), CPU), device(Dim(2, 2), GPU);
     Tensor<int> host_idx(Dim(2, 2), CPU), device_idx(Dim(2, 2), GPU);
-    const std::string in = "Check failed: is_same_devices((in).get_device(), (out).get_device()) ";
-    const std::string idx =
-        "Check failed: is_same_devices((idx_vec).get_device(), (out).get_device()) ";
+    const std::string in = test::same_device("in"), idx = test::same_device("idx_vec");
     expect_failures({
         {in, [&] { host.max_out_fwd(device, 1, device_idx); }},  // tested first
         {idx, [&] { host.max_out_fwd(host, 1, device_idx); }},

@@ -82,14 +82,6 @@ TEST(LoggingTest, ErrorLineGoesOn) {
     EXPECT_NE(line.find("logging_test.cpp:"), std::string::npos) << line;
 }
 
-TEST(LoggingTest, DateFillsItsBuffer) {
-    logging::DateLogger date;
-    const std::string text = date.human_date();
-    EXPECT_EQ(text.size(), 8u);
-    EXPECT_EQ(text[2], ':');
-    EXPECT_EQ(text[5], ':');
-}
-
 TEST(LoggingTest, StatusTextsOfFourLibraries) {
     EXPECT_STREQ(gpu_get_error_string(cudaErrorInvalidValue), "invalid argument");
     EXPECT_STREQ(gpu_get_error_string(CUBLAS_STATUS_ARCH_MISMATCH), "CUBLAS_STATUS_ARCH_MISMATCH");

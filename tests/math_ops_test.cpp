@@ -1,25 +1,10 @@
 #include "vorn/ops/math_ops.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <functional>
-#include <limits>
-#include <string>
-#include <vector>
-
 #include "device_test.h"
 
 namespace vorn {
 namespace test {
 namespace {
-
-using TensorF = Tensor<float>;
-
-const float kInf = std::numeric_limits<float>::infinity();
-const float kNan = std::numeric_limits<float>::quiet_NaN();
-const double kUlp = std::ldexp(1, -23);           // upper bound of one ulp, relative
-const double kHalfUlp = std::ldexp(1.0001, -24);  // one rounding of the exact value
 
 // 131 columns: whole vectors and every kind of rest; together more than a block of the sigmoid.
 const Dim kSize(6, 131);
@@ -31,129 +16,118 @@ protected:
     }
 
     // The same value everywhere, so that vector lanes and the rest behind them meet it.
-    TensorF full(float value) { return make(kSize, std::vector<float>(kSize.product(), value)); }
+    TensorF full(float value) { return make(kSize, Values(kSize.product(), value)); }
 
     static void expect_all(const TensorF& tensor, float expected) {
-        const std::vector<float> values = values_of(tensor);
-        expect_close(values, std::vector<double>(values.size(), expected), 0);
+        const Values values = values_of(tensor);
+        expect_close(values, Doubles(values.size(), expected), 0);
     }
 };
 
 // ---- Rules against their formulas
 
-struct UnaryCase {
-    const char* name;
-    float lo, hi;
-    double tolerance;  // relative
-    std::function<double(double)> expected;
-    std::function<void(TensorF& out, const TensorF& in)> call;
-    std::function<void(TensorF&)> in_place;
-};
-
 TEST_P(MathOpsTest, FunctionsOfOneOperandMatchTheirFormulas) {
-    const UnaryCase cases[] = {
+    const struct {
+        const char* name;
+        float lo, hi;
+        double tolerance;  // relative
+        double (*expected)(double);
+        void (*call)(TensorF& t, const TensorF* in);  // without `in` it is in place
+    } cases[] = {
         {"reciprocal", 0.1f, 9, kHalfUlp, [](double x) { return 1 / x; },
-         [](TensorF& t, const TensorF& in) { t.reciprocal(in); },
-         [](TensorF& t) { t.reciprocal(); }},
+         [](TensorF& t, const TensorF* in) { in ? t.reciprocal(*in) : t.reciprocal(); }},
         {"log", 1e-6f, 100, 4 * kUlp, [](double x) { return std::log(x); },
-         [](TensorF& t, const TensorF& in) { t.log(in); }, [](TensorF& t) { t.log(); }},
+         [](TensorF& t, const TensorF* in) { in ? t.log(*in) : t.log(); }},
         {"pow", 0.01f, 50, 4 * kUlp, [](double x) { return std::pow(x, 1.75); },
-         [](TensorF& t, const TensorF& in) { t.pow(in, 1.75f); }, [](TensorF& t) { t.pow(1.75f); }},
+         [](TensorF& t, const TensorF* in) { in ? t.pow(*in, 1.75f) : t.pow(1.75f); }},
         {"square", -9, 9, kHalfUlp, [](double x) { return x * x; },
-         [](TensorF& t, const TensorF& in) { t.square(in); }, [](TensorF& t) { t.square(); }},
+         [](TensorF& t, const TensorF* in) { in ? t.square(*in) : t.square(); }},
         {"sqrt", 0, 9, kHalfUlp, [](double x) { return std::sqrt(x); },
-         [](TensorF& t, const TensorF& in) { t.sqrt(in); }, [](TensorF& t) { t.sqrt(); }},
+         [](TensorF& t, const TensorF* in) { in ? t.sqrt(*in) : t.sqrt(); }},
         {"limit", -9, 9, 0, [](double x) { return std::min(std::max(x, -2.5), 4.0); },
-         [](TensorF& t, const TensorF& in) { t.limit(in, -2.5f, 4); },
-         [](TensorF& t) { t.limit(-2.5f, 4); }},
+         [](TensorF& t, const TensorF* in) { in ? t.limit(*in, -2.5f, 4) : t.limit(-2.5f, 4); }},
         {"smooth_l1", -0.5f, 0.5f, kHalfUlp,
          [](double x) { return std::abs(x) < 1 / 9.0 ? 4.5 * x * x : std::abs(x) - 1 / 18.0; },
-         [](TensorF& t, const TensorF& in) { unary_op(func::smooth_l1(9), in, t); },
-         [](TensorF& t) { unary_op(func::smooth_l1(9), t, t); }},
+         [](TensorF& t, const TensorF* in) { unary_op(func::smooth_l1(9), in ? *in : t, t); }},
         {"smooth_l1_bp", -0.5f, 0.5f, kHalfUlp,
          [](double x) { return std::min(std::max(9 * x, -1.0), 1.0); },
-         [](TensorF& t, const TensorF& in) { unary_op(func::smooth_l1_bp(9), in, t); },
-         [](TensorF& t) { unary_op(func::smooth_l1_bp(9), t, t); }},
-        {"add", -9, 9, kHalfUlp, [](double x) { return x + 0.375; },
-         [](TensorF& t, const TensorF& in) { t.copy_from(in), t.add(0.375f); },
-         [](TensorF& t) { t.add(0.375f); }},
-        {"mul", -9, 9, kHalfUlp, [](double x) { return x * 0.3f; },
-         [](TensorF& t, const TensorF& in) { t.copy_from(in), t.mul(0.3f); },
-         [](TensorF& t) { t.mul(0.3f); }},
-        // The product with the rounded reciprocal, which is not always the rounded quotient.
-        {"div", -9, 9, kHalfUlp, [](double x) { return x * static_cast<double>(1 / 3.0f); },
-         [](TensorF& t, const TensorF& in) { t.copy_from(in), t.div(3); },
-         [](TensorF& t) { t.div(3); }},
+         [](TensorF& t, const TensorF* in) { unary_op(func::smooth_l1_bp(9), in ? *in : t, t); }},
     };
-    for (const UnaryCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TensorF in = random(1, c.lo, c.hi), out = poisoned(kSize);
-        std::vector<double> expected;
+        Doubles expected;
         for (float x : values_of(in)) {
             expected.push_back(c.expected(x));
         }
-        c.call(out, in);
+        c.call(out, &in);
         expect_close(values_of(out), expected, c.tolerance);
-        c.in_place(in);
+        c.call(in, nullptr);
         expect_close(values_of(in), expected, c.tolerance);
     }
 }
 
-struct BlendCase {
-    const char* name;
-    double tolerance;  // relative to the sum of the terms' magnitudes
-    std::function<double(double a, double b)> expected;
-    std::function<void(TensorF& out, const TensorF& a, const TensorF& b, float, float)> call;
-};
+TEST_P(MathOpsTest, ConstantsAreAddedAndMultiplied) {
+    const TensorF sum = random(1, -9, 9), product = random(1, -9, 9), quotient = random(1, -9, 9);
+    Doubles expected[3];
+    for (double x : values_of(sum)) {
+        expected[0].push_back(x + 0.375);
+        expected[1].push_back(x * 0.3f);
+        // The product with the rounded reciprocal, which is not always the rounded quotient.
+        expected[2].push_back(x * (1 / 3.0f));
+    }
+    TensorF(sum).add(0.375f);
+    TensorF(product).mul(0.3f);
+    TensorF(quotient).div(3);
+    expect_close(values_of(sum), expected[0], kHalfUlp);
+    expect_close(values_of(product), expected[1], kHalfUlp);
+    expect_close(values_of(quotient), expected[2], kHalfUlp);
+}
 
 TEST_P(MathOpsTest, BlendsMatchTheirFormulas) {
-    const BlendCase cases[] = {
-        {"tanh", 6 * kUlp, [](double a, double) { return std::tanh(a); },
-         [](TensorF& t, const TensorF& a, const TensorF&, float alpha, float beta) {
-             t.tanh(a, alpha, beta);
-         }},
-        {"ld_tanh", 6 * kUlp, [](double a, double) { return std::tanh(a); },
-         [](TensorF& t, const TensorF& a, const TensorF&, float alpha, float beta) {
-             t.ld_tanh(a, alpha, beta);
-         }},
-        {"relu", 2 * kUlp, [](double a, double) { return a > 0 ? a : 0; },
-         [](TensorF& t, const TensorF& a, const TensorF&, float alpha, float beta) {
-             t.relu(a, alpha, beta);
-         }},
+    using Unary = void (TensorF::*)(const TensorF&, DType, DType);
+    using Binary = void (TensorF::*)(const TensorF&, const TensorF&, DType, DType);
+    const struct {
+        const char* name;
+        double tolerance;  // relative to the sum of the terms' magnitudes
+        double (*expected)(double a, double b);
+        Unary unary;
+        Binary binary;  // neither is a sum
+    } cases[] = {
+        {"tanh", 6 * kUlp, [](double a, double) { return std::tanh(a); }, &TensorF::tanh, nullptr},
+        {"ld_tanh", 6 * kUlp, [](double a, double) { return std::tanh(a); }, &TensorF::ld_tanh,
+         nullptr},
+        {"relu", 2 * kUlp, [](double a, double) { return a > 0 ? a : 0; }, &TensorF::relu, nullptr},
         {"sigmoid", 6 * kUlp, [](double a, double) { return 1 / (1 + std::exp(-a)); },
-         [](TensorF& t, const TensorF& a, const TensorF&, float alpha, float beta) {
-             t.sigmoid(a, alpha, beta);
-         }},
-        {"elem_mul", 2 * kUlp, [](double a, double b) { return a * b; },
-         [](TensorF& t, const TensorF& a, const TensorF& b, float alpha, float beta) {
-             t.elem_mul(a, b, alpha, beta);
-         }},
-        {"elem_div", 2 * kUlp, [](double a, double b) { return a / b; },
-         [](TensorF& t, const TensorF& a, const TensorF& b, float alpha, float beta) {
-             t.elem_div(a, b, alpha, beta);
-         }},
-        {"elem_add", 4 * kUlp, [](double a, double b) { return a + b / 2; },
-         [](TensorF& t, const TensorF& a, const TensorF& b, float alpha, float beta) {
-             t.elem_add(a, b, alpha, alpha / 2, beta);
-         }},
+         &TensorF::sigmoid, nullptr},
+        {"elem_mul", 2 * kUlp, [](double a, double b) { return a * b; }, nullptr,
+         &TensorF::elem_mul},
+        {"elem_div", 2 * kUlp, [](double a, double b) { return a / b; }, nullptr,
+         &TensorF::elem_div},
+        {"elem_add", 4 * kUlp, [](double a, double b) { return a + b / 2; }, nullptr, nullptr},
     };
     const std::pair<float, float> scalars[] = {{1, 0}, {-1.5f, 0}, {0.7f, 0.3f}};
-    for (const BlendCase& c : cases) {
+    for (const auto& c : cases) {
         for (const auto& [alpha, beta] : scalars) {
             SCOPED_TRACE(std::string(c.name) + " with beta " + std::to_string(beta));
             const TensorF a = random(2, -6, 6), b = random(3, 0.5f, 4);
-            const std::vector<float> a_values = values_of(a), b_values = values_of(b);
+            const Values a_values = values_of(a), b_values = values_of(b);
             // Into a tensor of its own, and in place into the first operand.
             for (TensorF out : {random(4, -2, 2), a}) {
-                const std::vector<float> old = values_of(out);
-                c.call(out, a, b, alpha, beta);
-                const std::vector<float> actual = values_of(out);
+                const Values old = values_of(out);
+                if (c.unary) {
+                    (out.*c.unary)(a, alpha, beta);
+                } else if (c.binary) {
+                    (out.*c.binary)(a, b, alpha, beta);
+                } else {
+                    out.elem_add(a, b, alpha, alpha / 2, beta);
+                }
+                const Values actual = values_of(out);
                 for (size_t i = 0; i < actual.size(); ++i) {
                     const double term = alpha * c.expected(a_values[i], b_values[i]);
                     const double kept = static_cast<double>(beta) * old[i];
-                    const double magnitude =
-                        std::abs(term) + std::abs(kept) +
-                        (c.name == std::string("elem_add") ? std::abs(a_values[i]) : 0);
+                    const double magnitude = std::abs(term) + std::abs(kept) +
+                                             (c.unary || c.binary ? 0 : std::abs(a_values[i]));
                     ASSERT_NEAR(actual[i], term + kept, c.tolerance * magnitude) << "element " << i;
                 }
             }
@@ -165,8 +139,8 @@ TEST_P(MathOpsTest, PlainQuotientAddsItsScalarsToTheOperands) {
     const TensorF a = random(5, -3, 3), b = random(6, 1, 4);
     TensorF out = full(kNan);  // not a blend: the old output is not read
     out.dot_div(a, b, 1, 0.5f);
-    const std::vector<float> a_values = values_of(a), b_values = values_of(b);
-    std::vector<double> expected;
+    const Values a_values = values_of(a), b_values = values_of(b);
+    Doubles expected;
     for (size_t i = 0; i < a_values.size(); ++i) {
         expected.push_back((a_values[i] + 1.0) / (b_values[i] + 0.5));
     }
@@ -187,26 +161,25 @@ TEST_P(MathOpsTest, BackwardRulesAreTheDerivatives) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::vector<float> drawn = random_values(kSize.product(), 7, -3, 3);
-        std::vector<double> x(drawn.begin(), drawn.end());
+        Doubles x = widen(random_values(kSize.product(), 7, -3, 3));
         const TensorF error = random(8, -1, 1);
-        const std::vector<float> e = values_of(error);
-        std::vector<float> activation;
+        const Values e = values_of(error);
+        Values activation;
         for (double value : x) {
             activation.push_back(static_cast<float>(c.forward(value)));
         }
         TensorF gradient = poisoned(kSize);
         (gradient.*c.backward)(make(kSize, activation), error, 1, 0);
-        std::vector<float> slopes = values_of(gradient);
+        Values slopes = values_of(gradient);
         // The element under change alone decides its loss, so that one call looks at all.
         for (size_t i = 0; i < x.size(); ++i) {
-            std::vector<double> input = {x[i]};
+            Doubles input = {x[i]};
             expect_gradient([&] { return e[i] * c.forward(input[0]); }, input, {slopes[i]}, 2e-6);
         }
         // With a blend: 2 * gradient - old / 2 on an output that is the error itself.
         TensorF blended = make(kSize, e);
         (blended.*c.backward)(make(kSize, activation), blended, 2, -0.5f);
-        std::vector<double> expected;
+        Doubles expected;
         for (size_t i = 0; i < e.size(); ++i) {
             expected.push_back(2.0 * slopes[i] - 0.5 * e[i]);
         }
@@ -215,31 +188,26 @@ TEST_P(MathOpsTest, BackwardRulesAreTheDerivatives) {
 }
 
 TEST_P(MathOpsTest, SigmoidIsLimitedAndRoundsOnce) {
+    const double least = 1 / (1 + std::exp(64.0));
     const std::pair<float, double> cases[] = {
-        {0, 0.5},
-        {64, 1},
-        {1000, 1},
-        {kInf, 1},
-        {-64, 1 / (1 + std::exp(64.0))},
-        {-1000, 1 / (1 + std::exp(64.0))},
-        {-kInf, 1 / (1 + std::exp(64.0))},
-        {-63, 1 / (1 + std::exp(63.0))},
+        {0, 0.5},     {64, 1},        {1000, 1},      {kInf, 1},
+        {-64, least}, {-1000, least}, {-kInf, least}, {-63, 1 / (1 + std::exp(63.0))},
         {kNan, kNan},
     };
     for (const auto& [x, expected] : cases) {
         TensorF t = full(x), out = poisoned(kSize);
         out.sigmoid(t);
-        expect_close(values_of(out), std::vector<double>(kSize.product(), expected), 4 * kUlp);
+        expect_close(values_of(out), Doubles(kSize.product(), expected), 4 * kUlp);
         t.limit(-100, 100);  // in place the old value is blended in, and has to be finite
         t.sigmoid();
-        expect_close(values_of(t), std::vector<double>(kSize.product(), expected), 4 * kUlp);
+        expect_close(values_of(t), Doubles(kSize.product(), expected), 4 * kUlp);
     }
     // In float both rules would round two or three times.
     const TensorF a = random(9, 0, 1), b = random(10, -1, 1);
-    const std::vector<float> av = values_of(a), bv = values_of(b);
+    const Values av = values_of(a), bv = values_of(b);
     TensorF out = poisoned(kSize);
     out.sigmoid_bp(a, b);
-    std::vector<double> expected;
+    Doubles expected;
     for (size_t i = 0; i < av.size(); ++i) {
         expected.push_back(av[i] * (1.0 - av[i]) * bv[i]);
     }
@@ -282,7 +250,7 @@ TEST_P(MathOpsTest, WhatIsNotFiniteComesThrough) {
         out.reciprocal(in);
         expect_all(out, c.reciprocal);
         out.log(in);
-        expect_close(values_of(out), std::vector<double>(kSize.product(), c.log), kUlp);
+        expect_close(values_of(out), Doubles(kSize.product(), c.log), kUlp);
         out.sqrt(in);
         expect_all(out, c.sqrt);
         out.square(in);
@@ -337,8 +305,8 @@ TEST_P(MathOpsTest, SumsIntoTheirFirstOperand) {
     for (const auto& [alpha0, alpha1] : {std::pair<float, float>{1, 1}, {2, 1}, {0.5f, -3}}) {
         TensorF out = random(11, -1, 1);
         const TensorF other = random(12, -1, 1);
-        std::vector<double> expected;
-        const std::vector<float> a = values_of(out), b = values_of(other);
+        Doubles expected;
+        const Values a = values_of(out), b = values_of(other);
         for (size_t i = 0; i < a.size(); ++i) {
             expected.push_back(static_cast<double>(alpha0) * a[i] + alpha1 * b[i]);
         }
@@ -379,7 +347,7 @@ TEST(VectorSumTest, OnlyThePlainSumGoesWithoutTests) {
     a.set_element(2);
     b.set_element(5);
     out.elem_add(a, b);  // three shapes that every other way refuses
-    EXPECT_EQ(values_of(out), std::vector<float>(12, 7));
+    EXPECT_EQ(values_of(out), Values(12, 7));
 }
 
 TEST(MathOpsFailureTest, TestsComeInOrder) {
@@ -388,13 +356,9 @@ TEST(MathOpsFailureTest, TestsComeInOrder) {
     const TensorF far(memory, Dim(2, 3), GPU), far_small(memory, Dim(2, 2), GPU);
     const TensorF alias(out.get_ptr(), Dim(2, 3), GPU);  // the memory of `out`, said to be far
     const TensorF alias_small(out.get_ptr(), Dim(2, 2), CPU);
-    const std::string in_size = "Check failed: (in.get_size()) == (out.get_size()) ",
-                      in1_size = "Check failed: (in1.get_size()) == (out.get_size()) ",
-                      in2_size = "Check failed: (in2.get_size()) == (out.get_size()) ";
-    const std::string in1_device =
-        "Check failed: is_same_devices((in1).get_device(), (out).get_device()) ";
-    const std::string in2_device =
-        "Check failed: is_same_devices((in2).get_device(), (out).get_device()) ";
+    const std::string in_size = same_size("in"), in1_size = same_size("in1"),
+                      in2_size = same_size("in2"), in1_device = same_device("in1"),
+                      in2_device = same_device("in2");
     const std::string zero = "Check failed: fabs(val - 0) > FLT_EPSILON ";
     const std::string no_rule = "Check failed: false ";
     expect_failures({
@@ -407,8 +371,7 @@ TEST(MathOpsFailureTest, TestsComeInOrder) {
         // A sum into its first operand: devices, then sizes.
         {in1_device, [&] { out.elem_add(alias, far_small, 2, 1, 0); }},
         {in2_device, [&] { out.elem_add(out, far_small, 2, 1, 0); }},
-        {"Check failed: (in1.get_size()) == (in2.get_size()) ",
-         [&] { out.elem_add(alias_small, in, 2, 1, 0); }},
+        {same_size("in1", "in2"), [&] { out.elem_add(alias_small, in, 2, 1, 0); }},
         {in1_size, [&] { out.elem_add(alias_small, small, 2, 1, 0); }},
         // The frame's ways of a sum: sizes, then devices.
         {in1_size, [&] { out.elem_add(small, small, 2, 1, 0); }},

@@ -75,13 +75,9 @@ TEST_P(PrintTest, Rectangles) {
               "c\n[0, 1, 0 - 0]\t2 \n[1, 1, 0 - 0]\t6 \n");
     EXPECT_EQ(printed([&] { of_shape(Dim(2, 1, 2, 2)).show("n", 0, 0, 0, 1, 1, 1, 2, 2); }, 3),
               "n\n[0, 0, 0, 1 - 1]\t1 \n[0, 0, 1, 1 - 1]\t3 \n");
-    EXPECT_EQ(
-        printed(
-            [&] {
-                of_shape(Dim(2, 1, 2, 1, 2)).show("five", Dim(1, 0, 0, 0, 0), Dim(2, 1, 2, 1, 2));
-            },
-            3),
-        "five\n[1, 0, 0, 0, 0 - 1]\t4 5 \n[1, 0, 1, 0, 0 - 1]\t6 7 \n");
+    const Tensor<int> five = of_shape(Dim(2, 1, 2, 1, 2));
+    EXPECT_EQ(printed([&] { five.show("five", Dim(1, 0, 0, 0, 0), five.get_size()); }, 3),
+              "five\n[1, 0, 0, 0, 0 - 1]\t4 5 \n[1, 0, 1, 0, 0 - 1]\t6 7 \n");
 }
 
 TEST(Printing, OfOtherAxesIsLoggedAndGoesOn) {
@@ -128,23 +124,21 @@ TEST(Printing, Failures) {
 
 // Every device and pitch against every other.
 TEST_P(PrintTest, CheckCountsDifferences) {
-    const float nan = std::nanf(""), inf = INFINITY;
     std::vector<float> a = random_values(24, 3), b = a;
-    a[0] = nan;
-    b[7] = nan;
-    a[8] = b[8] = inf;
-    b[20] = inf;  // the first of five
+    a[0] = kNan;
+    b[7] = kNan;
+    a[8] = b[8] = kInf;
+    b[20] = kInf;  // the first of five
     b[1] += 2e-5f;
     b[11] -= 2e-5f;
     b[23] += 2e-5f;
-    a[12] = inf, b[12] = -inf;
+    a[12] = kInf, b[12] = -kInf;
     b[13] += 9e-6f;
     const Tensor<float> here = make(Dim(4, 6), a);
     Tensor<float> wide(Dim(4, 9));
     Tensor<float> view = wide.range_col(2, 8);
-    view.copy_from(Tensor<float>(b.data(), Dim(4, 6), CPU));
-    const Tensor<float> others[] = {Tensor<float>(b.data(), Dim(4, 6), CPU), view,
-                                    Tensor<float>(Tensor<float>(b.data(), Dim(3, 8), CPU), GPU),
+    view.copy_from(dense(Dim(4, 6), b, CPU));
+    const Tensor<float> others[] = {dense(Dim(4, 6), b, CPU), view, dense(Dim(3, 8), b, GPU),
                                     Tensor<float>(wide, GPU).range_col(2, 8)};
     for (const Tensor<float>& other : others) {
         EXPECT_EQ(here.check(other), 5u);
@@ -156,12 +150,8 @@ TEST_P(PrintTest, CheckCountsDifferences) {
 
     // The float 1e-5 lies just below the double, the next one above it.
     const float step = 1e-5f, above = std::nextafter(step, 1.f);
-    EXPECT_EQ(make(Dim(1, 2), std::vector<float>{step, -step})
-                  .check(make(Dim(1, 2), std::vector<float>{0, 0})),
-              0u);
-    EXPECT_EQ(make(Dim(1, 2), std::vector<float>{above, 0})
-                  .check(make(Dim(1, 2), std::vector<float>{0, above})),
-              2u);
+    EXPECT_EQ(make<float>({step, -step}).check(make<float>({0, 0})), 0u);
+    EXPECT_EQ(make<float>({above, 0}).check(make<float>({0, above})), 2u);
 
     const Tensor<int> ints = make(Dim(4), std::vector<int>{1, 2, 16777216, 5});
     EXPECT_EQ(ints.check(make(Dim(2, 2), std::vector<int>{1, 3, 16777217, 4})), 2u)

@@ -6,9 +6,6 @@ namespace vorn {
 namespace test {
 namespace {
 
-using Values = std::vector<float>;
-using Doubles = std::vector<double>;
-
 double sigmoid(double x) {
     return 1 / (1 + std::exp(-std::max(x, -64.0)));
 }
@@ -39,47 +36,10 @@ double no_clip(double c) {
 
 class LstmTest : public DeviceTest {
 protected:
-    /// A matrix with `extra` columns behind each row where the test's place is pitched, so that
-    /// pitches can differ; the extra columns must stay as they are.
-    Tensor<float> matrix(const Dim& size, const Values& values, int extra) {
-        if (!pitched()) {
-            return make(size, values);
-        }
-        Tensor<float> whole = dense(Dim(size[0], size[1] + extra), kBeside);
-        Tensor<float> view = whole.range_col(0, size[1]);
-        view.copy_from(Tensor<float>(const_cast<float*>(values.data()), size, CPU));
-        _wholes.push_back({whole, size[1]});
-        return view;
+    Tensor<float> filled(const Dim& size, float value) {
+        return dense(size, Values(size.product(), value), device());
     }
-    Tensor<float> matrix(const Dim& size, int extra) {
-        return matrix(size, Values(size.product(), kPoison), extra);
-    }
-    Tensor<float> dense(const Dim& size, float value) {
-        Tensor<float> tensor(size, device());
-        tensor.set_element(value);
-        return tensor;
-    }
-
-    void TearDown() override {
-        for (const auto& [whole, width] : _wholes) {
-            const Values all = values_of(whole);
-            for (size_t k = 0; k < all.size(); ++k) {
-                ASSERT_TRUE(k % whole.get_w() < width || all[k] == kBeside)
-                    << "wrote beside a row, at element " << k;
-            }
-        }
-        DeviceTest::TearDown();
-    }
-
-    static constexpr float kBeside = 777, kPoison = -12345;
-
-private:
-    std::vector<std::pair<Tensor<float>, size_t>> _wholes;
 };
-
-Doubles widen(const Values& values) {
-    return Doubles(values.begin(), values.end());
-}
 
 TEST_P(LstmTest, ForwardFollowsTheFormulaOnEveryPitch) {
     // Both sides of a block of 256 cells on either device and of the vector loops' ends.
@@ -97,15 +57,15 @@ TEST_P(LstmTest, ForwardFollowsTheFormulaOnEveryPitch) {
             const Dim size(height, width);
             // On a GPU the activations share the pitch of the output.
             int extra = 5;
-            const auto output = [&] { return matrix(size, on_gpu() ? 5 : extra++); };
+            const auto output = [&] { return poisoned(size, on_gpu() ? 5 : extra++); };
             Tensor<float> m = output(), i = output(), f = output(), g = output(), o = output(),
-                          h = output(), c_pre = matrix(size, old, 2), c_cur = matrix(size, 3);
+                          h = output(), c_pre = make(size, old, 2), c_cur = poisoned(size, 3);
             if (form == kStateInPlace) {
                 c_cur = c_pre;
             } else if (form == kActivationsShared) {
                 i = f = g = o = h;
             }
-            m.lstm_op(matrix(Dim(height, 4 * width), x, 1), make(Dim(width), wc_i),
+            m.lstm_op(make(Dim(height, 4 * width), x, 1), make(Dim(width), wc_i),
                       make(Dim(width), wc_f), make(Dim(1, width), wc_o), c_pre, c_cur, i, f, g, o,
                       h, 1.0f, -1.5f);
             expect_close(values_of(c_cur), expected.c, 2e-6, 1e-6);
@@ -134,12 +94,12 @@ TEST_P(LstmTest, ClipsAndGuardsAtTheirBounds) {
     for (const auto& bound : cases) {
         SCOPED_TRACE(::testing::Message() << bound.max << ", " << bound.min << ": " << bound.old);
         const Dim size(1, 1);
-        Tensor<float> m = matrix(size, 1), c_cur = matrix(size, 2), i = matrix(size, 1),
-                      f = matrix(size, 1), g = matrix(size, 1), o = matrix(size, 1),
-                      h = matrix(size, 1);
-        m.lstm_op(matrix(Dim(1, 4), {-100, 100, 0.25f, 3}, 1), dense(Dim(1), 0), dense(Dim(1), 0),
-                  dense(Dim(1), 0.5f), matrix(size, {bound.old}, 1), c_cur, i, f, g, o, h,
-                  bound.max, bound.min);
+        Tensor<float> m = poisoned(size, 1), c_cur = poisoned(size, 2), i = poisoned(size, 1),
+                      f = poisoned(size, 1), g = poisoned(size, 1), o = poisoned(size, 1),
+                      h = poisoned(size, 1);
+        m.lstm_op(make<float>(Dim(1, 4), {-100, 100, 0.25f, 3}, 1), filled(Dim(1), 0),
+                  filled(Dim(1), 0), filled(Dim(1), 0.5f), make<float>(size, {bound.old}, 1), c_cur,
+                  i, f, g, o, h, bound.max, bound.min);
         expect_close(values_of(i), {1 / (1 + std::exp(64.0))}, 1e-6);
         expect_close(values_of(f), {1.0}, 0);
         expect_close(values_of(c_cur), {bound.clipped}, 0);
@@ -166,10 +126,9 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
     // All inputs of the unrolled net: the pre-activations of each step, then the first cell state.
     // The loss is a weighted sum of the outputs of all steps.
     Doubles inputs;
-    for (const Values& step : x) {
-        inputs.insert(inputs.end(), step.begin(), step.end());
+    for (const Values& part : {x[0], x[1], x[2], start}) {
+        inputs.insert(inputs.end(), part.begin(), part.end());
     }
-    inputs.insert(inputs.end(), start.begin(), start.end());
     const auto loss = [&] {
         Doubles c(inputs.end() - cells, inputs.end());
         double sum = 0;
@@ -191,15 +150,15 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
     std::vector<Saved> saved;
     // The backward kernel takes dense activations; on the host each pitch is honoured.
     const auto activation = [&](int extra) {
-        return on_gpu() ? dense(size, kPoison) : matrix(size, extra);
+        return on_gpu() ? filled(size, kPoison) : poisoned(size, extra);
     };
     const Tensor<float> peephole_o = make(Dim(width), wc_o);
     Tensor<float> c = activation(1);
-    c.copy_from(Tensor<float>(const_cast<float*>(start.data()), size, CPU));
+    c.copy_from(dense(size, start, CPU));
     for (int t = 0; t < steps; ++t) {
         Saved s = {c, activation(2), activation(3), activation(4), activation(5), activation(6)};
         Tensor<float> m = activation(7), c_next = activation(8);
-        m.lstm_op(matrix(Dim(height, 4 * width), x[t], 2), make(Dim(width), wc_i),
+        m.lstm_op(make(Dim(height, 4 * width), x[t], 2), make(Dim(width), wc_i),
                   make(Dim(width), wc_f), peephole_o, c, c_next, s.i, s.f, s.g, s.o, s.h, 0, 0);
         c = c_next;
         saved.push_back(s);
@@ -210,8 +169,8 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
     c_err.zero();
     for (int t = steps - 1; t >= 0; --t) {
         const Saved& s = saved[t];
-        Tensor<float> m_err = activation(1), wx_err = matrix(Dim(height, 4 * width), 3);
-        m_err.copy_from(Tensor<float>(weight[t].data(), size, CPU));
+        Tensor<float> m_err = activation(1), wx_err = poisoned(Dim(height, 4 * width), 3);
+        m_err.copy_from(dense(size, weight[t], CPU));
         // In place in all steps but the last.
         Tensor<float> e_cur = t == steps - 1 ? activation(2) : c_err;
         wx_err.lstm_bp_op(s.i, s.f, s.g, s.o, peephole_o, m_err, s.h, s.c_pre, c_err, e_cur);
@@ -224,14 +183,12 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
             next[k] = next[k] * f[k] + gradients[t][row + j] * wc_i[j] +
                       gradients[t][row + width + j] * wc_f[j];
         }
-        c_err.copy_from(Tensor<float>(next.data(), size, CPU));
+        c_err.copy_from(dense(size, next, CPU));
     }
     Values gradient;
-    for (const Values& step : gradients) {
-        gradient.insert(gradient.end(), step.begin(), step.end());
+    for (const Values& part : {gradients[0], gradients[1], gradients[2], values_of(c_err)}) {
+        gradient.insert(gradient.end(), part.begin(), part.end());
     }
-    const Values first = values_of(c_err);
-    gradient.insert(gradient.end(), first.begin(), first.end());
     expect_gradient(loss, inputs, gradient, 2e-6);
 }
 
@@ -251,18 +208,17 @@ TEST_P(LstmTest, MoreRowsThanTheGridHas) {
         EXPECT_EQ(std::count(all.begin(), all.end(), kPoison), 0);
     };
     const Tensor<float> wc = make<float>(Dim(width), {0.5f, -0.75f});
-    Tensor<float> c_pre = dense(size, 0);
-    c_pre.copy_from(values(width, 2).data(), 0, height * width);
+    const Tensor<float> c_pre = dense(size, values(width, 2), device());
     std::vector<Tensor<float>> out;
     for (int k = 0; k < 7; ++k) {
-        out.push_back(dense(size, kPoison));
+        out.push_back(filled(size, kPoison));
     }
-    out[0].lstm_op(matrix(Dim(height, 4 * width), values(4 * width, 1), 1), wc, wc, wc, c_pre,
-                   out[1], out[2], out[3], out[4], out[5], out[6], 0, 0);
+    out[0].lstm_op(make(Dim(height, 4 * width), values(4 * width, 1), 1), wc, wc, wc, c_pre, out[1],
+                   out[2], out[3], out[4], out[5], out[6], 0, 0);
     for (const Tensor<float>& each : out) {
         expect_same(each);
     }
-    Tensor<float> wx_err = matrix(Dim(height, 4 * width), 1), e = dense(size, kPoison);
+    Tensor<float> wx_err = poisoned(Dim(height, 4 * width), 1), e = filled(size, kPoison);
     wx_err.lstm_bp_op(out[2], out[3], out[4], out[5], wc, c_pre, out[6], c_pre, c_pre, e);
     expect_same(e);
     expect_same(wx_err);

@@ -19,7 +19,7 @@ class TensorTest : public test::ContextTest {};
 Tensor<float> counting(const Dim& size, Device device = CPU) {
     std::vector<float> values(size.product());
     std::iota(values.begin(), values.end(), 0.0f);
-    return Tensor<float>(Tensor<float>(values.data(), size, CPU), device);
+    return test::dense(size, values, device);
 }
 
 TEST_F(TensorTest, EmptyTensor) {
@@ -46,31 +46,6 @@ TEST_F(TensorTest, ZeroSizes) {
     EXPECT_FALSE(owning.is_init());
     EXPECT_EQ(owning.get_ptr(), nullptr);
     EXPECT_EQ(owning.get_size(0), 3u);
-}
-
-template <typename T>
-void expect_zero_filled(Device device) {
-    Tensor<T> t(Dim(2, 3), device);
-    EXPECT_EQ(values_of(t), std::vector<T>(6, 0));
-    t.ones();
-    EXPECT_EQ(values_of(t), std::vector<T>(6, 1));
-    t.set_element(T(7));
-    EXPECT_EQ(values_of(t), std::vector<T>(6, 7));
-    t.zero();
-    EXPECT_EQ(values_of(t), std::vector<T>(6, 0));
-}
-
-TEST_F(TensorTest, FiveElementTypesStartZeroAndFill) {
-    for (Device device : {CPU, GPU, CPU_PINNED}) {
-        if (device == GPU && !has_gpu()) {
-            continue;
-        }
-        expect_zero_filled<float>(device);
-        expect_zero_filled<int>(device);
-        expect_zero_filled<unsigned long>(device);
-        expect_zero_filled<unsigned char>(device);
-        expect_zero_filled<short>(device);
-    }
 }
 
 TEST_F(TensorTest, HostBlocksAreAligned) {
@@ -192,17 +167,6 @@ TEST_F(TensorTest, ElementAccessOnEveryDevice) {
     Tensor<int> labels(Dim(4));
     labels[Dim(3)] = 9;
     EXPECT_EQ(labels[Dim(3)], 9);
-}
-
-TEST_F(TensorTest, FourAxisView) {
-    const Tensor<float> t = counting(Dim(2, 3, 4, 5));
-    const Tensor4DView<float, false> view(t);
-    EXPECT_EQ(view(1, 2, 3, 4), 119.0f);
-    EXPECT_EQ(view(1, 0, 2, 1), 71.0f);
-    const Tensor<float> columns = counting(Dim(4, 6)).range_col(2, 5);
-    const Tensor4DView<float, false> matrix(columns);
-    EXPECT_EQ(matrix.n * matrix.c, 1);
-    EXPECT_EQ(matrix(0, 0, 2, 1), 15.0f);
 }
 
 TEST_F(TensorTest, FailureTexts) {

@@ -1,12 +1,6 @@
 #include "vorn/ops/vec_ops.h"
 
-#include <gtest/gtest.h>
-
 #include <cfloat>
-#include <cmath>
-#include <limits>
-#include <string>
-#include <vector>
 
 #include "device_test.h"
 
@@ -14,52 +8,34 @@ namespace vorn {
 namespace test {
 namespace {
 
-using TensorF = Tensor<float>;
-
-const float kInf = std::numeric_limits<float>::infinity();
-const float kNan = std::numeric_limits<float>::quiet_NaN();
-
-// One operation with weights, and its element formula in double. The mul forms use alpha0 only.
+// One operation with weights. The mul forms use alpha0 only.
 struct VecOp {
+    using Add = void (TensorF::*)(const TensorF&, const TensorF&, DType, DType, DType);
+    using Mul = void (TensorF::*)(const TensorF&, const TensorF&, DType, DType);
+
     const char* name;
     bool of_rows;   // the vector lies along a row
     bool diagonal;  // the matrix is square and the vector as long as its sides
-    void (*run)(TensorF& out, const TensorF& mat, const TensorF& vec, float alpha0, float alpha1,
-                float beta);
-    double (*first_term)(double x, double v, double alpha0, double alpha1);
+    Add add;
+    Mul mul;
+
+    void run(TensorF& out, const TensorF& mat, const TensorF& vec, float alpha0, float alpha1,
+             float beta) const {
+        if (add) {
+            (out.*add)(mat, vec, alpha0, alpha1, beta);
+        } else {
+            (out.*mul)(mat, vec, alpha0, beta);
+        }
+    }
 };
 
 const VecOp kOps[] = {
-    {"row_add_vec", true, false,
-     [](TensorF& out, const TensorF& mat, const TensorF& vec, float a0, float a1, float b) {
-         out.row_add_vec(mat, vec, a0, a1, b);
-     },
-     [](double x, double v, double a0, double a1) { return a0 * x + a1 * v; }},
-    {"col_add_vec", false, false,
-     [](TensorF& out, const TensorF& mat, const TensorF& vec, float a0, float a1, float b) {
-         out.col_add_vec(mat, vec, a0, a1, b);
-     },
-     [](double x, double v, double a0, double a1) { return a0 * x + a1 * v; }},
-    {"row_mul_vec", true, false,
-     [](TensorF& out, const TensorF& mat, const TensorF& vec, float a0, float, float b) {
-         out.row_mul_vec(mat, vec, a0, b);
-     },
-     [](double x, double v, double a0, double) { return a0 * x * v; }},
-    {"col_mul_vec", false, false,
-     [](TensorF& out, const TensorF& mat, const TensorF& vec, float a0, float, float b) {
-         out.col_mul_vec(mat, vec, a0, b);
-     },
-     [](double x, double v, double a0, double) { return a0 * x * v; }},
-    {"diag_add_vec", true, true,
-     [](TensorF& out, const TensorF& mat, const TensorF& vec, float a0, float a1, float b) {
-         out.diag_add_vec(mat, vec, a0, a1, b);
-     },
-     [](double x, double v, double a0, double a1) { return a0 * x + a1 * v; }},
-    {"diag_mul_vec", true, true,
-     [](TensorF& out, const TensorF& mat, const TensorF& vec, float a0, float, float b) {
-         out.diag_mul_vec(mat, vec, a0, b);
-     },
-     [](double x, double v, double a0, double) { return a0 * x * v; }},
+    {"row_add_vec", true, false, &TensorF::row_add_vec, nullptr},
+    {"col_add_vec", false, false, &TensorF::col_add_vec, nullptr},
+    {"row_mul_vec", true, false, nullptr, &TensorF::row_mul_vec},
+    {"col_mul_vec", false, false, nullptr, &TensorF::col_mul_vec},
+    {"diag_add_vec", true, true, &TensorF::diag_add_vec, nullptr},
+    {"diag_mul_vec", true, true, nullptr, &TensorF::diag_mul_vec},
 };
 
 class VecOpsTest : public DeviceTest {};
@@ -72,23 +48,23 @@ TEST_P(VecOpsTest, MatchesTheFormula) {
     for (const VecOp& op : kOps) {
         for (const auto& size : sizes) {
             const int m = op.diagonal ? size[1] : size[0], n = size[1];
-            const std::vector<float> x = random_values(m * n, 1);
-            const std::vector<float> v = random_values(op.of_rows ? n : m, 2);
-            const std::vector<float> old = random_values(m * n, 3);
-            const TensorF vec = make<float>(Dim(static_cast<int>(v.size())), v);
+            const Values x = random_values(m * n, 1);
+            const Values v = random_values(op.of_rows ? n : m, 2);
+            const Values old = random_values(m * n, 3);
+            const TensorF vec = make(v);
             const TensorF mat = make<float>(Dim(m, n), x);
             TensorF out = make<float>(Dim(m, n), old), in_place = make<float>(Dim(m, n), x);
             op.run(out, mat, vec, alpha0, alpha1, beta);
             op.run(in_place, in_place, vec, alpha0, alpha1, beta);
 
-            std::vector<double> expected(m * n), expected_in_place(m * n);
+            Doubles expected(m * n), expected_in_place(m * n);
             for (int i = 0; i < m; ++i) {
                 for (int j = 0; j < n; ++j) {
                     const int e = i * n + j;
-                    const double term =
-                        op.diagonal && i != j
-                            ? double(alpha0) * x[e]
-                            : op.first_term(x[e], v[op.of_rows ? j : i], alpha0, alpha1);
+                    const double first = double(alpha0) * x[e], w = v[op.of_rows ? j : i];
+                    const double term = op.diagonal && i != j ? first
+                                        : op.add              ? first + double(alpha1) * w
+                                                              : first * w;
                     expected[e] = term + double(beta) * old[e];
                     expected_in_place[e] = term + double(beta) * x[e];
                 }
@@ -128,7 +104,7 @@ TEST_P(VecOpsTest, OldOutputIsReadEvenIfBetaIsZero) {
         SCOPED_TRACE(op.name);
         TensorF out = make<float>(Dim(2, 2), {kNan, 7, kInf, 8});
         op.run(out, make<float>(Dim(2, 2), {1, 2, 3, 4}), make<float>(Dim(2), {0, 0}), 1, 1, 0);
-        const std::vector<float> result = values_of(out);
+        const Values result = values_of(out);
         EXPECT_TRUE(std::isnan(result[0]) && std::isnan(result[2]));
         EXPECT_TRUE(std::isfinite(result[1]) && std::isfinite(result[3]));
     }
@@ -137,7 +113,7 @@ TEST_P(VecOpsTest, OldOutputIsReadEvenIfBetaIsZero) {
 // The vector's shape: dense, whatever it is, where it is not tested.
 TEST_P(VecOpsTest, VectorMayHaveAnyPermittedShape) {
     const TensorF mat = make<float>(Dim(2, 2), {1, 2, 3, 4});
-    const std::vector<float> v = {10, 20};
+    const Values v = {10, 20};
     TensorF out = make<float>(Dim(2, 2), {0, 0, 0, 0});
     TensorF column(Dim(2, 1), device());
     column.copy_from(v.data(), 0, 2);
@@ -161,13 +137,13 @@ INSTANTIATE_TEST_SUITE_P(Places, LogSubPriorTest,
 TEST_P(LogSubPriorTest, MatchesTheFormula) {
     for (const int n : {1, 129, 1024, 1025}) {
         const int m = 3;
-        const std::vector<float> x = random_values(m * n, 4, 0, 1);
-        const std::vector<float> prior = random_values(n, 5, 1e-4f, 1);
+        const Values x = random_values(m * n, 4, 0, 1);
+        const Values prior = random_values(n, 5, 1e-4f, 1);
         const TensorF in = make<float>(Dim(m, n), x), prior_row = make<float>(Dim(1, n), prior);
         TensorF out = poisoned(Dim(m, n)), in_place = make<float>(Dim(m, n), x);
-        out.log_sub_prior(in, prior_row.is_contiguous() ? prior_row : make<float>(Dim(n), prior));
-        in_place.log_sub_prior(make<float>(Dim(n), prior));
-        std::vector<double> expected(m * n);
+        out.log_sub_prior(in, prior_row.is_contiguous() ? prior_row : make(prior));
+        in_place.log_sub_prior(make(prior));
+        Doubles expected(m * n);
         for (int e = 0; e < m * n; ++e) {
             expected[e] = std::log(double(x[e])) - std::log(double(prior[e % n]));
         }
@@ -202,10 +178,10 @@ TEST_P(LogSubPriorTest, FloorIsForTheMatrixOnly) {
     const int n = 11;
     for (const auto& c : cases) {
         TensorF out = poisoned(Dim(2, n));
-        out.log_sub_prior(make<float>(Dim(2, n), std::vector<float>(2 * n, c.x)),
-                          make<float>(Dim(n), std::vector<float>(n, c.prior)));
+        out.log_sub_prior(make<float>(Dim(2, n), Values(2 * n, c.x)),
+                          make<float>(Dim(n), Values(n, c.prior)));
         SCOPED_TRACE(c.x);
-        expect_close(values_of(out), std::vector<double>(2 * n, c.expected), 1e-6);
+        expect_close(values_of(out), Doubles(2 * n, c.expected), 1e-6);
     }
 }
 
@@ -219,49 +195,43 @@ TEST(VecOpsDeathTest, TestsInTheirOrder) {
     const std::string dim_a = "Check failed: a.get_dim() == 2 ";
     const std::string row_b = "Check failed: b.get_dim() <= 2 && b.get_w() == a.get_w() ";
     const std::string col_b = "Check failed: b.get_dim() <= 2 && b.get_w() == a.get_h() ";
-    const auto device = [](const char* in) {
-        return std::string("Check failed: is_same_devices((") + in +
-               ").get_device(), (out).get_device()) ";
-    };
     expect_failures({
         {dim_a, [&] { out.row_mul_vec(far_cube, vec4); }},
         {row_b, [&] { out.row_mul_vec(far, vec4); }},
         {row_b, [&] { out.row_mul_vec(out, vec_cube); }},
-        {device("a"), [&] { out.row_mul_vec(far, far_vec); }},
-        {device("b"), [&] { out.row_mul_vec(out, far_vec); }},
+        {same_device("a"), [&] { out.row_mul_vec(far, far_vec); }},
+        {same_device("b"), [&] { out.row_mul_vec(out, far_vec); }},
         {dim_a, [&] { out.col_mul_vec(flat, vec4); }},
         {col_b, [&] { out.col_mul_vec(far, vec4); }},
         {col_b, [&] { out.col_mul_vec(out, column); }},
-        {device("a"), [&] { out.col_mul_vec(far, far_vec); }},
-        {device("b"), [&] { out.col_mul_vec(out, far_vec); }},
+        {same_device("a"), [&] { out.col_mul_vec(far, far_vec); }},
+        {same_device("b"), [&] { out.col_mul_vec(out, far_vec); }},
     });
 
-    using Diag = void (*)(TensorF&, const TensorF&, const TensorF&);
-    const Diag add = [](TensorF& o, const TensorF& m, const TensorF& d) { o.diag_add_vec(m, d); };
-    const Diag mul = [](TensorF& o, const TensorF& m, const TensorF& d) { o.diag_mul_vec(m, d); };
-    for (const Diag diag : {add, mul}) {
+    for (const bool add : {true, false}) {
+        const auto diag = [&](TensorF& o, const TensorF& m, const TensorF& d) {
+            add ? o.diag_add_vec(m, d) : o.diag_mul_vec(m, d);
+        };
         expect_failures({
-            {"Check failed: (mat.get_size()) == (out.get_size()) ",
-             [&] { diag(out, flat, far_vec); }},
+            {same_size("mat"), [&] { diag(out, flat, far_vec); }},
             {"Check failed: (mat).get_dim() == (2) ", [&] { diag(cube, far_cube, vec4); }},
             {"Check failed: (out).get_dim() == (2) ", [&] { diag(cube, far, vec4); }},
             {"Check failed: mat.get_h() == mat.get_w() ", [&] { diag(wide, wide, far); }},
             {"Check failed: mat.get_h() == diag_mat.get_element_count() ",
              [&] { diag(out, far, vec4); }},
-            {device("mat"), [&] { diag(out, far, far_vec); }},
-            {device("diag_mat"), [&] { diag(out, out, far_vec); }},
+            {same_device("mat"), [&] { diag(out, far, far_vec); }},
+            {same_device("diag_mat"), [&] { diag(out, out, far_vec); }},
         });
     }
 
     expect_failures({
-        {"Check failed: (in.get_size()) == (out.get_size()) ",
-         [&] { out.log_sub_prior(flat.get_with_shape(Dim(1, 9)), column); }},
+        {same_size("in"), [&] { out.log_sub_prior(flat.get_with_shape(Dim(1, 9)), column); }},
         {"Check failed: (in).get_dim() == (2) ", [&] { cube.log_sub_prior(far_cube, column); }},
         {"Check failed: (out).get_dim() == (2) ", [&] { cube.log_sub_prior(far, column); }},
         {"Check failed: prior.get_dim() == 1 || (prior.get_dim() == 2 && prior.get_h() == 1) ",
          [&] { out.log_sub_prior(far, column); }},
-        {device("in"), [&] { out.log_sub_prior(far, far_vec); }},
-        {device("prior"), [&] { out.log_sub_prior(out, far_vec); }},
+        {same_device("in"), [&] { out.log_sub_prior(far, far_vec); }},
+        {same_device("prior"), [&] { out.log_sub_prior(out, far_vec); }},
     });
 }
 

@@ -32,7 +32,7 @@ protected:
 };
 
 /// Element (row, col) of op(M), for a column-major M.
-double at(const std::vector<float>& m, cublasOperation_t op, int ld, int row, int col) {
+double at(const float* m, cublasOperation_t op, int ld, int row, int col) {
     return op == CUBLAS_OP_N ? m[col * ld + row] : m[row * ld + col];
 }
 
@@ -57,24 +57,18 @@ TEST_F(CublasTest, GemmAndBatchedGemm) {
             EXPECT_BLAS(cublasSgemm(handle_, ta, tb, m, n, k, &alpha, da.get(), lda, db.get(), ldb,
                                     &beta, single.get(), ldc));
             const auto out = read(dc), one = read(single);
-            for (int i = 0; i < batch; ++i) {
-                const std::vector<float> ai(&a[i * size_a], &a[i * size_a] + size_a);
-                const std::vector<float> bi(&b[i * size_b], &b[i * size_b] + size_b);
-                for (int col = 0; col < n; ++col) {
-                    for (int row = 0; row < ldc; ++row) {
-                        const size_t place = i * size_c + col * ldc + row;
-                        double expected = c[place];
-                        if (row < m) {
-                            expected *= beta;
-                            for (int p = 0; p < k; ++p) {
-                                expected +=
-                                    alpha * at(ai, ta, lda, row, p) * at(bi, tb, ldb, p, col);
-                            }
-                        }
-                        ASSERT_NEAR(out[place], expected, 1e-5);
-                        ASSERT_NEAR(one[place], i == 0 ? expected : c[place], 1e-5);
+            for (int place = 0; place < batch * size_c; ++place) {
+                const int i = place / size_c, col = place % size_c / ldc, row = place % ldc;
+                double expected = c[place];
+                if (row < m) {
+                    expected *= beta;
+                    for (int p = 0; p < k; ++p) {
+                        expected += alpha * at(&a[i * size_a], ta, lda, row, p) *
+                                    at(&b[i * size_b], tb, ldb, p, col);
                     }
                 }
+                ASSERT_NEAR(out[place], expected, 1e-5);
+                ASSERT_NEAR(one[place], i == 0 ? expected : c[place], 1e-5);
             }
         }
     }
@@ -97,14 +91,12 @@ TEST_F(CublasTest, Geam) {
                 EXPECT_BLAS(cublasSgeam(handle_, ta, CUBLAS_OP_N, m, n, &one, da.get(), lda, &zero,
                                         nullptr, m, turned.get(), ldc));
                 const auto s = read(sum), t = read(turned);
-                for (int col = 0; col < n; ++col) {
-                    for (int row = 0; row < ldc; ++row) {
-                        const int i = col * ldc + row;
-                        const double x = row < m ? at(a, ta, lda, row, col) : c[i];
-                        ASSERT_EQ(t[i], static_cast<float>(x));
-                        const double y = row < m ? at(b, tb, ldb, row, col) : 0;
-                        ASSERT_NEAR(s[i], row < m ? 1.5 * x - 2 * y : x, 1e-5);
-                    }
+                for (int i = 0; i < ldc * n; ++i) {
+                    const int col = i / ldc, row = i % ldc;
+                    const double x = row < m ? at(a.data(), ta, lda, row, col) : c[i];
+                    const double y = row < m ? at(b.data(), tb, ldb, row, col) : 0;
+                    ASSERT_EQ(t[i], static_cast<float>(x));
+                    ASSERT_NEAR(s[i], row < m ? 1.5 * x - 2 * y : x, 1e-5);
                 }
             }
         }
@@ -186,7 +178,7 @@ TEST_F(CublasTest, GemvAndDevicePointers) {
             if (row < rows) {
                 expected *= 2;
                 for (int col = 0; col < cols; ++col) {
-                    expected += 0.5 * at(a, op, lda, row, col) * x[col];
+                    expected += 0.5 * at(a.data(), op, lda, row, col) * x[col];
                 }
             }
             EXPECT_NEAR(out[row], expected, 1e-5);
@@ -218,20 +210,18 @@ TEST_F(CublasTest, LeastSquares) {
     EXPECT_EQ(info, 0);
     EXPECT_EQ(read(infos), std::vector<int>(batch, 0));
     const auto x = read(dc);
-    for (int i = 0; i < batch; ++i) {
-        for (int r = 0; r < nrhs; ++r) {
-            for (int column = 0; column < n; ++column) {
-                double inner = 0;
-                for (int row = 0; row < m; ++row) {
-                    double residual = c[(i * nrhs + r) * ldc + row];
-                    for (int p = 0; p < n; ++p) {
-                        residual -= static_cast<double>(a[(i * n + p) * lda + row]) *
-                                    x[(i * nrhs + r) * ldc + p];
-                    }
-                    inner += residual * a[(i * n + column) * lda + row];
+    for (int i = 0; i < batch * nrhs; ++i) {
+        const float *matrix = &a[i / nrhs * lda * n], *y = &c[i * ldc];
+        for (int column = 0; column < n; ++column) {
+            double inner = 0;
+            for (int row = 0; row < m; ++row) {
+                double residual = y[row];
+                for (int p = 0; p < n; ++p) {
+                    residual -= static_cast<double>(matrix[p * lda + row]) * x[i * ldc + p];
                 }
-                EXPECT_NEAR(inner, 0, 1e-5);
+                inner += residual * matrix[column * lda + row];
             }
+            EXPECT_NEAR(inner, 0, 1e-5);
         }
     }
     EXPECT_EQ(cublasSgelsBatched(handle_, CUBLAS_OP_N, 3, 4, 1, das.get(), lda, dcs.get(), ldc,
