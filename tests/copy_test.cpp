@@ -183,15 +183,28 @@ TEST_P(HostMemoryDeathTest, Failures) {
     });
 }
 
-using CopyDeathTest = GpuTest;
+class MemoryCallTest : public GpuTest {};
 
-// A pitch below the width of a row is refused.
-TEST_F(CopyDeathTest, FailedPitchedCopy) {
+TEST_F(MemoryCallTest, FillsRowsBetweenPitches) {
+    Tensor<float> matrix(Dim(3, 4), GPU);
+    matrix.ones();
+    gpu::vorn_memset_2d(matrix.get_ptr(), 0, 2, 2 * sizeof(float), 4 * sizeof(float));
+    EXPECT_EQ(values_of(matrix), (Values{0, 0, 1, 1, 0, 0, 1, 1, 1, 1, 1, 1}));
+}
+
+// Host memory to fill, and pitches below the width of a row.
+TEST_F(MemoryCallTest, Failures) {
     const Tensor<float> dense(Dim(4, 6), GPU);
     std::vector<float> host(4 * 10);
-    EXPECT_DEATH(vorn_memcpy_2d<float>(GPU, CPU, dense.get_ptr(), 6, host.data(), 5, 6, 4),
-                 literal("Check failed: 0 == (cudaMemcpy2D(dst, dpitch_byte, src, spitch_byte, "
-                         "width_byte, height, kind)) invalid pitch argument"));
+    expect_failures({
+        {"Check failed: 0 == (cudaMemset(ptr, val, byte_size)) invalid argument",
+         [&] { gpu::vorn_memset(host.data(), 0, 4); }},
+        {"Check failed: 0 == (cudaMemset2D(ptr, ld, val, dimN, dimM)) invalid argument",
+         [&] { gpu::vorn_memset_2d(host.data(), 0, 1, 4, 4); }},
+        {"Check failed: 0 == (cudaMemcpy2D(dst, dpitch_byte, src, spitch_byte, width_byte, height, "
+         "kind)) invalid pitch argument",
+         [&] { vorn_memcpy_2d<float>(GPU, CPU, dense.get_ptr(), 6, host.data(), 5, 6, 4); }},
+    });
 }
 
 }  // namespace test

@@ -267,7 +267,8 @@ using ReduceDeathTest = ContextTest;
 TEST_F(ReduceDeathTest, ChecksInTheirOrder) {
     Tensor<float> matrix(Dim(2, 3)), cube(Dim(1, 2, 3)), vector(Dim(3));
     Tensor<int> ints(Dim(2, 3)), int_cube(Dim(1, 2, 3));
-    const Tensor<float> other(Dim(2, 3), GPU), other_cube(Dim(1, 2, 3), GPU);
+    // Without memory, so that the checks are tested on machines without a GPU too.
+    const Tensor<float> other(nullptr, Dim(2, 3), GPU), other_cube(nullptr, Dim(1, 2, 3), GPU);
     const std::string in = "Check failed: (in.get_dim()) == (2) ";
     const std::string out = "Check failed: (out.get_dim()) <= (2) ";
     const std::string device = same_device("in");
