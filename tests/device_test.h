@@ -26,7 +26,7 @@ using Doubles = std::vector<double>;
 
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kPoison = -12345;         ///< What no test expects; finite, because blends read it.
+constexpr int kPoison = -12345;           ///< What no test expects; finite, because blends read it.
 constexpr double kUlp = 1.0 / (1 << 23);  ///< Upper bound of one ulp, relative.
 constexpr double kHalfUlp = 1.0001 / (1 << 24);  ///< One rounding of the exact value.
 

@@ -20,7 +20,7 @@ namespace logging {
 /// Declared for programs around the library; the library itself never throws it.
 struct Error : public std::runtime_error {
     explicit Error(const std::string& what) : std::runtime_error(what) {}
-    virtual ~Error() = default;
+    ~Error() override = default;
 };
 
 /// Formats the time of a log line.
