@@ -55,9 +55,13 @@ struct Layout {
 
 // One group, touching, overlapping, with gaps, a filter of one tap; sizes beyond a tile of 32.
 const Layout kLayouts[] = {
-    {3, 2, 3, 10, 4, {0}, {6}},       {5, 1, 2, 12, 3, {0, 4}, {3, 9}},
-    {33, 3, 1, 9, 2, {1, 3}, {4, 7}}, {2, 1, 1, 20, 5, {2, 9}, {4, 10}},
-    {40, 2, 2, 8, 1, {0, 5}, {3, 7}}, {1, 11, 3, 40, 8, {0, 10, 20}, {15, 24, 32}},
+    {3, 2, 3, 10, 4, {0}, {6}},
+    {5, 1, 2, 12, 3, {0, 4}, {3, 9}},
+    {33, 3, 1, 9, 2, {1, 3}, {4, 7}},
+    {2, 1, 1, 20, 5, {2, 9}, {4, 10}},
+    {40, 2, 2, 8, 1, {0, 5}, {3, 7}},
+    {1, 11, 3, 40, 8, {0, 10, 20}, {15, 24, 32}},
+    {1300, 11, 3, 40, 3, {0, 11}, {10, 37}},  // patches beyond the host's caches, of odd width
 };
 
 // Patches are copies; errors sum onto the features that the patches read: the host adds to the

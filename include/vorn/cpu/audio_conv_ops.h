@@ -6,6 +6,7 @@
 
 #include "vorn/cpu/memory.h"
 #include "vorn/cpu/reduce.h"
+#include "vorn/cpu/transpose.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the convolution along frequency, on dense matrices.
@@ -15,13 +16,6 @@ namespace cpu {
 // Seen with frequency outside and the temporal index inside, a frame holds every patch in one
 // piece: the patch at position c is the run of filter_size * temporal_dim elements from c *
 // temporal_dim on. Frames are therefore transposed once, and patches copied or added as runs.
-inline void transpose_frame(const float* in, int rows, int columns, float* out) {
-    for (int j = 0; j < columns; ++j) {
-        for (int i = 0; i < rows; ++i) {
-            out[j * rows + i] = in[i * columns + j];
-        }
-    }
-}
 
 inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int filter_size,
                              const Tensor<int>& conv_start, const Tensor<int>& conv_end,
@@ -30,17 +24,25 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
     const index_t group_num = conv_start.get_element_count();
     const int temporal_dim = static_cast<int>(in_dimN) / fbank;
     const index_t patch = static_cast<index_t>(filter_size) * temporal_dim;
+    const bool stream = out.count() * sizeof(float) >= kStreamBytes;
     std::vector<float> frame(in_dimN);
     float* out_p = out.get_ptr();
     for (index_t g = 0; g < group_num; ++g) {
         const int start = conv_start.get_ptr()[g], end = conv_end.get_ptr()[g];
         for (index_t n = 0; n < in_dimM; ++n) {
-            transpose_frame(feat.get_ptr() + n * in_dimN, temporal_dim, fbank, frame.data());
+            transpose_matrix(feat.get_ptr() + n * in_dimN, fbank, frame.data(), temporal_dim, fbank,
+                             temporal_dim);
             for (int c = start; c <= end; ++c, out_p += dimN) {
-                cpu::vorn_memcpy(out_p, frame.data() + c * temporal_dim, patch * sizeof(float));
+                const float* run = frame.data() + c * temporal_dim;
+                if (stream) {
+                    stream_copy(out_p, run, patch);
+                } else {
+                    cpu::vorn_memcpy(out_p, run, patch * sizeof(float));
+                }
             }
         }
     }
+    _mm_sfence();  // streamed stores are not ordered with what follows
 }
 
 inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int, int filter_size,
@@ -55,15 +57,15 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int,
         const int start = conv_start.get_ptr()[g], end = conv_end.get_ptr()[g];
         for (index_t n = 0; n < o_dimM; ++n) {
             float* out_row = out.get_ptr() + n * o_dimN;
-            transpose_frame(out_row, temporal_dim, fbank, frame.data());
-            for (int c = start; c <= end; ++c, patch += dimN) {
-                float* sum = frame.data() + c * temporal_dim;
+            transpose_matrix(out_row, fbank, frame.data(), temporal_dim, fbank, temporal_dim);
+            float* sum = frame.data() + start * temporal_dim;
+            for (int c = start; c <= end; ++c, sum += temporal_dim, patch += dimN) {
 #pragma GCC ivdep
                 for (index_t j = 0; j < dimN; ++j) {
                     sum[j] += patch[j];
                 }
             }
-            transpose_frame(frame.data(), fbank, temporal_dim, out_row);
+            transpose_matrix(frame.data(), temporal_dim, out_row, fbank, temporal_dim, fbank);
         }
     }
 }
@@ -107,15 +109,16 @@ void for_each_pooled_position(const Tensor<int>& conv_size, int pooling_size, in
     }
 }
 
-// The maxima of a frame are taken across filters, as the input lies, and then turned to stand
-// filter by filter.
+// Pooling runs across filters, as the convolution matrix lies; the pooled matrix stands filter by
+// filter. Each frame is turned from one to the other.
+
 inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_size, int,
                              int pooling_size, Tensor<int>& max_idx, Tensor<float>& out,
                              DType alpha, DType beta) {
     const index_t in_dimN = in.get_w(), out_dimM = out.row(), out_dimN = out.get_w();
     const index_t pooling_len = out_dimN / in_dimN;
-    std::vector<float> max(out_dimN);
-    std::vector<int> idx(out_dimN);
+    std::vector<float> max(out_dimN), turned_max(out_dimN);
+    std::vector<int> idx(out_dimN), turned_idx(out_dimN);
     for (index_t i = 0; i < out_dimM; ++i) {
         index_t pooled = 0;
         for_each_pooled_position(conv_size, pooling_size, out_dimM, pooling_len,
@@ -124,27 +127,40 @@ inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_si
                                          in.get_ptr() + (row + i * c_size) * in_dimN;
                                      float* max_p = max.data() + position * in_dimN;
                                      int* idx_p = idx.data() + position * in_dimN;
-                                     std::copy_n(in_p, in_dimN, max_p);
-                                     std::fill_n(idx_p, in_dimN, 0);
-                                     for (int t = 1; t < pooling_size; ++t) {
-                                         in_p += in_dimN;
+                                     // The first two rows start the fold, so that it has no pass
+                                     // that only copies.
+                                     const float* second = in_p + (pooling_size > 1 ? in_dimN : 0);
+#pragma GCC ivdep
+                                     for (index_t j = 0; j < in_dimN; ++j) {
+                                         const bool above = second[j] > in_p[j];
+                                         max_p[j] = above ? second[j] : in_p[j];
+                                         idx_p[j] = above ? 1 : 0;
+                                     }
+                                     for (int t = 2; t < pooling_size; ++t) {
+                                         const float* row_p = in_p + t * in_dimN;
 #pragma GCC ivdep
                                          for (index_t j = 0; j < in_dimN; ++j) {
-                                             const bool above = in_p[j] > max_p[j];
-                                             max_p[j] = above ? in_p[j] : max_p[j];
+                                             const bool above = row_p[j] > max_p[j];
+                                             max_p[j] = above ? row_p[j] : max_p[j];
                                              idx_p[j] = above ? t : idx_p[j];
                                          }
                                      }
                                      pooled = position + 1;
                                  });
+        transpose_matrix(max.data(), in_dimN, turned_max.data(), pooled, in_dimN, pooled);
+        transpose_matrix(idx.data(), in_dimN, turned_idx.data(), pooled, in_dimN, pooled);
         float* out_p = out.get_ptr() + i * out_dimN;
         int* max_idx_p = max_idx.get_ptr() + i * out_dimN;
-        for (index_t filter = 0; filter < in_dimN; ++filter) {
-            for (index_t position = 0; position < pooled; ++position) {
-                const index_t j = filter * pooling_len + position;
-                out_p[j] = alpha * max[position * in_dimN + filter] + beta * out_p[j];
-                max_idx_p[j] = idx[position * in_dimN + filter];
+        // One run where every column has a pooled position, as it should.
+        const index_t runs = pooled == pooling_len ? 1 : in_dimN, run = pooled * (in_dimN / runs);
+        for (index_t r = 0; r < runs; ++r) {
+            const float* from = turned_max.data() + r * run;
+            float* to = out_p + r * pooling_len;
+#pragma GCC ivdep
+            for (index_t j = 0; j < run; ++j) {
+                to[j] = alpha * from[j] + beta * to[j];
             }
+            std::copy_n(turned_idx.data() + r * run, run, max_idx_p + r * pooling_len);
         }
     }
 }
@@ -154,16 +170,25 @@ inline void vorn_max_pooling_bp(const Tensor<float>& in, const Tensor<int>& conv
                                 DType alpha, DType beta) {
     const index_t in_dimN = in.get_w(), out_dimN = out.get_w(), nframe = in.row();
     const index_t pooling_len = in_dimN / out_dimN;
+    std::vector<float> error(in_dimN);
+    std::vector<int> idx(in_dimN);
     for (index_t i = 0; i < nframe; ++i) {
-        const float* in_p = in.get_ptr() + i * in_dimN;
-        const int* idx_p = max_idx.get_ptr() + i * in_dimN;
+        transpose_matrix(in.get_ptr() + i * in_dimN, pooling_len, error.data(), out_dimN,
+                         pooling_len, out_dimN);
+        transpose_matrix(max_idx.get_ptr() + i * in_dimN, pooling_len, idx.data(), out_dimN,
+                         pooling_len, out_dimN);
         for_each_pooled_position(conv_size, pooling_size, nframe, pooling_len,
                                  [&](index_t position, index_t row, int c_size) {
+                                     const float* error_p = error.data() + position * out_dimN;
+                                     const int* idx_p = idx.data() + position * out_dimN;
                                      float* out_p = out.get_ptr() + (row + i * c_size) * out_dimN;
-                                     for (index_t filter = 0; filter < out_dimN; ++filter) {
-                                         const index_t j = filter * pooling_len + position;
-                                         float& winner = out_p[idx_p[j] * out_dimN + filter];
-                                         winner = alpha * in_p[j] + beta * winner;
+                                     for (int t = 0; t < pooling_size; ++t, out_p += out_dimN) {
+#pragma GCC ivdep
+                                         for (index_t j = 0; j < out_dimN; ++j) {
+                                             const float blend =
+                                                 alpha * error_p[j] + beta * out_p[j];
+                                             out_p[j] = idx_p[j] == t ? blend : out_p[j];
+                                         }
                                      }
                                  });
     }

@@ -28,24 +28,6 @@ void max_out_groups(const float* __restrict in, int size, int* __restrict idx,
     }
 }
 
-// A group of known size is written whole, which vectorises where a jump to the winner does not.
-template <int kSize>
-void max_out_group_errors(const float* __restrict in, int size, const int* __restrict idx,
-                          float* __restrict out, index_t count, DType alpha, DType beta) {
-    for (index_t index = 0; index < count; ++index) {
-        if (kSize > 0) {
-            float* group = out + index * kSize;
-            for (int k = 0; k < kSize; ++k) {
-                const float blend = alpha * in[index] + beta * group[k];
-                group[k] = idx[index] == k ? blend : group[k];
-            }
-        } else {
-            float& winner = out[index * size + idx[index]];
-            winner = alpha * in[index] + beta * winner;
-        }
-    }
-}
-
 inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<int>& idx_vec,
                              Tensor<float>& out) {
     const auto groups = pooling_size == 2   ? max_out_groups<2>
@@ -57,12 +39,14 @@ inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<i
 
 inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Tensor<int>& idx_vec,
                              Tensor<float>& out, DType alpha, DType beta) {
-    const auto groups = pooling_size == 2   ? max_out_group_errors<2>
-                        : pooling_size == 3 ? max_out_group_errors<3>
-                        : pooling_size == 4 ? max_out_group_errors<4>
-                                            : max_out_group_errors<0>;
-    groups(in.get_ptr(), pooling_size, idx_vec.get_ptr(), out.get_ptr(), in.row() * in.get_w(),
-           alpha, beta);
+    const index_t count = in.row() * in.get_w();
+    const float* in_p = in.get_ptr();
+    const int* idx_p = idx_vec.get_ptr();
+    float* out_p = out.get_ptr();
+    for (index_t index = 0; index < count; ++index) {
+        float& winner = out_p[index * pooling_size + idx_p[index]];
+        winner = alpha * in_p[index] + beta * winner;
+    }
 }
 
 inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t offset) {

@@ -26,8 +26,8 @@ inline void vorn_memset(void* ptr, int val, size_t byte_size) {
     }
 }
 
-/// Fills of this many bytes would sweep the caches; they go past them.
-const size_t kStreamFillBytes = 16 << 20;
+/// Outputs of this many bytes would sweep the caches; they go past them.
+const size_t kStreamBytes = 16 << 20;
 
 /// Sets n elements past the cache, which spares reading the memory first.
 template <typename T>
@@ -45,6 +45,18 @@ void stream_fill(T* out, T val, size_t n) {
     }
     std::fill(out, end, val);
     _mm_sfence();  // streamed stores are not ordered with what follows
+}
+
+/// Copies n floats past the cache. The caller ends a row of such copies with _mm_sfence().
+inline void stream_copy(float* out, const float* in, size_t n) {
+    float* const end = out + n;
+    for (; out != end && reinterpret_cast<uintptr_t>(out) % sizeof(__m128) != 0; ++out, ++in) {
+        *out = *in;
+    }
+    for (; end - out >= 4; out += 4, in += 4) {
+        _mm_stream_ps(out, _mm_loadu_ps(in));
+    }
+    std::copy(in, in + (end - out), out);
 }
 
 }  // namespace cpu
