@@ -148,7 +148,7 @@ TEST(FillTest, LargeHostFills) {
     for_each_type([](auto zero) {
         using T = decltype(zero);
         const T val = std::is_same<T, unsigned long>::value ? T(1ul << 40) : T(200.5);
-        const index_t count = cpu::kStreamFillBytes / sizeof(T) + 5;
+        const index_t count = cpu::kStreamBytes / sizeof(T) + 5;
         std::vector<T> values(count + 2, T(3)), expected(count + 2, val);
         expected.front() = expected.back() = T(3);
         Tensor<T>(values.data() + 1, Dim(count), CPU).set_element(val);

@@ -109,6 +109,38 @@ void for_each_pooled_position(const Tensor<int>& conv_size, int pooling_size, in
     }
 }
 
+// max[j] and idx[j]: the largest element j of `size` rows of n elements, and the first row that has
+// it. `kSize` is `size` where it is small, so that both stay in registers, else 0.
+template <int kSize>
+void max_of_rows(const float* in, int size, index_t n, float* max, int* idx) {
+    if (kSize > 0) {
+#pragma GCC ivdep
+        for (index_t j = 0; j < n; ++j) {
+            float top = in[j];
+            int first = 0;
+            for (int t = 1; t < kSize; ++t) {
+                const float value = in[t * n + j];
+                first = value > top ? t : first;
+                top = value > top ? value : top;
+            }
+            max[j] = top;
+            idx[j] = first;
+        }
+        return;
+    }
+    std::copy_n(in, n, max);
+    std::fill_n(idx, n, 0);
+    for (int t = 1; t < size; ++t) {
+        const float* row = in + t * n;
+#pragma GCC ivdep
+        for (index_t j = 0; j < n; ++j) {
+            const bool above = row[j] > max[j];
+            max[j] = above ? row[j] : max[j];
+            idx[j] = above ? t : idx[j];
+        }
+    }
+}
+
 // Pooling runs across filters, as the convolution matrix lies; the pooled matrix stands filter by
 // filter. Each frame is turned from one to the other.
 
@@ -117,34 +149,19 @@ inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_si
                              DType alpha, DType beta) {
     const index_t in_dimN = in.get_w(), out_dimM = out.row(), out_dimN = out.get_w();
     const index_t pooling_len = out_dimN / in_dimN;
+    const auto max_of = pooling_size == 2   ? max_of_rows<2>
+                        : pooling_size == 3 ? max_of_rows<3>
+                        : pooling_size == 4 ? max_of_rows<4>
+                                            : max_of_rows<0>;
     std::vector<float> max(out_dimN), turned_max(out_dimN);
     std::vector<int> idx(out_dimN), turned_idx(out_dimN);
     for (index_t i = 0; i < out_dimM; ++i) {
         index_t pooled = 0;
         for_each_pooled_position(conv_size, pooling_size, out_dimM, pooling_len,
                                  [&](index_t position, index_t row, int c_size) {
-                                     const float* in_p =
-                                         in.get_ptr() + (row + i * c_size) * in_dimN;
-                                     float* max_p = max.data() + position * in_dimN;
-                                     int* idx_p = idx.data() + position * in_dimN;
-                                     // The first two rows start the fold, so that it has no pass
-                                     // that only copies.
-                                     const float* second = in_p + (pooling_size > 1 ? in_dimN : 0);
-#pragma GCC ivdep
-                                     for (index_t j = 0; j < in_dimN; ++j) {
-                                         const bool above = second[j] > in_p[j];
-                                         max_p[j] = above ? second[j] : in_p[j];
-                                         idx_p[j] = above ? 1 : 0;
-                                     }
-                                     for (int t = 2; t < pooling_size; ++t) {
-                                         const float* row_p = in_p + t * in_dimN;
-#pragma GCC ivdep
-                                         for (index_t j = 0; j < in_dimN; ++j) {
-                                             const bool above = row_p[j] > max_p[j];
-                                             max_p[j] = above ? row_p[j] : max_p[j];
-                                             idx_p[j] = above ? t : idx_p[j];
-                                         }
-                                     }
+                                     max_of(in.get_ptr() + (row + i * c_size) * in_dimN,
+                                            pooling_size, in_dimN, max.data() + position * in_dimN,
+                                            idx.data() + position * in_dimN);
                                      pooled = position + 1;
                                  });
         transpose_matrix(max.data(), in_dimN, turned_max.data(), pooled, in_dimN, pooled);

@@ -68,8 +68,14 @@ inline void transpose_tile(const T* in, index_t ld_in, T* out, index_t ld_out) {
 template <typename T>
 inline void transpose_edge(const T* in, index_t ld_in, T* out, index_t ld_out, index_t rows,
                            index_t cols) {
+    const index_t whole_rows = rows / 4 * 4, whole_cols = cols / 4 * 4;
+    for (index_t i = 0; i < whole_rows; i += 4) {
+        for (index_t j = 0; j < whole_cols; j += 4) {
+            transpose_4x4<false>(in + j * ld_in + i, ld_in, out + i * ld_out + j, ld_out);
+        }
+    }
     for (index_t i = 0; i < rows; ++i) {
-        for (index_t j = 0; j < cols; ++j) {
+        for (index_t j = i < whole_rows ? whole_cols : 0; j < cols; ++j) {
             out[i * ld_out + j] = in[j * ld_in + i];
         }
     }
