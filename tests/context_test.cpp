@@ -105,7 +105,7 @@ void launch_failing_kernel() {
     int* value = nullptr;
     cudaMalloc(reinterpret_cast<void**>(&value), sizeof(int));
     cudaMemset(value, 0, sizeof(int));
-    gpu::launch(1, 1, KeFailingAssertion, value);
+    gpu::launch<KeFailingAssertion>(1, 1, value);
     VORN_KERNEL_TAIL();
 }
 
@@ -131,7 +131,7 @@ TEST_F(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
 }
 
 void launch_empty_grid() {
-    gpu::launch(0, 1, KeFailingAssertion, static_cast<int*>(nullptr));
+    gpu::launch<KeFailingAssertion>(0, 1, static_cast<int*>(nullptr));
     VORN_KERNEL_TAIL();
 }
 

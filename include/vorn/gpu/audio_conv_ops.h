@@ -179,10 +179,10 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int delta, in
                              Tensor<float>& out) {
     const int out_row = static_cast<int>(out.row()), out_col = static_cast<int>(out.get_w());
     const int context = static_cast<int>(feat.get_w()) / (fbank * delta);
-    launch(dim3(div_up(out_row, 32), div_up(out_col, 32), 1), dim3(32, 32, 1), KeReorderFeats,
-           feat.get_ptr(), conv_start.get_ptr(), conv_end.get_ptr(),
-           static_cast<int>(conv_start.get_element_count()), filter_size, out.get_ptr(), fbank,
-           delta, context, static_cast<int>(feat.row()), out_row);
+    launch<KeReorderFeats>(
+        dim3(div_up(out_row, 32), div_up(out_col, 32), 1), dim3(32, 32, 1), feat.get_ptr(),
+        conv_start.get_ptr(), conv_end.get_ptr(), static_cast<int>(conv_start.get_element_count()),
+        filter_size, out.get_ptr(), fbank, delta, context, static_cast<int>(feat.row()), out_row);
     VORN_KERNEL_TAIL();
 }
 
@@ -191,18 +191,18 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int delta
                                const Tensor<int>& conv_end, Tensor<float>& out) {
     const int out_row = static_cast<int>(out.row()), out_col = static_cast<int>(out.get_w());
     const int context = out_col / (fbank * delta);
-    launch(dim3(div_up(out_row, 32), div_up(out_col, 32), 1), dim3(32, 32, 1), KeReorderErrors,
-           out.get_ptr(), out_col, conv_start.get_ptr(), conv_end.get_ptr(),
-           static_cast<int>(conv_start.get_element_count()), filter_size, expand.get_ptr(), fbank,
-           delta, context, out_row);
+    launch<KeReorderErrors>(dim3(div_up(out_row, 32), div_up(out_col, 32), 1), dim3(32, 32, 1),
+                            out.get_ptr(), out_col, conv_start.get_ptr(), conv_end.get_ptr(),
+                            static_cast<int>(conv_start.get_element_count()), filter_size,
+                            expand.get_ptr(), fbank, delta, context, out_row);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_audio_conv_batch_bias(const Tensor<float>& bias, Tensor<float>& out, int batch) {
     const int NT = 1024;
     const int in_row = static_cast<int>(out.row());
-    launch(in_row, NT, KeAudioConvBatchBias, bias.get_ptr(), out.get_ptr(), in_row / batch, in_row,
-           static_cast<int>(out.get_w()));
+    launch<KeAudioConvBatchBias>(in_row, NT, bias.get_ptr(), out.get_ptr(), in_row / batch, in_row,
+                                 static_cast<int>(out.get_w()));
     VORN_KERNEL_TAIL();
 }
 
@@ -211,8 +211,9 @@ inline void vorn_audio_conv_batch_bias_bp(const Tensor<float>& dy, Tensor<float>
     const int NT = 32;
     const int VT = 32;
     const int in_row = static_cast<int>(dy.row()), in_col = static_cast<int>(dy.get_w());
-    launch(dim3(div_up(in_col, NT), batch, 1), dim3(NT, VT, 1), KeAudioConvBatchBiasBp<NT, VT>,
-           dy.get_ptr(), dbias.get_ptr(), in_row / batch, in_row, in_col);
+    launch<KeAudioConvBatchBiasBp<NT, VT>>(dim3(div_up(in_col, NT), batch, 1), dim3(NT, VT, 1),
+                                           dy.get_ptr(), dbias.get_ptr(), in_row / batch, in_row,
+                                           in_col);
     VORN_KERNEL_TAIL();
 }
 
@@ -221,9 +222,10 @@ inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_si
                              DType alpha, DType beta) {
     const int group_num = static_cast<int>(conv_size.get_element_count());
     const int width = static_cast<int>(out.get_w()), nframe = static_cast<int>(out.row());
-    launch(dim3(div_up(width, 32), div_up(nframe, 32), 1), dim3(32, 32, 1), KeMaxPoolingFWD,
-           in.get_ptr(), nframe, conv_size.get_ptr(), group_num, filter_num / group_num,
-           pooling_size, out.get_ptr(), max_idx.get_ptr(), width, alpha, beta);
+    launch<KeMaxPoolingFWD>(dim3(div_up(width, 32), div_up(nframe, 32), 1), dim3(32, 32, 1),
+                            in.get_ptr(), nframe, conv_size.get_ptr(), group_num,
+                            filter_num / group_num, pooling_size, out.get_ptr(), max_idx.get_ptr(),
+                            width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
@@ -232,9 +234,10 @@ inline void vorn_max_pooling_bp(const Tensor<float>& in, const Tensor<int>& conv
                                 Tensor<float>& out, DType alpha, DType beta) {
     const int group_num = static_cast<int>(conv_size.get_element_count());
     const int width = static_cast<int>(in.get_w()), nframe = static_cast<int>(in.row());
-    launch(dim3(div_up(width, 32), div_up(nframe, 32), 1), dim3(32, 32, 1), KeMaxPoolingBWD,
-           in.get_ptr(), nframe, conv_size.get_ptr(), group_num, filter_num / group_num,
-           pooling_size, out.get_ptr(), max_idx.get_ptr(), width, alpha, beta);
+    launch<KeMaxPoolingBWD>(dim3(div_up(width, 32), div_up(nframe, 32), 1), dim3(32, 32, 1),
+                            in.get_ptr(), nframe, conv_size.get_ptr(), group_num,
+                            filter_num / group_num, pooling_size, out.get_ptr(), max_idx.get_ptr(),
+                            width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 

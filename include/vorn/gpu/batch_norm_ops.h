@@ -155,8 +155,9 @@ inline void vorn_audio_batch_norm_inf(const Tensor<float>& x, const Tensor<float
     if (grids == 0) {
         return;
     }
-    launch(grids, threads, KeAudioBatchNormInf, x.get_ptr(), scale.get_ptr(), bias.get_ptr(),
-           mean.get_ptr(), var.get_ptr(), mask.get_ptr(), out.get_ptr(), dim_m, dim_n);
+    launch<KeAudioBatchNormInf>(grids, threads, x.get_ptr(), scale.get_ptr(), bias.get_ptr(),
+                                mean.get_ptr(), var.get_ptr(), mask.get_ptr(), out.get_ptr(), dim_m,
+                                dim_n);
     VORN_KERNEL_TAIL();
 }
 
@@ -174,11 +175,11 @@ inline void vorn_audio_batch_norm_train(const Tensor<float>& x, const Tensor<flo
     if (grids == 0) {
         return;
     }
-    launch(grids, dim3(NT, VT, 1), KeAudioBatchNormTrain<NT, VT>, x.get_ptr(), scale.get_ptr(),
-           bias.get_ptr(), mask.get_ptr(), run_mean.get_ptr(), run_var.get_ptr(),
-           statis_mean.get_ptr(), statis_var.get_ptr(), saved_mean.get_ptr(),
-           saved_inv_std.get_ptr(), y.get_ptr(), real_frame_size, exp_avg_factor, statis_factor,
-           epsilon, dim_m, dim_n);
+    launch<KeAudioBatchNormTrain<NT, VT>>(
+        grids, dim3(NT, VT, 1), x.get_ptr(), scale.get_ptr(), bias.get_ptr(), mask.get_ptr(),
+        run_mean.get_ptr(), run_var.get_ptr(), statis_mean.get_ptr(), statis_var.get_ptr(),
+        saved_mean.get_ptr(), saved_inv_std.get_ptr(), y.get_ptr(), real_frame_size, exp_avg_factor,
+        statis_factor, epsilon, dim_m, dim_n);
     VORN_KERNEL_TAIL();
 }
 
@@ -194,10 +195,10 @@ inline void vorn_audio_batch_norm_bp(const Tensor<float>& x, const Tensor<float>
     if (grids == 0) {
         return;
     }
-    launch(grids, dim3(NT, VT, 1), KeAudioBatchNormBp<NT, VT>, x.get_ptr(), dy.get_ptr(),
-           scale.get_ptr(), saved_mean.get_ptr(), saved_inv_std.get_ptr(), mask.get_ptr(),
-           dscale.get_ptr(), dbias.get_ptr(), dx.get_ptr(), real_frame_size, exp_avg_factor,
-           epsilon, dim_m, dim_n);
+    launch<KeAudioBatchNormBp<NT, VT>>(
+        grids, dim3(NT, VT, 1), x.get_ptr(), dy.get_ptr(), scale.get_ptr(), saved_mean.get_ptr(),
+        saved_inv_std.get_ptr(), mask.get_ptr(), dscale.get_ptr(), dbias.get_ptr(), dx.get_ptr(),
+        real_frame_size, exp_avg_factor, epsilon, dim_m, dim_n);
     VORN_KERNEL_TAIL();
 }
 

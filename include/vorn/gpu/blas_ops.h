@@ -198,8 +198,8 @@ __global__ void KeMinNormSolve(float* a, int m, int n, int ld_a, float* x, int l
 inline void solve_wide(int batch, int m, int n, Tensor<float>& in, Tensor<float>& inout) {
     const int NT = 128;
     Tensor<float> tau(Dim(batch, m), inout.get_device());
-    launch(batch, NT, KeMinNormSolve<NT>, in.get_ptr(), m, n, static_cast<int>(in.ld()),
-           inout.get_ptr(), static_cast<int>(inout.ld()), tau.get_ptr());
+    launch<KeMinNormSolve<NT>>(batch, NT, in.get_ptr(), m, n, static_cast<int>(in.ld()),
+                               inout.get_ptr(), static_cast<int>(inout.ld()), tau.get_ptr());
 }
 
 /// cuBLAS wants the matrices column-major. One transposition serves the whole batch: as one matrix

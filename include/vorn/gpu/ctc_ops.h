@@ -191,10 +191,10 @@ inline void vorn_compute_ctc_alpha(const Tensor<float>& prob, int row_idx,
                                    const Tensor<int>& label_lengths_utt, Tensor<float>& out) {
     const int utt_num = static_cast<int>(frame_num_utt.get_element_count());
     const int label_num = static_cast<int>(out.get_w());
-    launch(ctc_grid(utt_num, label_num), dim3(kCtcBlock, kCtcBlock, 1), KeComputeCtcAlpha,
-           out.get_ptr(), prob.get_ptr(), labels.get_ptr(), frame_num_utt.get_ptr(),
-           label_lengths_utt.get_ptr(), row_idx, utt_num, label_num,
-           static_cast<int>(prob.get_w()));
+    launch<KeComputeCtcAlpha>(ctc_grid(utt_num, label_num), dim3(kCtcBlock, kCtcBlock, 1),
+                              out.get_ptr(), prob.get_ptr(), labels.get_ptr(),
+                              frame_num_utt.get_ptr(), label_lengths_utt.get_ptr(), row_idx,
+                              utt_num, label_num, static_cast<int>(prob.get_w()));
     VORN_KERNEL_TAIL();
 }
 
@@ -203,10 +203,10 @@ inline void vorn_compute_ctc_beta(const Tensor<float>& prob, int row_idx, const 
                                   const Tensor<int>& label_lengths_utt, Tensor<float>& out) {
     const int utt_num = static_cast<int>(frame_num_utt.get_element_count());
     const int label_num = static_cast<int>(out.get_w());
-    launch(ctc_grid(utt_num, label_num), dim3(kCtcBlock, kCtcBlock, 1), KeComputeCtcBeta,
-           out.get_ptr(), prob.get_ptr(), labels.get_ptr(), frame_num_utt.get_ptr(),
-           label_lengths_utt.get_ptr(), row_idx, utt_num, label_num,
-           static_cast<int>(prob.get_w()));
+    launch<KeComputeCtcBeta>(ctc_grid(utt_num, label_num), dim3(kCtcBlock, kCtcBlock, 1),
+                             out.get_ptr(), prob.get_ptr(), labels.get_ptr(),
+                             frame_num_utt.get_ptr(), label_lengths_utt.get_ptr(), row_idx, utt_num,
+                             label_num, static_cast<int>(prob.get_w()));
     VORN_KERNEL_TAIL();
 }
 
@@ -214,18 +214,18 @@ inline void vorn_compute_ctc_err(const Tensor<float>& alpha, const Tensor<float>
                                  const Tensor<int>& labels, const Tensor<int>& frame_num_utt,
                                  const Tensor<float>& pzx, Tensor<float>& out) {
     const int row_num = static_cast<int>(out.row()), class_num = static_cast<int>(out.get_w());
-    launch(ctc_grid(row_num, class_num), dim3(kCtcBlock, kCtcBlock, 1), KeComputeCtcErr,
-           out.get_ptr(), alpha.get_ptr(), beta.get_ptr(), labels.get_ptr(),
-           frame_num_utt.get_ptr(), pzx.get_ptr(),
-           static_cast<int>(frame_num_utt.get_element_count()), row_num, class_num,
-           static_cast<int>(alpha.get_w()));
+    launch<KeComputeCtcErr>(ctc_grid(row_num, class_num), dim3(kCtcBlock, kCtcBlock, 1),
+                            out.get_ptr(), alpha.get_ptr(), beta.get_ptr(), labels.get_ptr(),
+                            frame_num_utt.get_ptr(), pzx.get_ptr(),
+                            static_cast<int>(frame_num_utt.get_element_count()), row_num, class_num,
+                            static_cast<int>(alpha.get_w()));
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_find_row_max_id(const Tensor<float>& in, Tensor<int>& max_id_vec) {
     const int NT = 128;
-    launch(static_cast<int>(in.row()), NT, KeFindRowMaxId<NT>, in.get_ptr(), max_id_vec.get_ptr(),
-           in.row(), in.get_w());
+    launch<KeFindRowMaxId<NT>>(static_cast<int>(in.row()), NT, in.get_ptr(), max_id_vec.get_ptr(),
+                               in.row(), in.get_w());
     VORN_KERNEL_TAIL();
 }
 
@@ -234,7 +234,7 @@ inline void vorn_vec_mask(const Tensor<float>& in, const Tensor<int>& mask, Tens
     const index_t dimM = out.row(), dimN = out.get_w();
     const dim3 grid(div_up(static_cast<int>(dimN), NT),
                     std::min(static_cast<int>(dimM), kMaxGridSize), 1);
-    launch(grid, NT, KeDoVecMask, in.get_ptr(), mask.get_ptr(), out.get_ptr(), dimM, dimN);
+    launch<KeDoVecMask>(grid, NT, in.get_ptr(), mask.get_ptr(), out.get_ptr(), dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 

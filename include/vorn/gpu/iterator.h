@@ -41,7 +41,7 @@ void iterate(Op f, index_t count) {
     const int NT = 128;
     const int max_blocks = kMaxGridSize;
     const int grid_size = std::min(div_up(count, NT), max_blocks);
-    launch(grid_size, NT, KeConIterateOp<Op>, f, count);
+    launch<KeConIterateOp<Op>>(grid_size, NT, f, count);
     VORN_KERNEL_TAIL();
 }
 
@@ -54,7 +54,7 @@ void iterate(Op f, index_t dimM, index_t dimN) {
     const int max_blocks = kMaxGridSize;
     const int grid_x = std::min(div_up(dimN, NT), 32);
     const int grid_y = std::min(static_cast<int>(dimM), max_blocks / grid_x);
-    launch(dim3(grid_x, grid_y, 1), NT, KeIterateOp<Op>, f, dimM, dimN);
+    launch<KeIterateOp<Op>>(dim3(grid_x, grid_y, 1), NT, f, dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 

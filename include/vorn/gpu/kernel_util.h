@@ -3,6 +3,7 @@
 
 #include <cuda_runtime.h>
 
+#include <type_traits>
 #include <utility>
 
 #include "vorn/context/context.h"
@@ -22,13 +23,19 @@ namespace gpu {
 /// The one door for kernels: queues `kernel` on the calling thread's `default_stream`, without
 /// dynamic shared memory. The result is the caller's tail's to see: every operation ends with
 /// VORN_KERNEL_TAIL(), once behind its launches.
-template <typename... P, typename... A>
-void launch(dim3 grid, dim3 block, void (*kernel)(P...), A&&... args) {
+template <auto kernel, typename... A>
+void launch(dim3 grid, dim3 block, A&&... args) {
     cudaLaunchConfig_t config = {};
     config.gridDim = grid;
     config.blockDim = block;
     config.stream = default_stream;
-    (void)cudaLaunchKernelEx(&config, kernel, std::forward<A>(args)...);
+#ifdef GPUSIM
+    // A constant: the simulator inlines the kernel into its loop over threads.
+    constexpr std::integral_constant<decltype(kernel), kernel> callee;
+#else
+    const auto callee = kernel;
+#endif
+    (void)cudaLaunchKernelEx(&config, callee, std::forward<A>(args)...);
 }
 
 }  // namespace gpu

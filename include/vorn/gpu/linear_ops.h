@@ -72,16 +72,16 @@ inline dim3 tile_grid(int columns, int rows) {
 inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<int>& idx_vec,
                              Tensor<float>& out) {
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
-    launch(tile_grid(dimN, dimM), dim3(32, 32, 1), KeMaxOutForward, in.get_ptr(), out.get_ptr(),
-           idx_vec.get_ptr(), pooling_size, dimM, dimN);
+    launch<KeMaxOutForward>(tile_grid(dimN, dimM), dim3(32, 32, 1), in.get_ptr(), out.get_ptr(),
+                            idx_vec.get_ptr(), pooling_size, dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Tensor<int>& idx_vec,
                              Tensor<float>& out, DType alpha, DType beta) {
     const int dimM = static_cast<int>(in.row()), dimN = static_cast<int>(in.get_w());
-    launch(tile_grid(dimN, dimM), dim3(32, 32, 1), KeMaxOutBackward, in.get_ptr(), out.get_ptr(),
-           idx_vec.get_ptr(), pooling_size, dimM, dimN, alpha, beta);
+    launch<KeMaxOutBackward>(tile_grid(dimN, dimM), dim3(32, 32, 1), in.get_ptr(), out.get_ptr(),
+                             idx_vec.get_ptr(), pooling_size, dimM, dimN, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
@@ -89,8 +89,8 @@ inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t
     const int NT = 512;
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
     const int in_dimN = static_cast<int>(in.get_w());
-    launch(dim3(div_up(in_dimN, NT), dimM, 1), NT, KeColAppend, in.get_ptr(), out.get_ptr(),
-           static_cast<int>(offset), in_dimN, dimM, dimN);
+    launch<KeColAppend>(dim3(div_up(in_dimN, NT), dimM, 1), NT, in.get_ptr(), out.get_ptr(),
+                        static_cast<int>(offset), in_dimN, dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 
@@ -98,8 +98,8 @@ inline void vorn_col_deappend(const Tensor<float>& in, Tensor<float>& out, index
     const int NT = 512;
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
     const int in_dimN = static_cast<int>(in.get_w());
-    launch(dim3(div_up(dimN, NT), dimM, 1), NT, KeColDeAppend, in.get_ptr(), out.get_ptr(),
-           static_cast<int>(offset), in_dimN, dimM, dimN);
+    launch<KeColDeAppend>(dim3(div_up(dimN, NT), dimM, 1), NT, in.get_ptr(), out.get_ptr(),
+                          static_cast<int>(offset), in_dimN, dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 

@@ -89,8 +89,8 @@ void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
     if (grid_size == 0) {
         return;
     }
-    launch(grid_size, NT, KeReduceRow<NT, Reducer, In, Out>, f, in.get_data(), in.ld(),
-           out.get_data(), h, w);
+    launch<KeReduceRow<NT, Reducer, In, Out>>(grid_size, NT, f, in.get_data(), in.ld(),
+                                              out.get_data(), h, w);
     VORN_KERNEL_TAIL();
 }
 
@@ -104,8 +104,8 @@ void reduce_2d_col(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
     if (grid_size == 0) {
         return;
     }
-    launch(grid_size, dim3(NT, VT, 1), KeReduceCol<NT, VT, Reducer, In, Out>, f, in.get_data(),
-           in.ld(), out.get_data(), h, w);
+    launch<KeReduceCol<NT, VT, Reducer, In, Out>>(grid_size, dim3(NT, VT, 1), f, in.get_data(),
+                                                  in.ld(), out.get_data(), h, w);
     VORN_KERNEL_TAIL();
 }
 

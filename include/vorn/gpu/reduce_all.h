@@ -64,10 +64,10 @@ void fold_all(Reducer f, const Tensor<float>& in, DType* res) {
     const int grid_size =
         std::max(1, std::min(div_up(static_cast<int>(count), elements_per_block), max_blocks));
     DType* partial = t_ctx->gpu_mem;
-    launch(grid_size, NT, KeReduceAll<NT, Reducer>, f, in.get_data(), count, partial);
+    launch<KeReduceAll<NT, Reducer>>(grid_size, NT, f, in.get_data(), count, partial);
     if (grid_size > 1) {
-        launch(1, NT, KeReduceAll<NT, Reducer>, f, partial, static_cast<index_t>(grid_size),
-               partial);
+        launch<KeReduceAll<NT, Reducer>>(1, NT, f, partial, static_cast<index_t>(grid_size),
+                                         partial);
     }
     VORN_KERNEL_TAIL();
     gpu::vorn_memcpy_d2h(res, partial, sizeof(DType));

@@ -2,6 +2,7 @@
 #define VORN_GPU_RNN_OPS_H_
 
 #include <algorithm>
+#include <type_traits>
 
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/ops/lstm_rule.h"
@@ -77,12 +78,19 @@ inline void vorn_lstm_op(const Tensor<float>& wx_out, const Tensor<float>& wc_i,
         CHECK(false);
     }
     const index_t sub_width = wc_i.get_width(), sub_height = wx_out.get_height();
-    const auto kernel = func::is_lstm_limit(max, min) ? KeLstmOp<true> : KeLstmOp<false>;
-    launch(lstm_grid(sub_width, sub_height), kLstmThreads, kernel, wx_out.get_ptr(), wc_i.get_ptr(),
-           wc_f.get_ptr(), wc_o.get_ptr(), c_pre.get_ptr(), c_cur.get_ptr(), i_out.get_ptr(),
-           f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), hc.get_ptr(), m_cur.get_ptr(),
-           wx_out.get_stride(), c_pre.get_stride(), c_cur.get_stride(), m_cur.get_stride(),
-           sub_width, sub_height, max, min);
+    const auto queue = [&](auto limit) {
+        launch<KeLstmOp<decltype(limit)::value>>(
+            lstm_grid(sub_width, sub_height), kLstmThreads, wx_out.get_ptr(), wc_i.get_ptr(),
+            wc_f.get_ptr(), wc_o.get_ptr(), c_pre.get_ptr(), c_cur.get_ptr(), i_out.get_ptr(),
+            f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), hc.get_ptr(), m_cur.get_ptr(),
+            wx_out.get_stride(), c_pre.get_stride(), c_cur.get_stride(), m_cur.get_stride(),
+            sub_width, sub_height, max, min);
+    };
+    if (func::is_lstm_limit(max, min)) {
+        queue(std::true_type());
+    } else {
+        queue(std::false_type());
+    }
     VORN_KERNEL_TAIL();
 }
 
@@ -93,10 +101,11 @@ inline void vorn_lstm_bp_op(const Tensor<float>& i_out, const Tensor<float>& f_o
                             const Tensor<float>& c_err, Tensor<float>& e_cur,
                             Tensor<float>& wx_err) {
     const index_t sub_width = i_out.get_width(), sub_height = i_out.get_height();
-    launch(lstm_grid(sub_width, sub_height), kLstmThreads, KeLstmBpOp, i_out.get_ptr(),
-           f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), wc_o.get_ptr(), m_err.get_ptr(),
-           hc.get_ptr(), c_pre.get_ptr(), c_err.get_ptr(), e_cur.get_ptr(), wx_err.get_ptr(),
-           wx_err.get_stride(), sub_width, sub_height);
+    launch<KeLstmBpOp>(lstm_grid(sub_width, sub_height), kLstmThreads, i_out.get_ptr(),
+                       f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), wc_o.get_ptr(),
+                       m_err.get_ptr(), hc.get_ptr(), c_pre.get_ptr(), c_err.get_ptr(),
+                       e_cur.get_ptr(), wx_err.get_ptr(), wx_err.get_stride(), sub_width,
+                       sub_height);
     VORN_KERNEL_TAIL();
 }
 

@@ -185,43 +185,43 @@ inline void vorn_ld_mul_diag_mat_sigmoid(const Tensor<float>& in, const Tensor<f
                                          const Tensor<float>& bak, Tensor<float>& out, DType alpha,
                                          DType beta) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, ke_ld_mul_diag_mat_sigmoid,
-           in.get_ptr(), w.get_ptr(), bak.get_ptr(), out.get_ptr(),
-           static_cast<int>(bak.get_stride()), height, width, alpha, beta);
+    launch<ke_ld_mul_diag_mat_sigmoid>(
+        cell_grid(out, kRnnStepThreads), kRnnStepThreads, in.get_ptr(), w.get_ptr(), bak.get_ptr(),
+        out.get_ptr(), static_cast<int>(bak.get_stride()), height, width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_elem_mul_add(const Tensor<float>& a, const Tensor<float>& b,
                               const Tensor<float>& c, const Tensor<float>& d, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kMulAddThreads), kMulAddThreads, KeElemMulAdd, a.get_ptr(), b.get_ptr(),
-           c.get_ptr(), d.get_ptr(), out.get_ptr(), height, width);
+    launch<KeElemMulAdd>(cell_grid(out, kMulAddThreads), kMulAddThreads, a.get_ptr(), b.get_ptr(),
+                         c.get_ptr(), d.get_ptr(), out.get_ptr(), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_elem_mul_tanh(const Tensor<float>& a, const Tensor<float>& b,
                                const Tensor<float>& c, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, ke_elem_mul_tanh, a.get_ptr(),
-           b.get_ptr(), c.get_ptr(), out.get_ptr(), height, width);
+    launch<ke_elem_mul_tanh>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, a.get_ptr(),
+                             b.get_ptr(), c.get_ptr(), out.get_ptr(), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_ld_sigmoid_bprop(const Tensor<float>& b, const Tensor<float>& c,
                                   Tensor<float>& out, DType alpha, DType beta) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, KeSigmoidBp, b.get_ptr(),
-           b.get_stride(), c.get_ptr(), c.get_stride(), out.get_ptr(), out.get_stride(), height,
-           width, alpha, beta);
+    launch<KeSigmoidBp>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, b.get_ptr(),
+                        b.get_stride(), c.get_ptr(), c.get_stride(), out.get_ptr(),
+                        out.get_stride(), height, width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_ld_sigmoid_backprop(const Tensor<float>& a, const Tensor<float>& b,
                                      const Tensor<float>& c, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, ke_ld_sigmoid_backprop, a.get_ptr(),
-           b.get_ptr(), c.get_ptr(), out.get_ptr(), static_cast<int>(out.get_stride()), height,
-           width);
+    launch<ke_ld_sigmoid_backprop>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, a.get_ptr(),
+                                   b.get_ptr(), c.get_ptr(), out.get_ptr(),
+                                   static_cast<int>(out.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
 
@@ -230,9 +230,10 @@ inline void vorn_ld_cell_cur_error(const Tensor<float>& m_err, const Tensor<floa
                                    const Tensor<float>& w_oc, const Tensor<float>& ebc,
                                    Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, ke_ld_cell_cur_error, m_err.get_ptr(),
-           o.get_ptr(), hc.get_ptr(), o_err.get_ptr(), w_oc.get_ptr(), ebc.get_ptr(), out.get_ptr(),
-           static_cast<int>(o.get_stride()), static_cast<int>(o_err.get_stride()), height, width);
+    launch<ke_ld_cell_cur_error>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, m_err.get_ptr(),
+                                 o.get_ptr(), hc.get_ptr(), o_err.get_ptr(), w_oc.get_ptr(),
+                                 ebc.get_ptr(), out.get_ptr(), static_cast<int>(o.get_stride()),
+                                 static_cast<int>(o_err.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
 
@@ -241,45 +242,50 @@ inline void vorn_ld_cell_back_error(const Tensor<float>& c_err, const Tensor<flo
                                     const Tensor<float>& i_err, const Tensor<float>& w_ic,
                                     Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, ke_ld_cell_back_error, c_err.get_ptr(),
-           f.get_ptr(), f_err.get_ptr(), w_fc.get_ptr(), i_err.get_ptr(), w_ic.get_ptr(),
-           out.get_ptr(), static_cast<int>(f_err.get_stride()),
-           static_cast<int>(i_err.get_stride()), height, width);
+    launch<ke_ld_cell_back_error>(
+        cell_grid(out, kRnnStepThreads), kRnnStepThreads, c_err.get_ptr(), f.get_ptr(),
+        f_err.get_ptr(), w_fc.get_ptr(), i_err.get_ptr(), w_ic.get_ptr(), out.get_ptr(),
+        static_cast<int>(f_err.get_stride()), static_cast<int>(i_err.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_ld_tanh_backprop(const Tensor<float>& a, const Tensor<float>& b,
                                   const Tensor<float>& c, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch(cell_grid(out, kRnnStepThreads), kRnnStepThreads, ke_ld_tanh_backprop, a.get_ptr(),
-           b.get_ptr(), c.get_ptr(), out.get_ptr(), static_cast<int>(out.get_stride()), height,
-           width);
+    launch<ke_ld_tanh_backprop>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, a.get_ptr(),
+                                b.get_ptr(), c.get_ptr(), out.get_ptr(),
+                                static_cast<int>(out.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_diag_mat_diff(const Tensor<float>& a, const Tensor<float>& b, Tensor<float>& out,
                                DType alpha, DType beta) {
     const int height = static_cast<int>(a.row()), width = static_cast<int>(a.get_w());
-    const bool wide = a.get_w() >= kDiagWideFrom;
-    const dim3 block = wide ? dim3(kDiagThreads) : dim3(kDiagTile, kDiagTile, 1);
-    launch(div_up(width, static_cast<int>(block.x)), block,
-           wide ? KeDiagMatrixDiff : KeDiagMatrixDiff_S, a.get_ptr(), a.get_stride(), b.get_ptr(),
-           b.get_stride(), out.get_ptr(), out.get_stride(), height, width, alpha, beta);
+    if (a.get_w() >= kDiagWideFrom) {
+        launch<KeDiagMatrixDiff>(div_up(width, kDiagThreads), kDiagThreads, a.get_ptr(),
+                                 a.get_stride(), b.get_ptr(), b.get_stride(), out.get_ptr(),
+                                 out.get_stride(), height, width, alpha, beta);
+    } else {
+        launch<KeDiagMatrixDiff_S>(div_up(width, kDiagTile), dim3(kDiagTile, kDiagTile, 1),
+                                   a.get_ptr(), a.get_stride(), b.get_ptr(), b.get_stride(),
+                                   out.get_ptr(), out.get_stride(), height, width, alpha, beta);
+    }
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_mask_reverse(const Tensor<float>& in, const Tensor<int>& batch_seq_len,
                               Tensor<float>& out, int batch_size, int seq_len) {
-    launch(std::min(batch_size * seq_len, kMaxGridSize), kRnnStepThreads, KeMaskReverse,
-           in.get_ptr(), batch_seq_len.get_ptr(), out.get_ptr(), batch_size, seq_len,
-           static_cast<int>(in.get_size(1)));
+    launch<KeMaskReverse>(std::min(batch_size * seq_len, kMaxGridSize), kRnnStepThreads,
+                          in.get_ptr(), batch_seq_len.get_ptr(), out.get_ptr(), batch_size, seq_len,
+                          static_cast<int>(in.get_size(1)));
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
                                    int batch_size, int sub_frame_len) {
-    launch(std::min(div_up(batch_size, kRnnStepThreads), kMaxGridSize), kRnnStepThreads,
-           KeCountValidLabel, mask.get_ptr(), batch_seq_len.get_ptr(), batch_size, sub_frame_len);
+    launch<KeCountValidLabel>(std::min(div_up(batch_size, kRnnStepThreads), kMaxGridSize),
+                              kRnnStepThreads, mask.get_ptr(), batch_seq_len.get_ptr(), batch_size,
+                              sub_frame_len);
     VORN_KERNEL_TAIL();
 }
 

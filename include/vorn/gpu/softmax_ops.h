@@ -106,10 +106,10 @@ inline void vorn_softmax(const Tensor<float>& in, Tensor<float>& out, index_t ou
     const unsigned grid = static_cast<unsigned>(outer);
     if (inner == 1) {
         const int NT = 512;
-        launch(grid, NT, KeSoftMax<NT>, in_ptr, out_ptr, static_cast<int>(channel), alpha, beta);
+        launch<KeSoftMax<NT>>(grid, NT, in_ptr, out_ptr, static_cast<int>(channel), alpha, beta);
     } else {
         const int NT = 128;
-        launch(grid, NT, KeSoftMax3D<NT>, in_ptr, out_ptr, outer, channel, inner);
+        launch<KeSoftMax3D<NT>>(grid, NT, in_ptr, out_ptr, outer, channel, inner);
     }
     VORN_KERNEL_TAIL();
 }
@@ -136,8 +136,8 @@ inline void vorn_stat_channel_sum(const Tensor<float>& a, Tensor<float>& out, in
         return;
     }
     const int NT = 128;
-    launch(static_cast<unsigned>(outer), NT, KeStatChannelSum<NT>, a.get_ptr(), out.get_ptr(),
-           outer, channel, inner);
+    launch<KeStatChannelSum<NT>>(static_cast<unsigned>(outer), NT, a.get_ptr(), out.get_ptr(),
+                                 outer, channel, inner);
     VORN_KERNEL_TAIL();
 }
 
@@ -192,13 +192,13 @@ inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<flo
         const int NT = 512;
         const dim3 grid(div_up(static_cast<int>(channel), NT),
                         static_cast<unsigned>(std::min(outer, max_blocks)), 1);
-        launch(grid, NT, KeSoftmaxBackwardNormal, dst_grad_p, out_p, src_grad_p, sum_buf_p, outer,
-               static_cast<int>(channel), alpha, beta);
+        launch<KeSoftmaxBackwardNormal>(grid, NT, dst_grad_p, out_p, src_grad_p, sum_buf_p, outer,
+                                        static_cast<int>(channel), alpha, beta);
     } else {
         const int NT = 128;
         const unsigned grid = static_cast<unsigned>(std::min(outer * channel, max_blocks));
-        launch(grid, NT, KeSoftmaxBackwardNormal3D<NT>, dst_grad_p, out_p, src_grad_p, sum_buf_p,
-               outer, channel, inner, alpha, beta);
+        launch<KeSoftmaxBackwardNormal3D<NT>>(grid, NT, dst_grad_p, out_p, src_grad_p, sum_buf_p,
+                                              outer, channel, inner, alpha, beta);
     }
     VORN_KERNEL_TAIL();
 }

@@ -14,13 +14,13 @@ namespace vorn {
 namespace gpu {
 
 /// Queues `kernel` with a thread for each element of `out`; nothing where it has none.
-template <typename... P, typename... A>
-void launch_on_elements(const Tensor<float>& out, void (*kernel)(P...), A... args) {
+template <auto kernel, typename... A>
+void launch_on_elements(const Tensor<float>& out, A... args) {
     const int NT = 1024;
     if (out.count() != 0) {
         const dim3 grid(static_cast<unsigned>(out.row()), div_up(static_cast<int>(out.col()), NT),
                         1);
-        launch(grid, NT, kernel, args...);
+        launch<kernel>(grid, NT, args...);
     }
 }
 
@@ -50,15 +50,17 @@ static __global__ void KeMatColAddVec(const float* in, index_t ld_in, const floa
 
 inline void vorn_mat_row_add_vec(const Tensor<float>& mat, const Tensor<float>& vec,
                                  Tensor<float>& out, DType alpha0, DType alpha1, DType beta) {
-    launch_on_elements(out, KeMatRowAddVec, mat.get_ptr(), mat.ld(), vec.get_ptr(), vec.ld(),
-                       out.get_ptr(), out.ld(), out.row(), out.col(), alpha0, alpha1, beta);
+    launch_on_elements<KeMatRowAddVec>(out, mat.get_ptr(), mat.ld(), vec.get_ptr(), vec.ld(),
+                                       out.get_ptr(), out.ld(), out.row(), out.col(), alpha0,
+                                       alpha1, beta);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_mat_col_add_vec(const Tensor<float>& mat, const Tensor<float>& vec,
                                  Tensor<float>& out, DType alpha0, DType alpha1, DType beta) {
-    launch_on_elements(out, KeMatColAddVec, mat.get_ptr(), mat.ld(), vec.get_ptr(), vec.ld(),
-                       out.get_ptr(), out.ld(), out.row(), out.col(), alpha0, alpha1, beta);
+    launch_on_elements<KeMatColAddVec>(out, mat.get_ptr(), mat.ld(), vec.get_ptr(), vec.ld(),
+                                       out.get_ptr(), out.ld(), out.row(), out.col(), alpha0,
+                                       alpha1, beta);
     VORN_KERNEL_TAIL();
 }
 
@@ -88,15 +90,15 @@ static __global__ void KeMatColMulVec(const float* in, index_t ld_in, const floa
 
 inline void vorn_mat_row_mul_vec(const Tensor<float>& a, const Tensor<float>& b, Tensor<float>& out,
                                  DType alpha, DType beta) {
-    launch_on_elements(out, KeMatRowMulVec, a.get_ptr(), a.ld(), b.get_ptr(), b.ld(), out.get_ptr(),
-                       out.ld(), out.row(), out.col(), alpha, beta);
+    launch_on_elements<KeMatRowMulVec>(out, a.get_ptr(), a.ld(), b.get_ptr(), b.ld(), out.get_ptr(),
+                                       out.ld(), out.row(), out.col(), alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_mat_col_mul_vec(const Tensor<float>& a, const Tensor<float>& b, Tensor<float>& out,
                                  DType alpha, DType beta) {
-    launch_on_elements(out, KeMatColMulVec, a.get_ptr(), a.ld(), b.get_ptr(), b.ld(), out.get_ptr(),
-                       out.ld(), out.row(), out.col(), alpha, beta);
+    launch_on_elements<KeMatColMulVec>(out, a.get_ptr(), a.ld(), b.get_ptr(), b.ld(), out.get_ptr(),
+                                       out.ld(), out.row(), out.col(), alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
@@ -128,16 +130,17 @@ static __global__ void KeMatDiagMulVec(const float* in, index_t ld_in, const flo
 
 inline void vorn_mat_diag_add_vec(const Tensor<float>& mat, const Tensor<float>& diag_mat,
                                   Tensor<float>& out, DType alpha0, DType alpha1, DType beta) {
-    launch_on_elements(out, KeMatDiagAddVec, mat.get_ptr(), mat.ld(), diag_mat.get_ptr(),
-                       diag_mat.ld(), out.get_ptr(), out.ld(), out.row(), out.col(), alpha0, alpha1,
-                       beta);
+    launch_on_elements<KeMatDiagAddVec>(out, mat.get_ptr(), mat.ld(), diag_mat.get_ptr(),
+                                        diag_mat.ld(), out.get_ptr(), out.ld(), out.row(),
+                                        out.col(), alpha0, alpha1, beta);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_mat_diag_mul_vec(const Tensor<float>& mat, const Tensor<float>& diag_mat,
                                   Tensor<float>& out, DType alpha, DType beta) {
-    launch_on_elements(out, KeMatDiagMulVec, mat.get_ptr(), mat.ld(), diag_mat.get_ptr(),
-                       diag_mat.ld(), out.get_ptr(), out.ld(), out.row(), out.col(), alpha, beta);
+    launch_on_elements<KeMatDiagMulVec>(out, mat.get_ptr(), mat.ld(), diag_mat.get_ptr(),
+                                        diag_mat.ld(), out.get_ptr(), out.ld(), out.row(),
+                                        out.col(), alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
@@ -157,8 +160,8 @@ static __global__ void KeLogSubPrior(const float* in, const float* prior, float*
 
 inline void vorn_log_sub_prior(const Tensor<float>& in, const Tensor<float>& prior,
                                Tensor<float>& out) {
-    launch_on_elements(out, KeLogSubPrior, in.get_ptr(), prior.get_ptr(), out.get_ptr(), out.row(),
-                       out.col());
+    launch_on_elements<KeLogSubPrior>(out, in.get_ptr(), prior.get_ptr(), out.get_ptr(), out.row(),
+                                      out.col());
     VORN_KERNEL_TAIL();
 }
 

@@ -6,6 +6,9 @@
 ///
 /// Kernels are ordinary functions here. They run on the host's processor, on one thread per stream.
 
+/// Tells sources that run on real devices too which toolkit they are compiled against.
+#define GPUSIM 1
+
 #include "gpusim/device_functions.h"
 #include "gpusim/error.h"
 #include "gpusim/launch.h"

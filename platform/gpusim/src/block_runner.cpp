@@ -44,14 +44,10 @@ cudaError_t BlockRunner::run(detail::KernelCall& call, dim3 grid, dim3 block) {
     gridDim = grid;
     blockDim = block;
     current_runner = this;
-    for (unsigned z = 0; z < grid.z && fault_ == cudaSuccess; ++z) {
-        for (unsigned y = 0; y < grid.y && fault_ == cudaSuccess; ++y) {
-            for (unsigned x = 0; x < grid.x && fault_ == cudaSuccess; ++x) {
-                blockIdx = {x, y, z};
-                run_block();
-            }
-        }
-    }
+    blockIdx = {0, 0, 0};
+    start_block();
+    active_ = &main_;
+    switch_to(pool_.take());
     current_runner = nullptr;
     call_ = nullptr;
     if (fault_ != cudaSuccess) {
@@ -62,7 +58,7 @@ cudaError_t BlockRunner::run(detail::KernelCall& call, dim3 grid, dim3 block) {
     return fault_;
 }
 
-void BlockRunner::run_block() {
+void BlockRunner::start_block() {
     next_start_ = 0;
     block_waiting_ = 0;
     warp_waiting_ = 0;
@@ -70,8 +66,17 @@ void BlockRunner::run_block() {
     resumable_ = State::kAtBlock;
     run_first_ = 0;
     run_last_ = count_;
-    active_ = &main_;
-    switch_to(pool_.take());
+}
+
+bool BlockRunner::advance_block() {
+    if (++blockIdx.x == gridDim.x) {
+        blockIdx.x = 0;
+        if (++blockIdx.y == gridDim.y) {
+            blockIdx.y = 0;
+            ++blockIdx.z;
+        }
+    }
+    return blockIdx.z != gridDim.z;
 }
 
 void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
@@ -189,6 +194,9 @@ Fiber* BlockRunner::choose() {
         } else if (block_waiting_ != 0) {
             block_waiting_ = 0;
             position_ = 0;
+        } else if (advance_block()) {
+            start_block();
+            return nullptr;
         } else {
             return &main_;
         }

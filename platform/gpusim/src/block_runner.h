@@ -52,12 +52,14 @@ private:
 
     static void fiber_entry(boost::context::detail::transfer_t transfer);
     [[noreturn]] void fiber_loop(Fiber& self);
-    void run_block();
+    void start_block();
+    /// Steps `blockIdx` to the next block; false behind the last.
+    bool advance_block();
     /// Binds the running thread to its fiber; returns its linear index.
     unsigned bind();
     void park();
-    /// The fiber that goes on: a parked one, `main_` when the block has ended, or null when the
-    /// threads [run_first_, run_last_) are to be started.
+    /// The fiber that goes on: a parked one, `main_` when the last block has ended, or null when
+    /// the threads [run_first_, run_last_) are to be started.
     Fiber* choose();
     void release_warp();
     void switch_to(Fiber& to);

@@ -48,7 +48,7 @@ cudaError_t check_launch(const cudaLaunchConfig_t* config, const void* kernel) {
     });
 }
 
-cudaError_t launch(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall> call) {
+cudaError_t submit(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall> call) {
     return stream_api(config.stream, [&](Device& device, const StreamPtr& stream) {
         const StreamPoint point = device.submit(
             stream, make_task([call = std::move(call), grid = config.gridDim,

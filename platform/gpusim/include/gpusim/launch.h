@@ -44,24 +44,27 @@ public:
     virtual const void* address() const = 0;
 };
 
-template <class... P>
+/// `Kernel` is a pointer to a function, or a std::integral_constant of one.
+template <class Kernel, class... P>
 class TypedKernelCall final : public KernelCall {
 public:
     template <class... A>
-    explicit TypedKernelCall(void (*kernel)(P...), A&&... args)
+    explicit TypedKernelCall(Kernel kernel, A&&... args)
         : kernel_(kernel), args_(std::forward<A>(args)...) {}
 
     void run(const FiberThread& self, unsigned first, unsigned last) override {
         run_threads(self, first, last, std::index_sequence_for<P...>{});
     }
-    const void* address() const override { return reinterpret_cast<const void*>(kernel_); }
+    const void* address() const override {
+        return reinterpret_cast<const void*>(static_cast<void (*)(P...)>(kernel_));
+    }
 
 private:
     template <size_t... I>
     void run_threads(const FiberThread& self, unsigned first, unsigned last,
                      std::index_sequence<I...>) {
         // Locals, so that small arguments stay in registers from thread to thread.
-        void (*const kernel)(P...) = kernel_;
+        const Kernel kernel = kernel_;
         [[maybe_unused]] const std::tuple<P...> args = args_;
         const unsigned size_x = blockDim.x;
         const unsigned size_y = blockDim.y;
@@ -86,13 +89,29 @@ private:
         }
     }
 
-    void (*kernel_)(P...);
+    Kernel kernel_;
     std::tuple<P...> args_;
 };
 
 /// Why `config` cannot be launched, or cudaSuccess; recorded as the last error.
 cudaError_t check_launch(const cudaLaunchConfig_t* config, const void* kernel);
-cudaError_t launch(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall> call);
+cudaError_t submit(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall> call);
+
+template <class Kernel, class... P, class... A>
+cudaError_t launch(const cudaLaunchConfig_t* config, Kernel kernel, void (*address)(P...),
+                   A&&... args) {
+    static_assert(!(std::is_reference_v<P> || ...), "a kernel's parameters are values");
+    static_assert(sizeof...(P) == sizeof...(A), "wrong number of arguments for this kernel");
+    const cudaError_t error = check_launch(config, reinterpret_cast<const void*>(address));
+    if (error != cudaSuccess) {
+        return error;
+    }
+    // A function's parameters, so that arguments convert as they do in a plain call.
+    const auto bind = [&](P... values) {
+        return std::make_unique<TypedKernelCall<Kernel, P...>>(kernel, values...);
+    };
+    return submit(*config, bind(std::forward<A>(args)...));
+}
 
 }  // namespace gpusim::detail
 
@@ -103,17 +122,15 @@ cudaError_t launch(const cudaLaunchConfig_t& config, std::unique_ptr<KernelCall>
 template <class... P, class... A>
 cudaError_t cudaLaunchKernelEx(const cudaLaunchConfig_t* config, void (*kernel)(P...),
                                A&&... args) {
-    static_assert(!(std::is_reference_v<P> || ...), "a kernel's parameters are values");
-    static_assert(sizeof...(P) == sizeof...(A), "wrong number of arguments for this kernel");
-    const cudaError_t error =
-        ::gpusim::detail::check_launch(config, reinterpret_cast<const void*>(kernel));
-    if (error != cudaSuccess) {
-        return error;
-    }
-    using Call = ::gpusim::detail::TypedKernelCall<P...>;
-    // A function's parameters, so that arguments convert as they do in a plain call.
-    const auto bind = [&](P... values) { return std::make_unique<Call>(kernel, values...); };
-    return ::gpusim::detail::launch(*config, bind(std::forward<A>(args)...));
+    return ::gpusim::detail::launch(config, kernel, kernel, std::forward<A>(args)...);
+}
+
+/// The same for a kernel that is known at compile time: it is inlined into the loop that runs the
+/// threads of a block. The toolkit of a real GPU has no such form.
+template <class... P, void (*Kernel)(P...), class... A>
+cudaError_t cudaLaunchKernelEx(const cudaLaunchConfig_t* config,
+                               std::integral_constant<void (*)(P...), Kernel> kernel, A&&... args) {
+    return ::gpusim::detail::launch(config, kernel, Kernel, std::forward<A>(args)...);
 }
 
 #endif  // GPUSIM_GPUSIM_LAUNCH_H_
