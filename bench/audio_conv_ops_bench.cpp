@@ -1,4 +1,5 @@
-#include <vector>
+#include <algorithm>
+#include <random>
 
 #include "floor.h"
 #include "vorn/tensor/tensor.h"
@@ -12,13 +13,24 @@ namespace {
 constexpr int kFrames = 4096, kContext = 11, kDelta = 3, kBanks = 40, kFilter = 8;
 constexpr int kPositions = kBanks - kFilter + 1;
 
+// Memory that nobody has written to may all be one page of zeros.
+void fill(Tensor<float>& tensor) {
+    std::mt19937 engine(1);
+    std::uniform_real_distribution<float> draw(-1, 1);
+    std::generate_n(tensor.get_ptr(), tensor.count(), [&] { return draw(engine); });
+}
+
 struct Patches {
     Tensor<float> features{Dim(kFrames, kContext* kDelta* kBanks)};
     Tensor<float> patches{Dim(kFrames * kPositions, kFilter* kContext* kDelta)};
     Tensor<int> start{Dim(1)}, end{Dim(1)};
     double bytes = 4.0 * (features.count() + patches.count());
 
-    Patches() { end.set_element(kPositions - 1); }
+    Patches() {
+        end.set_element(kPositions - 1);
+        fill(features);
+        fill(patches);
+    }
 };
 
 void expand(benchmark::State& state) {
@@ -44,7 +56,12 @@ struct Pooling {
     Tensor<float> out{Dim(kFrames, kFilters*(kPositions / kPool))};
     Tensor<int> idx{out.get_size()}, size{Dim(1)};
 
-    Pooling() { size.set_element(kPositions); }
+    Pooling() {
+        size.set_element(kPositions);
+        fill(in);
+        fill(out);
+        idx.set_element(1);
+    }
 };
 
 void pool(benchmark::State& state) {
@@ -63,12 +80,16 @@ BENCHMARK(pool_backward)->Name("max pooling backward, same");
 
 void bias(benchmark::State& state) {
     Tensor<float> rows(Dim(kFrames * kPositions, kFilters)), bias(Dim(1, kFilters));
+    fill(rows);
+    fill(bias);
     against_copy(state, 8.0 * rows.count(), [&] { rows.audio_conv_batch_bias(bias, 1); });
 }
 BENCHMARK(bias)->Name("bias per block, 4096 x 33 rows of 64");
 
 void bias_backward(benchmark::State& state) {
     Tensor<float> rows(Dim(kFrames * kPositions, kFilters)), bias(Dim(1, kFilters));
+    fill(rows);
+    fill(bias);
     against_copy(state, 4.0 * rows.count(), [&] { bias.audio_conv_batch_bias_bp(rows, 1); });
 }
 BENCHMARK(bias_backward)->Name("bias gradient per block, same");

@@ -3,75 +3,110 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
+
+#include "vorn/tensor/buffer.h"
 
 /// Floors measured in the same run as the work, so that a ratio means the same on any machine.
+/// Work and floor take turns, and the fastest turns of both are compared: what else the machine
+/// does, and how fast it happens to run, hits them alike.
 namespace vorn {
 namespace bench {
 
-/// Bytes read and written per second by memcpy, on a working set (source and destination
-/// together) of `working_set` bytes. Measured once per size.
-double copy_bandwidth(size_t working_set);
+struct Turns {
+    double work, floor;  ///< Seconds of one call in the fastest turn of each.
+};
 
-/// Single-precision operations per second of one core, from independent fused multiply-adds.
-double peak_flops();
+/// Calls `work` and `floor` in turns of a few milliseconds each.
+template <typename Work, typename Floor>
+Turns take_turns(Work&& work, Floor&& floor);
 
-/// Seconds of one call: the fastest of several runs of a few milliseconds each.
-template <typename F>
-double seconds_of(F&& call);
+/// Times `work` and reports the microseconds of its floor and the ratio to it. The floor is
+/// `scale` calls of `floor`.
+template <typename Work, typename Floor>
+void against(benchmark::State& state, Work&& work, Floor&& floor, double scale = 1);
 
-/// Times `call` and reports the microseconds of its floor and the ratio to it. `bytes` are those
-/// that it must at least read and write; they are its working set too.
-template <typename F>
-void against_copy(benchmark::State& state, double bytes, F&& call);
+/// A memcpy that moves `bytes`, half of them read and half written. They are those that the work
+/// must at least read and write, and so its working set too.
+template <typename Work>
+void against_copy(benchmark::State& state, double bytes, Work&& work);
 
-/// The same for a floor of `flops` operations.
-template <typename F>
-void against_flops(benchmark::State& state, double flops, F&& call);
+/// `flops` single-precision operations of one core, in independent fused multiply-adds.
+template <typename Work>
+void against_flops(benchmark::State& state, double flops, Work&& work);
 
 // ---- Bodies
 
 double now();
 
+/// Seconds of one of the calls that fill a few milliseconds.
 template <typename F>
 double seconds_of(F&& call) {
     call();
-    double best = 1e30;
-    for (int run = 0; run < 7; ++run) {
-        int calls = 0;
-        const double start = now();
-        double elapsed;
-        do {
-            call();
-            ++calls;
-            elapsed = now() - start;
-        } while (elapsed < 5e-3);
-        best = elapsed / calls < best ? elapsed / calls : best;
+    int calls = 0;
+    const double start = now();
+    double elapsed;
+    do {
+        call();
+        benchmark::ClobberMemory();
+        ++calls;
+        elapsed = now() - start;
+    } while (elapsed < 2e-3);
+    return elapsed / calls;
+}
+
+template <typename Work, typename Floor>
+Turns take_turns(Work&& work, Floor&& floor) {
+    constexpr int kMinTurns = 3, kMaxTurns = 15;
+    constexpr double kEnough = 0.4;
+    Turns best{1e30, 1e30};
+    const double start = now();
+    for (int turn = 0; turn < kMaxTurns && (turn < kMinTurns || now() - start < kEnough); ++turn) {
+        best.work = std::min(best.work, seconds_of(work));
+        best.floor = std::min(best.floor, seconds_of(floor));
     }
     return best;
 }
 
-template <typename F>
-void against_floor(benchmark::State& state, double floor_seconds, F&& call) {
-    call();
-    const double start = now();
+template <typename Work, typename Floor>
+void against(benchmark::State& state, Work&& work, Floor&& floor, double scale) {
+    const Turns best = take_turns(work, floor);
     for (auto _ : state) {
-        call();
+        work();
         benchmark::ClobberMemory();
     }
-    const double seconds = (now() - start) / state.iterations();
-    state.counters["floor_us"] = floor_seconds * 1e6;
-    state.counters["x_floor"] = seconds / floor_seconds;
+    state.counters["floor_us"] = best.floor * scale * 1e6;
+    state.counters["x_floor"] = best.work / (best.floor * scale);
 }
 
-template <typename F>
-void against_copy(benchmark::State& state, double bytes, F&& call) {
-    against_floor(state, bytes / copy_bandwidth(static_cast<size_t>(bytes)), call);
+/// A copy of so many bytes from one buffer to another.
+class CopyFloor {
+public:
+    explicit CopyFloor(double bytes)
+        : bytes_(static_cast<size_t>(bytes / 2)), source_(bytes_, CPU), target_(bytes_, CPU) {
+        memset(source_.ptr(), 1, bytes_);
+    }
+    void operator()() { memcpy(target_.ptr(), source_.ptr(), bytes_); }
+
+private:
+    size_t bytes_;
+    Buffer source_, target_;
+};
+
+template <typename Work>
+void against_copy(benchmark::State& state, double bytes, Work&& work) {
+    CopyFloor copy(bytes);
+    against(state, work, copy);
 }
 
-template <typename F>
-void against_flops(benchmark::State& state, double flops, F&& call) {
-    against_floor(state, flops / peak_flops(), call);
+constexpr double kFlopsOfCall = 2e6;
+void multiply_add();
+
+template <typename Work>
+void against_flops(benchmark::State& state, double flops, Work&& work) {
+    against(state, work, multiply_add, flops / kFlopsOfCall);
 }
 
 }  // namespace bench

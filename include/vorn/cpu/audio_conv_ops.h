@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "vorn/cpu/lanes.h"
 #include "vorn/cpu/memory.h"
 #include "vorn/cpu/reduce.h"
 #include "vorn/cpu/transpose.h"
@@ -94,91 +95,144 @@ inline void vorn_audio_conv_batch_bias_bp(const Tensor<float>& dy, Tensor<float>
     }
 }
 
-/// Calls f(position, first row, rows from frame to frame) for each pooled position below
-/// `pooling_len`, group by group; rows are those of frame 0.
+/// Calls f(position, row, c_size, count) for each group that has pooled positions below
+/// `pooling_len`: `count` of them from `position` on. In frame 0 the first of them begins at `row`.
 template <typename F>
-void for_each_pooled_position(const Tensor<int>& conv_size, int pooling_size, index_t nframe,
-                              index_t pooling_len, F f) {
+void for_each_pooled_group(const Tensor<int>& conv_size, int pooling_size, index_t nframe,
+                           index_t pooling_len, F f) {
     index_t position = 0, base_idx = 0;
     for (index_t g = 0; g < conv_size.get_element_count(); ++g) {
-        const int c_size = conv_size.get_ptr()[g];
-        for (int p = 0; p < c_size / pooling_size && position < pooling_len; ++p, ++position) {
-            f(position, base_idx + p * pooling_size, c_size);
+        const index_t c_size = conv_size.get_ptr()[g];
+        const index_t count = std::min(c_size / pooling_size, pooling_len - position);
+        if (count != 0) {
+            f(position, base_idx, c_size, count);
         }
+        position += count;
         base_idx += c_size * nframe;
     }
 }
 
-// max[j] and idx[j]: the largest element j of `size` rows of n elements, and the first row that has
-// it. `kSize` is `size` where it is small, so that both stay in registers, else 0.
-template <int kSize>
-void max_of_rows(const float* in, int size, index_t n, float* max, int* idx) {
-    if (kSize > 0) {
-#pragma GCC ivdep
-        for (index_t j = 0; j < n; ++j) {
-            float top = in[j];
-            int first = 0;
-            for (int t = 1; t < kSize; ++t) {
-                const float value = in[t * n + j];
-                first = value > top ? t : first;
-                top = value > top ? value : top;
-            }
-            max[j] = top;
-            idx[j] = first;
-        }
-        return;
-    }
-    std::copy_n(in, n, max);
-    std::fill_n(idx, n, 0);
-    for (int t = 1; t < size; ++t) {
-        const float* row = in + t * n;
-#pragma GCC ivdep
-        for (index_t j = 0; j < n; ++j) {
-            const bool above = row[j] > max[j];
-            max[j] = above ? row[j] : max[j];
-            idx[j] = above ? t : idx[j];
-        }
-    }
-}
-
 // Pooling runs across filters, as the convolution matrix lies; the pooled matrix stands filter by
-// filter. Each frame is turned from one to the other.
+// filter. Blocks of filters by positions are turned from one to the other in registers.
+
+/// The forward step in one frame of one group. Rows of the convolution matrix are `ld` elements
+/// apart, filters of the pooled matrix `pooling_len`.
+struct FramePooling {
+    index_t ld, pooling_len;
+    int pooling_size;
+    float alpha, beta;
+
+    static constexpr index_t kFilters = 8, kPositions = 4;
+
+    /// All filters at `count` neighbouring positions, at most kPositions. Meanwhile the lines of as
+    /// many further positions are fetched in the order in which they lie in memory.
+    template <index_t count>
+    void pool(const float* in, int* max_idx, float* out) const {
+        const index_t step = pooling_size * ld, lines = count * pooling_size * kFilters / 16;
+        const float* next = in + count * step;
+        index_t j = 0;
+        for (; j + kFilters <= ld; j += kFilters) {
+            for (index_t l = 0; l < lines; ++l, next += 16) {
+                __builtin_prefetch(next);
+            }
+            pool_block<count>(in + j, max_idx + j * pooling_len, out + j * pooling_len);
+        }
+        for (; j < ld; ++j) {
+            for (index_t p = 0; p < count; ++p) {
+                pool_one(in + p * step + j, max_idx + j * pooling_len + p,
+                         out + j * pooling_len + p);
+            }
+        }
+    }
+
+    template <index_t count>
+    void pool_block(const float* in, int* max_idx, float* out) const {
+        using Full = Lanes<float>::Full;
+        using FullInt = Lanes<int>::Full;
+        Full max[kPositions] = {};
+        FullInt idx[kPositions] = {};
+#pragma GCC unroll 4
+        for (index_t p = 0; p < count; ++p, in += pooling_size * ld) {
+            load(max[p], in);
+            for (int t = 1; t < pooling_size; ++t) {
+                Full value;
+                load(value, in + t * ld);
+                const FullInt above = value > max[p];
+                idx[p] = above ? t - FullInt{} : idx[p];
+                max[p] = above ? value : max[p];
+            }
+        }
+        transpose_halves(max);
+        transpose_halves(idx);
+#pragma GCC unroll 4
+        for (index_t k = 0; k < kPositions; ++k) {
+            put<count>(__builtin_shufflevector(max[k], max[k], 0, 1, 2, 3),
+                       __builtin_shufflevector(idx[k], idx[k], 0, 1, 2, 3),
+                       max_idx + k * pooling_len, out + k * pooling_len);
+            put<count>(__builtin_shufflevector(max[k], max[k], 4, 5, 6, 7),
+                       __builtin_shufflevector(idx[k], idx[k], 4, 5, 6, 7),
+                       max_idx + (k + 4) * pooling_len, out + (k + 4) * pooling_len);
+        }
+    }
+
+    /// Stores `count` positions of one filter.
+    template <index_t count>
+    void put(Lanes<float>::Half max, Lanes<int>::Half idx, int* max_idx, float* out) const {
+        if (count == kPositions) {
+            Lanes<float>::Half old;
+            load(old, out);
+            store(out, alpha * max + beta * old);
+            store(max_idx, idx);
+            return;
+        }
+#pragma GCC unroll 3
+        for (index_t p = 0; p < count; ++p) {
+            out[p] = alpha * max[p] + beta * out[p];
+            max_idx[p] = idx[p];
+        }
+    }
+
+    void pool_one(const float* in, int* max_idx, float* out) const {
+        float max = in[0];
+        int idx = 0;
+        for (int t = 1; t < pooling_size; ++t) {
+            const float value = in[t * ld];
+            idx = value > max ? t : idx;
+            max = value > max ? value : max;
+        }
+        *max_idx = idx;
+        *out = alpha * max + beta * *out;
+    }
+};
 
 inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_size, int,
                              int pooling_size, Tensor<int>& max_idx, Tensor<float>& out,
                              DType alpha, DType beta) {
     const index_t in_dimN = in.get_w(), out_dimM = out.row(), out_dimN = out.get_w();
     const index_t pooling_len = out_dimN / in_dimN;
-    const auto max_of = pooling_size == 2   ? max_of_rows<2>
-                        : pooling_size == 3 ? max_of_rows<3>
-                        : pooling_size == 4 ? max_of_rows<4>
-                                            : max_of_rows<0>;
-    std::vector<float> max(out_dimN), turned_max(out_dimN);
-    std::vector<int> idx(out_dimN), turned_idx(out_dimN);
+    const FramePooling frame{in_dimN, pooling_len, pooling_size, alpha, beta};
+    constexpr index_t kStep = FramePooling::kPositions;
     for (index_t i = 0; i < out_dimM; ++i) {
-        index_t pooled = 0;
-        for_each_pooled_position(conv_size, pooling_size, out_dimM, pooling_len,
-                                 [&](index_t position, index_t row, int c_size) {
-                                     max_of(in.get_ptr() + (row + i * c_size) * in_dimN,
-                                            pooling_size, in_dimN, max.data() + position * in_dimN,
-                                            idx.data() + position * in_dimN);
-                                     pooled = position + 1;
-                                 });
-        transpose_matrix(max.data(), in_dimN, turned_max.data(), pooled, in_dimN, pooled);
-        transpose_matrix(idx.data(), in_dimN, turned_idx.data(), pooled, in_dimN, pooled);
-        float* out_p = out.get_ptr() + i * out_dimN;
-        int* max_idx_p = max_idx.get_ptr() + i * out_dimN;
-        // One run where every column has a pooled position, as it should.
-        const index_t runs = pooled == pooling_len ? 1 : in_dimN, run = pooled * (in_dimN / runs);
-        for (index_t r = 0; r < runs; ++r) {
-            const float* from = turned_max.data() + r * run;
-            float* to = out_p + r * pooling_len;
-#pragma GCC ivdep
-            for (index_t j = 0; j < run; ++j) {
-                to[j] = alpha * from[j] + beta * to[j];
+        const auto pool_group = [&](index_t position, index_t row, index_t c_size, index_t count) {
+            const float* in_p = in.get_ptr() + (row + i * c_size) * in_dimN;
+            int* idx_p = max_idx.get_ptr() + i * out_dimN + position;
+            float* out_p = out.get_ptr() + i * out_dimN + position;
+            for (; count >= kStep; count -= kStep) {
+                frame.pool<kStep>(in_p, idx_p, out_p);
+                in_p += kStep * pooling_size * in_dimN;
+                idx_p += kStep;
+                out_p += kStep;
             }
-            std::copy_n(turned_idx.data() + r * run, run, max_idx_p + r * pooling_len);
-        }
+            switch (count) {
+                case 1:
+                    return frame.pool<1>(in_p, idx_p, out_p);
+                case 2:
+                    return frame.pool<2>(in_p, idx_p, out_p);
+                case 3:
+                    return frame.pool<3>(in_p, idx_p, out_p);
+            }
+        };
+        for_each_pooled_group(conv_size, pooling_size, out_dimM, pooling_len, pool_group);
     }
 }
 
@@ -194,20 +248,21 @@ inline void vorn_max_pooling_bp(const Tensor<float>& in, const Tensor<int>& conv
                          pooling_len, out_dimN);
         transpose_matrix(max_idx.get_ptr() + i * in_dimN, pooling_len, idx.data(), out_dimN,
                          pooling_len, out_dimN);
-        for_each_pooled_position(conv_size, pooling_size, nframe, pooling_len,
-                                 [&](index_t position, index_t row, int c_size) {
-                                     const float* error_p = error.data() + position * out_dimN;
-                                     const int* idx_p = idx.data() + position * out_dimN;
-                                     float* out_p = out.get_ptr() + (row + i * c_size) * out_dimN;
-                                     for (int t = 0; t < pooling_size; ++t, out_p += out_dimN) {
+        const auto spread = [&](index_t position, index_t row, index_t c_size, index_t count) {
+            const float* error_p = error.data() + position * out_dimN;
+            const int* idx_p = idx.data() + position * out_dimN;
+            float* out_p = out.get_ptr() + (row + i * c_size) * out_dimN;
+            for (; count != 0; --count, error_p += out_dimN, idx_p += out_dimN) {
+                for (int t = 0; t < pooling_size; ++t, out_p += out_dimN) {
 #pragma GCC ivdep
-                                         for (index_t j = 0; j < out_dimN; ++j) {
-                                             const float blend =
-                                                 alpha * error_p[j] + beta * out_p[j];
-                                             out_p[j] = idx_p[j] == t ? blend : out_p[j];
-                                         }
-                                     }
-                                 });
+                    for (index_t j = 0; j < out_dimN; ++j) {
+                        const float blend = alpha * error_p[j] + beta * out_p[j];
+                        out_p[j] = idx_p[j] == t ? blend : out_p[j];
+                    }
+                }
+            }
+        };
+        for_each_pooled_group(conv_size, pooling_size, nframe, pooling_len, spread);
     }
 }
 

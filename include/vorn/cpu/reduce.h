@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "vorn/cpu/lanes.h"
 #include "vorn/ops/reduce_functors.h"
 #include "vorn/tensor/tensor.h"
 
@@ -14,71 +15,59 @@
 namespace vorn {
 namespace cpu {
 
+// Rows one pitch apart.
 template <typename T>
-struct Lanes {
-    static constexpr int kFull = 8;
-    typedef T Half __attribute__((vector_size(4 * sizeof(T))));
-    typedef T Full __attribute__((vector_size(kFull * sizeof(T))));
+struct EvenRows {
+    const T* first;
+    index_t ld;
+
+    const T* operator[](index_t r) const { return first + r * ld; }
 };
 
-template <typename V, typename T>
-inline void load(V& lanes, const T* p) {
-    memcpy(&lanes, p, sizeof(V));
-}
+// The same where there are only `count`: lanes beyond the last row repeat it.
+template <typename T>
+struct LastRows {
+    const T* first;
+    index_t ld, count;
 
-template <typename V, typename T>
-inline void splat(V& lanes, T x) {
-    lanes = x - V{};  // x + 0 would lose the sign of -0
-}
-
-// For helpers of the row fold, whose running values are to stay in registers, and for the fold of
-// all elements, where weights of 1 that the compiler sees drop out of a chain of dependent steps.
-#define VORN_FORCE_INLINE inline __attribute__((always_inline))
+    const T* operator[](index_t r) const { return first + std::min(r, count - 1) * ld; }
+};
 
 // Folds columns j to j + 3 of eight rows into eight lanes. Rows r and r + 4 are loaded side by
 // side, so that the transposition stays inside the halves of a register.
-template <typename Reducer, typename T>
-VORN_FORCE_INLINE void fold_four_columns(Reducer f, const T* const* rows, index_t j,
+template <typename T, typename Reducer, typename Rows>
+VORN_FORCE_INLINE void fold_four_columns(Reducer f, Rows rows, index_t j,
                                          typename Lanes<T>::Full& acc) {
-    using Full = typename Lanes<T>::Full;
-    Full pair[4];
+    typename Lanes<T>::Full pair[4];
     for (int r = 0; r < 4; ++r) {
         typename Lanes<T>::Half low, high;
         load(low, rows[r] + j);
         load(high, rows[r + 4] + j);
         pair[r] = __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7);
     }
-    const Full ab01 = __builtin_shufflevector(pair[0], pair[1], 0, 8, 1, 9, 4, 12, 5, 13);
-    const Full ab23 = __builtin_shufflevector(pair[0], pair[1], 2, 10, 3, 11, 6, 14, 7, 15);
-    const Full cd01 = __builtin_shufflevector(pair[2], pair[3], 0, 8, 1, 9, 4, 12, 5, 13);
-    const Full cd23 = __builtin_shufflevector(pair[2], pair[3], 2, 10, 3, 11, 6, 14, 7, 15);
-    f.fold(acc, __builtin_shufflevector(ab01, cd01, 0, 1, 8, 9, 4, 5, 12, 13));
-    f.fold(acc, __builtin_shufflevector(ab01, cd01, 2, 3, 10, 11, 6, 7, 14, 15));
-    f.fold(acc, __builtin_shufflevector(ab23, cd23, 0, 1, 8, 9, 4, 5, 12, 13));
-    f.fold(acc, __builtin_shufflevector(ab23, cd23, 2, 3, 10, 11, 6, 7, 14, 15));
+    transpose_halves(pair);
+    for (const typename Lanes<T>::Full& column : pair) {
+        f.fold(acc, column);
+    }
 }
 
 constexpr index_t kLine = 16;  // columns of a cache line
 
 // Columns j to j + kLine - 1 of eight rows. A whole line of each row at a time, because rows a
-// power of two apart share few places in the cache. Fetches the lines `ahead` elements on.
-template <typename Reducer, typename T>
-VORN_FORCE_INLINE void fold_line(Reducer f, const T* const* rows, index_t j, index_t ahead,
-                                 typename Lanes<T>::Full& acc) {
-    for (int l = 0; l < Lanes<T>::kFull; ++l) {
-        __builtin_prefetch(rows[l] + j + ahead);
-    }
+// power of two apart share few places in the cache.
+template <typename T, typename Reducer, typename Rows>
+VORN_FORCE_INLINE void fold_line(Reducer f, Rows rows, index_t j, typename Lanes<T>::Full& acc) {
     for (index_t k = 0; k < kLine; k += 4) {
-        fold_four_columns(f, rows, j + k, acc);
+        fold_four_columns<T>(f, rows, j + k, acc);
     }
 }
 
 // Columns j to n - 1 of eight rows.
-template <typename Reducer, typename T>
-VORN_FORCE_INLINE void fold_rest(Reducer f, const T* const* rows, index_t j, index_t n,
+template <typename T, typename Reducer, typename Rows>
+VORN_FORCE_INLINE void fold_rest(Reducer f, Rows rows, index_t j, index_t n,
                                  typename Lanes<T>::Full& acc) {
     for (; j + 4 <= n; j += 4) {
-        fold_four_columns(f, rows, j, acc);
+        fold_four_columns<T>(f, rows, j, acc);
     }
     for (; j < n; ++j) {
         typename Lanes<T>::Full column;
@@ -91,41 +80,72 @@ VORN_FORCE_INLINE void fold_rest(Reducer f, const T* const* rows, index_t j, ind
 
 // result[r] = the fold of the n elements at rows[r], for eight rows.
 template <typename Reducer, typename T>
-void fold_eight_rows(Reducer f, const T* const* rows, index_t n, T* result) {
+void fold_eight_rows(Reducer f, LastRows<T> rows, index_t n, T* result) {
     typename Lanes<T>::Full acc;
     splat(acc, f.identity());
-    index_t j = 0;
-    for (; j + kLine <= n; j += kLine) {
-        fold_line(f, rows, j, kLine, acc);
+    const index_t lines = n / kLine * kLine;
+    for (index_t j = 0; j < lines; j += kLine) {
+        fold_line<T>(f, rows, j, acc);
     }
-    fold_rest(f, rows, j, n, acc);
+    fold_rest<T>(f, rows, lines, n, acc);
     memcpy(result, &acc, sizeof(acc));
 }
 
-// The same for sixteen rows: two independent chains, which hide the latency of an addition. In
-// long rows the second eight lag behind, so that their lines go to other places of the cache.
+// The same for sixteen rows: two independent chains, which hide the latency of an addition.
+// Short rows: the next sixteen are fetched meanwhile, in the order in which they lie in memory.
 template <typename Reducer, typename T>
-void fold_sixteen_rows(Reducer f, const T* const* rows, index_t n, index_t ahead, T* result) {
+void fold_sixteen_short_rows(Reducer f, EvenRows<T> rows, index_t n, T* result) {
     constexpr int kFull = Lanes<T>::kFull;
-    constexpr index_t kLag = 8 * kLine;
-    const T* const* rows2 = rows + kFull;
+    const EvenRows<T> rows2{rows[kFull], rows.ld};
     typename Lanes<T>::Full acc, acc2;
     splat(acc, f.identity());
     splat(acc2, f.identity());
-    const index_t lines = n / kLine * kLine, lag = lines >= 4 * kLag ? kLag : 0;
+    const index_t lines = n / kLine * kLine;
+    const T* next_row = rows[2 * kFull];
+    index_t next_column = 0;
+    for (index_t j = 0; j < lines; j += kLine) {
+        for (int l = 0; l < 2 * kFull; ++l) {
+            __builtin_prefetch(next_row + next_column);
+            next_column += kLine;
+            if (next_column >= n) {
+                next_column = 0;
+                next_row += rows.ld;
+            }
+        }
+        fold_line<T>(f, rows, j, acc);
+        fold_line<T>(f, rows2, j, acc2);
+    }
+    fold_rest<T>(f, rows, lines, n, acc);
+    fold_rest<T>(f, rows2, lines, n, acc2);
+    memcpy(result, &acc, sizeof(acc));
+    memcpy(result + kFull, &acc2, sizeof(acc2));
+}
+
+// Long rows are streams that the processor foresees. The second eight lag behind, so that their
+// lines go to other places of the cache.
+constexpr index_t kRowFoldLag = 8 * kLine;
+
+template <typename Reducer, typename T>
+void fold_sixteen_long_rows(Reducer f, EvenRows<T> rows, index_t n, T* result) {
+    constexpr int kFull = Lanes<T>::kFull;
+    const EvenRows<T> rows2{rows[kFull], rows.ld};
+    typename Lanes<T>::Full acc, acc2;
+    splat(acc, f.identity());
+    splat(acc2, f.identity());
+    const index_t lines = n / kLine * kLine;
     index_t j = 0;
-    for (; j < lag; j += kLine) {
-        fold_line(f, rows, j, ahead, acc);
+    for (; j < kRowFoldLag; j += kLine) {
+        fold_line<T>(f, rows, j, acc);
     }
     for (; j < lines; j += kLine) {
-        fold_line(f, rows, j, ahead, acc);
-        fold_line(f, rows2, j - lag, ahead, acc2);
+        fold_line<T>(f, rows, j, acc);
+        fold_line<T>(f, rows2, j - kRowFoldLag, acc2);
     }
-    for (j = lines - lag; j < lines; j += kLine) {
-        fold_line(f, rows2, j, ahead, acc2);
+    for (j = lines - kRowFoldLag; j < lines; j += kLine) {
+        fold_line<T>(f, rows2, j, acc2);
     }
-    fold_rest(f, rows, lines, n, acc);
-    fold_rest(f, rows2, lines, n, acc2);
+    fold_rest<T>(f, rows, lines, n, acc);
+    fold_rest<T>(f, rows2, lines, n, acc2);
     memcpy(result, &acc, sizeof(acc));
     memcpy(result + kFull, &acc2, sizeof(acc2));
 }
@@ -133,24 +153,20 @@ void fold_sixteen_rows(Reducer f, const T* const* rows, index_t n, index_t ahead
 /// out[i] = save(fold of row i of `in`)
 template <typename Reducer, typename In, typename Out>
 void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
-    constexpr int kFull = Lanes<In>::kFull, kRows = 2 * kFull;
+    constexpr index_t kFull = Lanes<In>::kFull, kRows = 2 * kFull;
     const index_t dim_m = in.get_size().height(), dim_n = in.get_size()[-1], ld_in = in.ld();
-    const In* in_p = in.get_data();
     Out* out_p = out.get_data();
-    // Short rows fetch the next rows ahead, long ones their own next lines.
-    const index_t ahead = dim_n <= 256 ? kRows * ld_in : 4 * kLine;
-    for (index_t i = 0; i < dim_m; i += kRows) {
-        // Lanes beyond the last row repeat it, and their results are dropped.
-        const In* rows[kRows];
-        for (int r = 0; r < kRows; ++r) {
-            rows[r] = in_p + std::min(i + r, dim_m - 1) * ld_in;
-        }
+    for (index_t i = 0, count; i < dim_m; i += count) {
+        const In* first = in.get_data() + i * ld_in;
         In result[kRows];
-        const index_t count = std::min<index_t>(kRows, dim_m - i);
-        if (count > kFull) {
-            fold_sixteen_rows(f, rows, dim_n, ahead, result);
+        count = kRows;
+        if (dim_m - i < kRows) {
+            count = std::min(kFull, dim_m - i);
+            fold_eight_rows(f, LastRows<In>{first, ld_in, count}, dim_n, result);
+        } else if (dim_n < 2 * kRowFoldLag) {
+            fold_sixteen_short_rows(f, EvenRows<In>{first, ld_in}, dim_n, result);
         } else {
-            fold_eight_rows(f, rows, dim_n, result);
+            fold_sixteen_long_rows(f, EvenRows<In>{first, ld_in}, dim_n, result);
         }
         for (index_t r = 0; r < count; ++r) {
             out_p[i + r] = f.save(result[r], out_p[i + r]);
