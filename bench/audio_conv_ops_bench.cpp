@@ -1,7 +1,6 @@
-#include <algorithm>
-#include <random>
 
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {
@@ -13,24 +12,14 @@ namespace {
 constexpr int kFrames = 4096, kContext = 11, kDelta = 3, kBanks = 40, kFilter = 8;
 constexpr int kPositions = kBanks - kFilter + 1;
 
-// Memory that nobody has written to may all be one page of zeros.
-void fill(Tensor<float>& tensor) {
-    std::mt19937 engine(1);
-    std::uniform_real_distribution<float> draw(-1, 1);
-    std::generate_n(tensor.get_ptr(), tensor.count(), [&] { return draw(engine); });
-}
-
 struct Patches {
-    Tensor<float> features{Dim(kFrames, kContext* kDelta* kBanks)};
-    Tensor<float> patches{Dim(kFrames * kPositions, kFilter* kContext* kDelta)};
+    Tensor<float> features = random_tensor(Dim(kFrames, kContext* kDelta* kBanks), -1, 1);
+    Tensor<float> patches =
+        random_tensor(Dim(kFrames * kPositions, kFilter* kContext* kDelta), -1, 1);
     Tensor<int> start{Dim(1)}, end{Dim(1)};
     double bytes = 4.0 * (features.count() + patches.count());
 
-    Patches() {
-        end.set_element(kPositions - 1);
-        fill(features);
-        fill(patches);
-    }
+    Patches() { end.set_element(kPositions - 1); }
 };
 
 void expand(benchmark::State& state) {
@@ -52,14 +41,12 @@ BENCHMARK(shrink)->Name("errors of patches along frequency, same");
 constexpr int kFilters = 64, kPool = 3;
 
 struct Pooling {
-    Tensor<float> in{Dim(kFrames * kPositions, kFilters)};
-    Tensor<float> out{Dim(kFrames, kFilters*(kPositions / kPool))};
+    Tensor<float> in = random_tensor(Dim(kFrames * kPositions, kFilters), -1, 1);
+    Tensor<float> out = random_tensor(Dim(kFrames, kFilters*(kPositions / kPool)), -1, 1);
     Tensor<int> idx{out.get_size()}, size{Dim(1)};
 
     Pooling() {
         size.set_element(kPositions);
-        fill(in);
-        fill(out);
         idx.set_element(1);
     }
 };
@@ -79,17 +66,15 @@ void pool_backward(benchmark::State& state) {
 BENCHMARK(pool_backward)->Name("max pooling backward, same");
 
 void bias(benchmark::State& state) {
-    Tensor<float> rows(Dim(kFrames * kPositions, kFilters)), bias(Dim(1, kFilters));
-    fill(rows);
-    fill(bias);
+    Tensor<float> rows = random_tensor(Dim(kFrames * kPositions, kFilters), -1, 1);
+    Tensor<float> bias = random_tensor(Dim(1, kFilters), -1, 1);
     against_copy(state, 8.0 * rows.count(), [&] { rows.audio_conv_batch_bias(bias, 1); });
 }
 BENCHMARK(bias)->Name("bias per block, 4096 x 33 rows of 64");
 
 void bias_backward(benchmark::State& state) {
-    Tensor<float> rows(Dim(kFrames * kPositions, kFilters)), bias(Dim(1, kFilters));
-    fill(rows);
-    fill(bias);
+    Tensor<float> rows = random_tensor(Dim(kFrames * kPositions, kFilters), -1, 1);
+    Tensor<float> bias = random_tensor(Dim(1, kFilters), -1, 1);
     against_copy(state, 4.0 * rows.count(), [&] { bias.audio_conv_batch_bias_bp(rows, 1); });
 }
 BENCHMARK(bias_backward)->Name("bias gradient per block, same");

@@ -1,7 +1,7 @@
 #include <cmath>
-#include <random>
 
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {
@@ -20,13 +20,8 @@ struct Batch {
 
     explicit Batch(const benchmark::State& state)
         : rows(state.range(0)), columns(state.range(1)), mask(Dim(rows)) {
-        std::mt19937 engine(1);
-        std::uniform_real_distribution<float> draw(-1, 3);
         for (Tensor<float>* matrix : {&x, &y, &dy, &dx}) {
-            *matrix = Tensor<float>(Dim(rows, columns));
-            for (index_t k = 0; k < matrix->count(); ++k) {
-                matrix->get_ptr()[k] = draw(engine);
-            }
+            *matrix = random_tensor(Dim(rows, columns), -1, 3);
         }
         for (Tensor<float>* vector : {&scale, &bias, &run_mean, &run_var, &statis_mean, &statis_var,
                                       &saved_mean, &saved_inv_std, &dscale, &dbias}) {

@@ -2,28 +2,18 @@
 #include <cblas.h>
 
 #include <cmath>
-#include <random>
 
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/ops/blas_ops.h"
 
 namespace vorn {
 namespace bench {
 
-static Tensor<float> random_tensor(const Dim& size) {
-    std::mt19937 engine(1);
-    std::uniform_real_distribution<float> draw(-1, 1);
-    Tensor<float> result(size, CPU);
-    for (index_t i = 0; i < result.count(); ++i) {
-        result.get_ptr()[i] = draw(engine);
-    }
-    return result;
-}
-
 /// Products of m x k by k x n; `x_direct` is the ratio to the same through CBLAS directly.
 static void sgemm(benchmark::State& state) {
     const int m = state.range(0), n = state.range(1), k = state.range(2);
-    const Tensor<float> a = random_tensor(Dim(m, k)), b = random_tensor(Dim(k, n));
+    const Tensor<float> a = random_tensor(Dim(m, k), -1, 1), b = random_tensor(Dim(k, n), -1, 1);
     Tensor<float> c(Dim(m, n), CPU);
     const auto layered = [&] { c.mul(a, b, 1, 0); };
     const auto direct = [&] {
@@ -48,8 +38,8 @@ BENCHMARK(sgemm)
 static void batch_mul(benchmark::State& state) {
     const int batch = state.range(0), size = state.range(1);
     const int64_t stride = static_cast<int64_t>(size) * size;
-    const Tensor<float> a = random_tensor(Dim(batch, size, size));
-    const Tensor<float> b = random_tensor(Dim(batch, size, size));
+    const Tensor<float> a = random_tensor(Dim(batch, size, size), -1, 1);
+    const Tensor<float> b = random_tensor(Dim(batch, size, size), -1, 1);
     Tensor<float> c(Dim(batch, size, size), CPU);
     against_flops(state, 2.0 * batch * size * size * size,
                   [&] { c.batch_mul(a, false, stride, b, true, stride, stride, batch, 1, 0); });
@@ -59,13 +49,13 @@ BENCHMARK(batch_mul)->Args({256, 16})->Args({64, 64})->Args({8, 256})->Unit(
 
 static void transpose(benchmark::State& state) {
     const int rows = state.range(0), cols = state.range(1);
-    const Tensor<float> in = random_tensor(Dim(rows, cols));
+    const Tensor<float> in = random_tensor(Dim(rows, cols), -1, 1);
     Tensor<float> out(Dim(cols, rows), CPU);
     against_copy(state, 8.0 * rows * cols, [&] { out.transpose(in); });
 }
 static void transpose_plain_loop(benchmark::State& state) {
     const index_t rows = state.range(0), cols = state.range(1);
-    const Tensor<float> in = random_tensor(Dim(rows, cols));
+    const Tensor<float> in = random_tensor(Dim(rows, cols), -1, 1);
     Tensor<float> out(Dim(cols, rows), CPU);
     against_copy(state, 8.0 * rows * cols, [&] {
         const float* from = in.get_ptr();
@@ -94,20 +84,20 @@ BENCHMARK(transpose_plain_loop)->Args({4096, 4096})->Unit(benchmark::kMicrosecon
 
 /// Reads only: the floor is the time in which memcpy moves as many bytes.
 static void norm1(benchmark::State& state) {
-    const Tensor<float> in = random_tensor(Dim(state.range(0)));
+    const Tensor<float> in = random_tensor(Dim(state.range(0)), -1, 1);
     against_copy(state, 4.0 * state.range(0), [&] { benchmark::DoNotOptimize(in.norm1()); });
 }
 static void norm2(benchmark::State& state) {
-    const Tensor<float> in = random_tensor(Dim(state.range(0)));
+    const Tensor<float> in = random_tensor(Dim(state.range(0)), -1, 1);
     against_copy(state, 4.0 * state.range(0), [&] { benchmark::DoNotOptimize(in.norm2()); });
 }
 static void scal(benchmark::State& state) {
-    Tensor<float> out = random_tensor(Dim(state.range(0)));
+    Tensor<float> out = random_tensor(Dim(state.range(0)), -1, 1);
     against_copy(state, 8.0 * state.range(0), [&] { cpu::vorn_scal(out, -1); });
 }
 static void axpy(benchmark::State& state) {
-    const Tensor<float> in = random_tensor(Dim(state.range(0)));
-    Tensor<float> out = random_tensor(Dim(state.range(0)));
+    const Tensor<float> in = random_tensor(Dim(state.range(0)), -1, 1);
+    Tensor<float> out = random_tensor(Dim(state.range(0)), -1, 1);
     against_copy(state, 12.0 * state.range(0), [&] { cpu::vorn_axpy(in, out, 0.5f, 0.25f); });
 }
 BENCHMARK(norm1)->Arg(1 << 20)->Arg(1 << 24)->Unit(benchmark::kMicrosecond);
@@ -117,8 +107,8 @@ BENCHMARK(axpy)->Arg(1 << 20)->Arg(1 << 24)->Unit(benchmark::kMicrosecond);
 
 static void sgels(benchmark::State& state) {
     const int batch = state.range(0), m = state.range(1), n = state.range(2);
-    const Tensor<float> a = random_tensor(Dim(batch, m, n));
-    const Tensor<float> y = random_tensor(Dim(batch, std::max(m, n)));
+    const Tensor<float> a = random_tensor(Dim(batch, m, n), -1, 1);
+    const Tensor<float> y = random_tensor(Dim(batch, std::max(m, n)), -1, 1);
     Tensor<float> lhs(a.get_size(), CPU), x(y.get_size(), CPU);
     Tensor<unsigned long> ws;
     // Householder: 2 k k (l - k / 3) operations for the shorter side k and the longer l.

@@ -1,4 +1,5 @@
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {
@@ -7,8 +8,10 @@ namespace {
 
 void max_out_forward(benchmark::State& state) {
     const int pooling_size = static_cast<int>(state.range(0));
-    Tensor<float> in(Dim(4096, 256 * pooling_size)), out(Dim(4096, 256));
+    const Tensor<float> in = random_tensor(Dim(4096, 256 * pooling_size), -1, 1);
+    Tensor<float> out = random_tensor(Dim(4096, 256), -1, 1);
     Tensor<int> idx(Dim(4096, 256));
+    idx.set_element(1);
     against_copy(state, in.count() * 4.0 + out.count() * 8.0,
                  [&] { out.max_out_fwd(in, pooling_size, idx); });
 }
@@ -16,15 +19,18 @@ BENCHMARK(max_out_forward)->Name("maxout forward 4096 x 256, groups of")->Arg(2)
 
 void max_out_backward(benchmark::State& state) {
     const int pooling_size = static_cast<int>(state.range(0));
-    Tensor<float> in(Dim(4096, 256)), out(Dim(4096, 256 * pooling_size));
+    const Tensor<float> in = random_tensor(Dim(4096, 256), -1, 1);
+    Tensor<float> out = random_tensor(Dim(4096, 256 * pooling_size), -1, 1);
     Tensor<int> idx(Dim(4096, 256));
+    random_tensor(Dim(4096, 256), 0, 1).max_out_fwd(out, pooling_size, idx);  // winners anywhere
     against_copy(state, in.count() * 8.0 + out.count() * 8.0,
                  [&] { out.max_out_bwd(in, pooling_size, idx); });
 }
 BENCHMARK(max_out_backward)->Name("maxout backward 4096 x 256, groups of")->Arg(2)->Arg(4);
 
 void append_columns(benchmark::State& state) {
-    Tensor<float> in(Dim(4096, 320)), out(Dim(4096, 640));
+    const Tensor<float> in = random_tensor(Dim(4096, 320), -1, 1);
+    Tensor<float> out = random_tensor(Dim(4096, 640), -1, 1);
     against_copy(state, in.count() * 8.0, [&] { out.col_append(in, 320); });
 }
 BENCHMARK(append_columns)->Name("append 320 of 640 columns, 4096 rows");

@@ -1,8 +1,7 @@
 #include "vorn/ops/math_ops.h"
 
-#include <random>
-
 #include "floor.h"
+#include "random_tensor.h"
 
 namespace vorn {
 namespace bench {
@@ -17,12 +16,8 @@ struct Operands {
         : a(make(size, pitch, 1)), b(make(size, pitch, 2)), out(make(size, pitch, 3)) {}
 
     static Tensor<float> make(const Dim& size, int pitch, unsigned seed) {
-        Tensor<float> whole(pitch ? Dim(size[0], pitch) : size);
-        std::mt19937 engine(seed);
-        std::uniform_real_distribution<float> draw(0.1f, 5);
-        for (index_t i = 0; i < whole.get_element_count(); ++i) {
-            whole.get_ptr()[i] = draw(engine);
-        }
+        const Dim whole_size = pitch ? Dim(size[0], pitch) : size;
+        const Tensor<float> whole = random_tensor(whole_size, 0.1f, 5, seed);
         return pitch ? whole.range_col(0, size[1]) : whole;
     }
 

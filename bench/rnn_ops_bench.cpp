@@ -1,22 +1,12 @@
-#include <random>
 
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/ops/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {
 namespace bench {
 namespace {
-
-Tensor<float> random_matrix(index_t rows, index_t columns) {
-    Tensor<float> matrix(Dim(rows, columns));
-    std::mt19937 engine(1);
-    std::uniform_real_distribution<float> draw(-3, 3);
-    for (index_t k = 0; k < matrix.count(); ++k) {
-        matrix.get_ptr()[k] = draw(engine);
-    }
-    return matrix;
-}
 
 struct Layer {
     index_t rows, cells;
@@ -25,9 +15,9 @@ struct Layer {
     explicit Layer(const benchmark::State& state)
         : rows(state.range(0)),
           cells(state.range(1)),
-          wx(random_matrix(rows, 4 * cells)),
-          wc(random_matrix(1, cells)),
-          c_pre(random_matrix(rows, cells)) {
+          wx(random_tensor(Dim(rows, 4 * cells), -3, 3)),
+          wc(random_tensor(Dim(1, cells), -3, 3)),
+          c_pre(random_tensor(Dim(rows, cells), -3, 3)) {
         for (Tensor<float>* out : {&c_cur, &i, &f, &g, &o, &h, &m}) {
             *out = Tensor<float>(Dim(rows, cells));
         }

@@ -1,23 +1,13 @@
 #include <cmath>
-#include <random>
 
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/cpu/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {
 namespace bench {
 namespace {
-
-Tensor<float> random_matrix(index_t rows, index_t columns) {
-    Tensor<float> matrix(Dim(rows, columns));
-    std::mt19937 engine(1);
-    std::uniform_real_distribution<float> draw(-3, 3);
-    for (index_t k = 0; k < matrix.count(); ++k) {
-        matrix.get_ptr()[k] = draw(engine);
-    }
-    return matrix;
-}
 
 /// Dense operands, and gate blocks of a matrix four times as wide.
 struct Operands {
@@ -27,14 +17,14 @@ struct Operands {
     explicit Operands(const benchmark::State& state)
         : rows(state.range(0)),
           cells(state.range(1)),
-          gates(random_matrix(rows, 4 * cells)),
-          out(random_matrix(rows, cells)),
-          w(random_matrix(1, cells)) {
+          gates(random_tensor(Dim(rows, 4 * cells), -3, 3)),
+          out(random_tensor(Dim(rows, cells), -3, 3)),
+          w(random_tensor(Dim(1, cells), -3, 3)) {
         for (index_t k = 0; k < 4; ++k) {
             block[k] = gates.range_col(k * cells, (k + 1) * cells);
         }
         for (Tensor<float>& each : x) {
-            each = random_matrix(rows, cells);
+            each = random_tensor(Dim(rows, cells), -3, 3);
         }
     }
 };
@@ -57,9 +47,7 @@ void sizes(benchmark::internal::Benchmark* row) {
     }                                                    \
     BENCHMARK(name)->Apply(sizes)
 
-STEP_BENCH(ld_mul_diag_mat_sigmoid, 3, o.out.ld_mul_diag_mat_sigmoid(o.x[0], o.w, o.block[1]));
 STEP_BENCH(elem_mul_add, 5, o.out.elem_mul_add(o.x[0], o.x[1], o.x[2], o.x[3]));
-STEP_BENCH(elem_mul_tanh, 4, o.out.elem_mul_tanh(o.x[0], o.x[1], o.x[2]));
 STEP_BENCH(ld_sigmoid_bprop, 4, o.block[0].ld_sigmoid_bprop(o.block[1], o.block[2]));
 STEP_BENCH(ld_sigmoid_backprop, 4, o.block[0].ld_sigmoid_backprop(o.x[0], o.x[1], o.x[2]));
 STEP_BENCH(ld_cell_cur_error, 6,
@@ -69,40 +57,64 @@ STEP_BENCH(ld_cell_back_error, 5,
 STEP_BENCH(ld_tanh_backprop, 4, o.block[0].ld_tanh_backprop(o.x[0], o.x[1], o.x[2]));
 STEP_BENCH(diag_mat_diff, 2, o.w.diag_mat_diff(o.block[0], o.x[0]));
 
-/// The calls alone, of dense memory to dense memory.
-template <typename F>
-void call_loop(benchmark::State& state, F f) {
-    row<2>(state, [=](Operands& o) {
-        const float* in = o.x[2].get_ptr();
-        float* out = o.out.get_ptr();
+// The operators that call expf and tanhf, against plain loops over the same operands. `x_calls` is
+// the ratio to the calls alone, of dense memory to dense memory.
+template <typename F, typename Plain, typename Call>
+void against_plain_loop(benchmark::State& state, F work, Plain plain, Call one) {
+    Operands o(state);
+    Tensor<float> plain_out(o.out.get_size());
+    float* out = plain_out.get_ptr();
+    const auto calls = [&, in = o.x[2].get_ptr(), count = o.rows * o.cells] {
+#pragma GCC ivdep
+        for (index_t k = 0; k < count; ++k) {
+            out[k] = one(in[k]);
+        }
+    };
+    const Turns alone = take_turns([&] { work(o); }, calls);
+    against(
+        state, [&] { work(o); }, [&] { plain(o, out); });
+    state.counters["x_calls"] = alone.work / alone.floor;
+}
+
+void ld_mul_diag_mat_sigmoid(benchmark::State& state) {
+    const auto plain = [](const Operands& o, float* out) {
+        const float* w = o.w.get_ptr();
+        for (index_t i = 0; i < o.rows; ++i, out += o.cells) {
+            const float *in = o.x[2].get_row(i), *bak = o.block[1].get_row(i);
+#pragma GCC ivdep
+            for (index_t j = 0; j < o.cells; ++j) {
+                out[j] = 1.0f / (1.0f + expf(-(in[j] * w[j] + bak[j])));
+            }
+        }
+    };
+    against_plain_loop(
+        state, [](Operands& o) { o.out.ld_mul_diag_mat_sigmoid(o.x[2], o.w, o.block[1]); }, plain,
+        [](float x) { return 1.0f / (1.0f + expf(-x)); });
+}
+BENCHMARK(ld_mul_diag_mat_sigmoid)->Apply(sizes);
+
+void elem_mul_tanh(benchmark::State& state) {
+    const auto plain = [](const Operands& o, float* out) {
+        const float *a = o.x[0].get_ptr(), *c = o.x[2].get_ptr();
+        float* b = o.x[3].get_ptr();
         const index_t count = o.rows * o.cells;
 #pragma GCC ivdep
         for (index_t k = 0; k < count; ++k) {
-            out[k] = f(in[k]);
+            b[k] = tanhf(c[k]);
+            out[k] = a[k] * b[k];
         }
-    });
+    };
+    against_plain_loop(
+        state, [](Operands& o) { o.out.elem_mul_tanh(o.x[0], o.x[1], o.x[2]); }, plain,
+        [](float x) { return tanhf(x); });
 }
-
-void plain_expf_loop(benchmark::State& state) {
-    call_loop(state, [](float x) { return expf(x); });
-}
-BENCHMARK(plain_expf_loop)->Apply(sizes);
-
-void plain_sigmoid_loop(benchmark::State& state) {
-    call_loop(state, [](float x) { return 1.0f / (1.0f + expf(-x)); });
-}
-BENCHMARK(plain_sigmoid_loop)->Apply(sizes);
-
-void plain_tanhf_loop(benchmark::State& state) {
-    call_loop(state, [](float x) { return tanhf(x); });
-}
-BENCHMARK(plain_tanhf_loop)->Apply(sizes);
+BENCHMARK(elem_mul_tanh)->Apply(sizes);
 
 /// `rows` frames of 16 sequences.
 void mask_reverse(benchmark::State& state) {
     const int batch = 16, frames = static_cast<int>(state.range(0));
     Operands o(state);
-    const Tensor<float> in = random_matrix(batch * frames, o.cells);
+    const Tensor<float> in = random_tensor(Dim(batch * frames, o.cells), -3, 3);
     Tensor<float> out(in.get_size());
     Tensor<int> lengths{Dim(batch)};
     lengths.set_element(frames - frames / 4);

@@ -1,7 +1,7 @@
 #include <cmath>
-#include <random>
 
 #include "floor.h"
+#include "random_tensor.h"
 #include "vorn/ops/vec_ops.h"
 
 namespace vorn {
@@ -14,17 +14,9 @@ const int kRows = 4096;
 // as a logarithm wants them, and small, so that repeated blends stay finite.
 struct Operands {
     explicit Operands(int columns)
-        : mat(make(Dim(kRows, columns))), vec(make(Dim(kRows))), out(make(Dim(kRows, columns))) {}
-
-    static Tensor<float> make(const Dim& size) {
-        Tensor<float> tensor(size);
-        std::mt19937 engine(1);
-        std::uniform_real_distribution<float> draw(0.1f, 1);
-        for (index_t i = 0; i < tensor.count(); ++i) {
-            tensor.get_ptr()[i] = draw(engine);
-        }
-        return tensor;
-    }
+        : mat(random_tensor(Dim(kRows, columns), 0.1f, 1)),
+          vec(random_tensor(Dim(kRows), 0.1f, 1)),
+          out(random_tensor(Dim(kRows, columns), 0.1f, 1)) {}
 
     // A vector as long as a row.
     Tensor<float> row_vec() const { return vec.slice(0, mat.get_w()); }

@@ -34,29 +34,17 @@ void for_each_dense_cell(const Tensor<float>& out, F f) {
     }
 }
 
-/// In blocks that stay in the L1 cache, arguments first: the call of the exponential spills all
-/// vector registers, so that a single loop would load its constants anew for each vector.
 inline void vorn_ld_mul_diag_mat_sigmoid(const Tensor<float>& in, const Tensor<float>& w,
                                          const Tensor<float>& bak, Tensor<float>& out, DType alpha,
                                          DType beta) {
-    constexpr int kBlock = 256;
-    const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w()),
-              ld_bak = static_cast<int>(bak.get_stride());
-    for (int i = 0; i < height; ++i) {
-        for (int start = 0; start < width; start += kBlock) {
-            const int n = std::min(kBlock, width - start), base = i * width + start;
-            const float *in_p = in.get_ptr() + base, *w_p = w.get_ptr() + start,
-                        *bak_p = bak.get_ptr() + i * ld_bak + start;
-            float* out_p = out.get_ptr() + base;
-            float x[kBlock];
-            for (int j = 0; j < n; ++j) {
-                x[j] = alpha * in_p[j] * w_p[j] + beta * bak_p[j];
-            }
-            for (int j = 0; j < n; ++j) {
-                out_p[j] = func::guarded_sigmoid(x[j]);
-            }
-        }
-    }
+    const float *in_p = in.get_ptr(), *w_p = w.get_ptr(), *bak_p = bak.get_ptr();
+    float* out_p = out.get_ptr();
+    const int width = static_cast<int>(out.get_w()), ld_bak = static_cast<int>(bak.get_stride());
+    for_each_cell(out, [=](int i, int j) {
+        const int base = i * width + j;
+        const float x = alpha * in_p[base] * w_p[j] + beta * bak_p[i * ld_bak + j];
+        out_p[base] = func::guarded_sigmoid(x);
+    });
 }
 
 inline void vorn_elem_mul_add(const Tensor<float>& a, const Tensor<float>& b,

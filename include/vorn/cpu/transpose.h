@@ -22,7 +22,7 @@ const index_t kTransposeTile = 16;
 const index_t kTransposeBand = 256;
 /// An output of this many bytes will not be found in a core's own cache afterwards; it is written
 /// past the cache, which spares reading it first.
-const index_t kTransposeStreamBytes = 4 << 20;
+const index_t kTransposeStreamBytes = 16 << 20;
 
 template <bool stream>
 inline void store_row(float* to, __m128 row) {
