@@ -25,6 +25,11 @@ Dim::Dim(const Dim& size, index_t stride, index_t idx) : dimension(0) {
     }
 }
 
+void Dim::check_axis_index(int axis_idx) const {
+    const int num_axis = dimension;
+    CHECK(axis_idx >= -num_axis && axis_idx < num_axis) << "error axis index.";
+}
+
 bool Dim::operator==(const Dim& o) const {
     if (dimension == o.dimension) {
         return std::equal(begin(), end(), o.begin());

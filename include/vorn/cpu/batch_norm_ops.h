@@ -15,7 +15,7 @@ namespace vorn {
 namespace cpu {
 
 constexpr index_t kNormStrip = 1024;  ///< Columns of a strip.
-constexpr index_t kNormRows = 4;      ///< Rows added between a load and a store of a running sum.
+constexpr index_t kNormRows = 4;      ///< Rows that share a load of their columns' parameters.
 
 /// sum += a and square += a^2 for a = mask * x, over `rows` rows of `width` columns.
 template <index_t rows>
@@ -52,6 +52,33 @@ void add_norm_errors(const float* x, const float* dy, index_t ld, const int* mas
     }
 }
 
+/// out = (x - mean) * var * scale + bias, likewise.
+template <index_t rows>
+void norm_by_statistics(const float* x, index_t ld, const float* mean, const float* var,
+                        const float* scale, const float* bias, index_t width, float* out) {
+#pragma GCC ivdep
+    for (index_t j = 0; j < width; ++j) {
+        const float m = mean[j], v = var[j], s = scale[j], b = bias[j];
+        for (index_t r = 0; r < rows; ++r) {
+            out[r * ld + j] = (x[r * ld + j] - m) * v * s + b;
+        }
+    }
+}
+
+/// out = (scale * (x - mean) * inv_std + bias) * mask, likewise.
+template <index_t rows>
+void norm_by_batch(const float* x, index_t ld, const int* mask, const float* mean,
+                   const float* inv_std, const float* scale, const float* bias, index_t width,
+                   float* out) {
+#pragma GCC ivdep
+    for (index_t j = 0; j < width; ++j) {
+        const float m = mean[j], i = inv_std[j], s = scale[j], b = bias[j];
+        for (index_t r = 0; r < rows; ++r) {
+            out[r * ld + j] = (s * (x[r * ld + j] - m) * i + b) * mask[r];
+        }
+    }
+}
+
 inline void vorn_audio_batch_norm_inf(const Tensor<float>& x, const Tensor<float>& scale,
                                       const Tensor<float>& bias, const Tensor<float>& mean,
                                       const Tensor<float>& var, const Tensor<int>& mask,
@@ -61,14 +88,21 @@ inline void vorn_audio_batch_norm_inf(const Tensor<float>& x, const Tensor<float
                 *mean_p = mean.get_ptr(), *var_p = var.get_ptr();
     const int* mask_p = mask.get_ptr();
     float* out_p = out.get_ptr();
-    for (index_t r = 0; r < dim_m; ++r, x_p += dim_n, out_p += dim_n) {
-        if (mask_p[r] == -1) {
-            memset(out_p, 0, dim_n * sizeof(float));
+    const auto is_padding = [](int value) { return value == -1; };
+    for (index_t r = 0, rows; r < dim_m; r += rows) {
+        rows = std::min(kNormRows, dim_m - r);
+        const index_t pos = r * dim_n;
+        if (rows == kNormRows && std::none_of(mask_p + r, mask_p + r + rows, is_padding)) {
+            norm_by_statistics<kNormRows>(x_p + pos, dim_n, mean_p, var_p, scale_p, bias_p, dim_n,
+                                          out_p + pos);
             continue;
         }
-#pragma GCC ivdep
-        for (index_t j = 0; j < dim_n; ++j) {
-            out_p[j] = (x_p[j] - mean_p[j]) * var_p[j] * scale_p[j] + bias_p[j];
+        rows = 1;
+        if (is_padding(mask_p[r])) {
+            memset(out_p + pos, 0, dim_n * sizeof(float));
+        } else {
+            norm_by_statistics<1>(x_p + pos, dim_n, mean_p, var_p, scale_p, bias_p, dim_n,
+                                  out_p + pos);
         }
     }
 }
@@ -111,13 +145,14 @@ inline void vorn_audio_batch_norm_train(const Tensor<float>& x, const Tensor<flo
             all_var[j] = all_var[j] * statis_factor + v;
         }
 
-        for (r = 0; r < dim_m; ++r) {
-            const float *in = x_p + r * dim_n, weight = mask_p[r];
-            float* out = y.get_ptr() + start + r * dim_n;
-#pragma GCC ivdep
-            for (index_t j = 0; j < width; ++j) {
-                out[j] = (scale_p[j] * (in[j] - mean[j]) * inv_std[j] + bias_p[j]) * weight;
-            }
+        float* out = y.get_ptr() + start;
+        for (r = 0; r + kNormRows <= dim_m; r += kNormRows) {
+            norm_by_batch<kNormRows>(x_p + r * dim_n, dim_n, mask_p + r, mean, inv_std, scale_p,
+                                     bias_p, width, out + r * dim_n);
+        }
+        for (; r < dim_m; ++r) {
+            norm_by_batch<1>(x_p + r * dim_n, dim_n, mask_p + r, mean, inv_std, scale_p, bias_p,
+                             width, out + r * dim_n);
         }
     }
 }

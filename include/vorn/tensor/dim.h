@@ -71,7 +71,9 @@ struct Dim {
 
     int canonical_axis_index(int axis_idx) const {
         const int num_axis = dimension;
-        CHECK(axis_idx >= -num_axis && axis_idx < num_axis) << "error axis index.";
+        if (__builtin_expect(axis_idx < -num_axis || axis_idx >= num_axis, false)) {
+            check_axis_index(axis_idx);
+        }
         return axis_idx < 0 ? axis_idx + num_axis : axis_idx;
     }
 
@@ -104,6 +106,10 @@ struct Dim {
     void read(FILE* f);
     void read(std::ifstream& in, size_t byte_size);
     void read_hfnn(std::ifstream& in, size_t byte_size);
+
+private:
+    /// Aborts for an index outside [-axes, axes). Apart, so that an access inlines to a comparison.
+    void check_axis_index(int axis_idx) const;
 };
 
 /// "Dim [3, 4]", or "Dim [null]" without axes.
