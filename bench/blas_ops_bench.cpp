@@ -28,6 +28,7 @@ static void sgemm(benchmark::State& state) {
 BENCHMARK(sgemm)
     ->ArgNames({"m", "n", "k"})
     ->Args({4, 4, 4})
+    ->Args({16, 16, 16})
     ->Args({32, 32, 32})
     ->Args({256, 256, 256})
     ->Args({1024, 1024, 1024})

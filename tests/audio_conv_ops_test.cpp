@@ -118,7 +118,7 @@ TEST_P(AudioConvTest, PoolingInsideGroups) {
     const std::vector<std::vector<int>> groupings = {{6}, {5, 4}, {3, 1, 7}, {2, 2, 9, 1}};
     for (const std::vector<int>& sizes : groupings) {
         for (int pool : {1, 2, 3, 4, 5}) {
-            const int frames = 35, filters = 7;
+            const int frames = 35, filters = 19;
             int rows = 0, length = 0;
             for (int size : sizes) {
                 rows += size * frames;

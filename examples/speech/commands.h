@@ -21,7 +21,7 @@ struct TrainOptions {
     std::filesystem::path picture;    ///< --picture; empty: none
     std::string device = "cpu";       ///< cpu or gpu
     std::string kind = "conv-blstm";  ///< --model
-    int epochs = 30;
+    std::optional<int> epochs;  ///< the kind's own number where not given
     int batch = 16;             ///< utterances
     std::optional<int> hidden;  ///< the kind's own number where not given
     int layers = 2;

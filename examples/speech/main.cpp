@@ -53,7 +53,9 @@ CLI::App* add_train(CLI::App* app, speech::TrainOptions* options) {
                                       const CLI::Range& range) {
         command->add_option(name, *value, help)->check(range)->capture_default_str();
     };
-    add_number("--epochs", &options->epochs, "Passes over the training set", CLI::Range(1, 10000));
+    command
+        ->add_option("--epochs", options->epochs, "Passes over the training set (default: by kind)")
+        ->check(CLI::Range(1, 10000));
     add_number("--batch", &options->batch, "Utterances in a batch", CLI::Range(1, 1024));
     command
         ->add_option("--hidden", options->hidden,

@@ -97,6 +97,10 @@ int default_cells(const std::string& kind) {
     return kind == kConvBlstm ? 112 : 160;
 }
 
+int default_epochs(const std::string& kind) {
+    return kind == kConvBlstm ? 22 : 30;
+}
+
 void validate(const NetworkShape& shape) {
     const std::vector<std::string> kinds = network_kinds();
     if (std::find(kinds.begin(), kinds.end(), shape.kind) == kinds.end()) {

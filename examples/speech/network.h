@@ -40,6 +40,9 @@ std::vector<std::string> network_kinds();
 /// Cells that a layer of this kind has, in each direction, where the user does not say.
 int default_cells(const std::string& kind);
 
+/// Passes over the training set after which a network of this kind hardly learns more.
+int default_epochs(const std::string& kind);
+
 /// What a forward pass is for. In training some layers look at the batch as a whole.
 enum class Pass { kTraining, kInference };
 

@@ -141,20 +141,21 @@ int run_train(const TrainOptions& options) {
     model.shape.conv.bands = model.features.bands;
     model.shape.conv.channels = model.features.channels();
     model.network = make_network(model.shape, compute.device());
+    const int epoch_count = options.epochs.value_or(default_epochs(options.kind));
     Trainer trainer(
         model.network.get(), &data.train,
-        {options.epochs, options.batch, options.learning_rate, options.seed, model.features});
+        {epoch_count, options.batch, options.learning_rate, options.seed, model.features});
     std::cout << "training on " << data.train.size() << " utterances, "
               << trainer.frames_per_epoch() << " frames; choosing by " << data.held_out.size()
               << " held out; testing on " << data.test.size() << std::endl;
 
     const InterruptScope interrupt;
     const auto start = std::chrono::steady_clock::now();
-    Progress progress(options.epochs, trainer.frames_per_epoch());
+    Progress progress(epoch_count, trainer.frames_per_epoch());
     std::vector<EpochPoint> epochs;
     double best = 0;
     int best_epoch = 0;
-    for (int epoch = 1; epoch <= options.epochs && !interrupt.requested(); ++epoch) {
+    for (int epoch = 1; epoch <= epoch_count && !interrupt.requested(); ++epoch) {
         const auto epoch_start = std::chrono::steady_clock::now();
         const double loss = trainer.run_epoch([&](std::int64_t frames, double mean_loss) {
             progress.update(epoch, frames, mean_loss);

@@ -178,7 +178,7 @@ struct FramePooling {
     /// Stores `count` positions of one filter.
     template <index_t count>
     void put(Lanes<float>::Half max, Lanes<int>::Half idx, int* max_idx, float* out) const {
-        if (count == kPositions) {
+        if constexpr (count == kPositions) {
             Lanes<float>::Half old;
             load(old, out);
             store(out, alpha * max + beta * old);
