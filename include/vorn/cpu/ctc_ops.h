@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "vorn/cpu/reduce.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms. The CTC tables are made on a GPU only.
@@ -25,66 +26,36 @@ inline void vorn_compute_ctc_err(const Tensor<float>&, const Tensor<float>&, con
     LOG_FATAL << "Not Implemented Yet";
 }
 
-/// The lowest column of the largest element above the lowest finite float, else -1. In a wide row
-/// the value first, then its place, because both scans vectorise and a single one does not.
-inline int row_max_id(const float* row, index_t width) {
-    constexpr index_t kLanes = 32;
-    constexpr float kLowest = std::numeric_limits<float>::lowest();
-    const auto larger = [](float a, float b) { return a > b ? a : b; };
-    if (width < 3 * kLanes) {
-        float max = kLowest;
-        int id = -1;
-        for (index_t j = 0; j < width; ++j) {
-            if (row[j] > max) {
-                max = row[j];
-                id = static_cast<int>(j);
-            }
-        }
-        return id;
+/// The lowest column of the largest element above the lowest finite float, else -1, in each lane.
+struct MaxIdFold {
+    using Element = float;
+    using Result = int;
+    struct Acc {
+        Lanes<float>::Full max;
+        Lanes<int>::Full id, column;
+    };
+
+    Acc start() const {
+        Acc acc;
+        splat(acc.max, std::numeric_limits<float>::lowest());
+        splat(acc.id, -1);
+        splat(acc.column, 0);
+        return acc;
     }
-    float lanes[kLanes];
-    std::fill_n(lanes, kLanes, kLowest);
-    index_t j = 0;
-    for (; j + kLanes <= width; j += kLanes) {
-        for (index_t lane = 0; lane < kLanes; ++lane) {
-            lanes[lane] = larger(row[j + lane], lanes[lane]);
-        }
+    void fold(Acc& acc, const Lanes<float>::Full& column) const {
+        const Lanes<int>::Full above = column > acc.max;
+        acc.max = above ? column : acc.max;
+        acc.id = above ? acc.column : acc.id;
+        acc.column += 1;
     }
-    for (index_t lane = 0; lane < kLanes / 2; ++lane) {
-        lanes[lane] = larger(lanes[lane + kLanes / 2], lanes[lane]);
-    }
-    float max = kLowest;
-    for (index_t lane = 0; lane < kLanes / 2; ++lane) {
-        max = larger(lanes[lane], max);
-    }
-    for (; j < width; ++j) {
-        max = larger(row[j], max);
-    }
-    if (max == kLowest) {
-        return -1;
-    }
-    for (j = 0; j + kLanes <= width; j += kLanes) {
-        int hits = 0;
-        for (index_t lane = 0; lane < kLanes; ++lane) {
-            hits += row[j + lane] == max;
-        }
-        if (hits > 0) {
-            break;
-        }
-    }
-    while (row[j] != max) {
-        ++j;
-    }
-    return static_cast<int>(j);
-}
+    void finish(const Acc& acc, int* result) const { store(result, acc.id); }
+};
 
 inline void vorn_find_row_max_id(const Tensor<float>& in, Tensor<int>& max_id_vec) {
     const index_t dimM = in.row(), dimN = in.get_w();
-    const float* in_p = in.get_ptr();
     int* id_p = max_id_vec.get_ptr();
-    for (index_t m = 0; m < dimM; ++m) {
-        id_p[m] = row_max_id(in_p + m * dimN, dimN);
-    }
+    fold_rows(MaxIdFold(), in.get_ptr(), dimM, dimN, dimN,
+              [=](index_t m, int id) { id_p[m] = id; });
 }
 
 inline void vorn_vec_mask(const Tensor<float>& in, const Tensor<int>& mask, Tensor<float>& out) {

@@ -33,20 +33,39 @@ struct LastRows {
     const T* operator[](index_t r) const { return first + std::min(r, count - 1) * ld; }
 };
 
+// A fold of eight rows at once, a lane for each. What folds rows has these members: `Element` and
+// `Result` types, the running values `Acc`, and what starts, extends and stores them.
+template <typename Reducer, typename T>
+struct LaneFold {
+    using Element = T;
+    using Result = T;
+    using Acc = typename Lanes<T>::Full;
+
+    Reducer f;
+
+    Acc start() const {
+        Acc acc;
+        splat(acc, f.identity());
+        return acc;
+    }
+    void fold(Acc& acc, const Acc& column) const { f.fold(acc, column); }
+    void finish(const Acc& acc, T* result) const { store(result, acc); }
+};
+
 // Folds columns j to j + 3 of eight rows into eight lanes. Rows r and r + 4 are loaded side by
 // side, so that the transposition stays inside the halves of a register.
-template <typename T, typename Reducer, typename Rows>
-VORN_FORCE_INLINE void fold_four_columns(Reducer f, Rows rows, index_t j,
-                                         typename Lanes<T>::Full& acc) {
-    typename Lanes<T>::Full pair[4];
+template <typename F, typename Rows>
+VORN_FORCE_INLINE void fold_four_columns(F f, Rows rows, index_t j, typename F::Acc& acc) {
+    using LanesOf = Lanes<typename F::Element>;
+    typename LanesOf::Full pair[4];
     for (int r = 0; r < 4; ++r) {
-        typename Lanes<T>::Half low, high;
+        typename LanesOf::Half low, high;
         load(low, rows[r] + j);
         load(high, rows[r + 4] + j);
         pair[r] = __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7);
     }
     transpose_halves(pair);
-    for (const typename Lanes<T>::Full& column : pair) {
+    for (const typename LanesOf::Full& column : pair) {
         f.fold(acc, column);
     }
 }
@@ -55,23 +74,23 @@ constexpr index_t kLine = 16;  // columns of a cache line
 
 // Columns j to j + kLine - 1 of eight rows. A whole line of each row at a time, because rows a
 // power of two apart share few places in the cache.
-template <typename T, typename Reducer, typename Rows>
-VORN_FORCE_INLINE void fold_line(Reducer f, Rows rows, index_t j, typename Lanes<T>::Full& acc) {
+template <typename F, typename Rows>
+VORN_FORCE_INLINE void fold_line(F f, Rows rows, index_t j, typename F::Acc& acc) {
     for (index_t k = 0; k < kLine; k += 4) {
-        fold_four_columns<T>(f, rows, j + k, acc);
+        fold_four_columns(f, rows, j + k, acc);
     }
 }
 
 // Columns j to n - 1 of eight rows.
-template <typename T, typename Reducer, typename Rows>
-VORN_FORCE_INLINE void fold_rest(Reducer f, Rows rows, index_t j, index_t n,
-                                 typename Lanes<T>::Full& acc) {
+template <typename F, typename Rows>
+VORN_FORCE_INLINE void fold_rest(F f, Rows rows, index_t j, index_t n, typename F::Acc& acc) {
+    using LanesOf = Lanes<typename F::Element>;
     for (; j + 4 <= n; j += 4) {
-        fold_four_columns<T>(f, rows, j, acc);
+        fold_four_columns(f, rows, j, acc);
     }
     for (; j < n; ++j) {
-        typename Lanes<T>::Full column;
-        for (int l = 0; l < Lanes<T>::kFull; ++l) {
+        typename LanesOf::Full column;
+        for (int l = 0; l < LanesOf::kFull; ++l) {
             column[l] = rows[l][j];
         }
         f.fold(acc, column);
@@ -79,27 +98,24 @@ VORN_FORCE_INLINE void fold_rest(Reducer f, Rows rows, index_t j, index_t n,
 }
 
 // result[r] = the fold of the n elements at rows[r], for eight rows.
-template <typename Reducer, typename T>
-void fold_eight_rows(Reducer f, LastRows<T> rows, index_t n, T* result) {
-    typename Lanes<T>::Full acc;
-    splat(acc, f.identity());
+template <typename F, typename Rows>
+void fold_eight_rows(F f, Rows rows, index_t n, typename F::Result* result) {
+    typename F::Acc acc = f.start();
     const index_t lines = n / kLine * kLine;
     for (index_t j = 0; j < lines; j += kLine) {
-        fold_line<T>(f, rows, j, acc);
+        fold_line(f, rows, j, acc);
     }
-    fold_rest<T>(f, rows, lines, n, acc);
-    memcpy(result, &acc, sizeof(acc));
+    fold_rest(f, rows, lines, n, acc);
+    f.finish(acc, result);
 }
 
 // The same for sixteen rows: two independent chains, which hide the latency of an addition.
 // Short rows: the next sixteen are fetched meanwhile, in the order in which they lie in memory.
-template <typename Reducer, typename T>
-void fold_sixteen_short_rows(Reducer f, EvenRows<T> rows, index_t n, T* result) {
+template <typename F, typename T>
+void fold_sixteen_short_rows(F f, EvenRows<T> rows, index_t n, typename F::Result* result) {
     constexpr int kFull = Lanes<T>::kFull;
     const EvenRows<T> rows2{rows[kFull], rows.ld};
-    typename Lanes<T>::Full acc, acc2;
-    splat(acc, f.identity());
-    splat(acc2, f.identity());
+    typename F::Acc acc = f.start(), acc2 = f.start();
     const index_t lines = n / kLine * kLine;
     const T* next_row = rows[2 * kFull];
     index_t next_column = 0;
@@ -112,66 +128,70 @@ void fold_sixteen_short_rows(Reducer f, EvenRows<T> rows, index_t n, T* result) 
                 next_row += rows.ld;
             }
         }
-        fold_line<T>(f, rows, j, acc);
-        fold_line<T>(f, rows2, j, acc2);
+        fold_line(f, rows, j, acc);
+        fold_line(f, rows2, j, acc2);
     }
-    fold_rest<T>(f, rows, lines, n, acc);
-    fold_rest<T>(f, rows2, lines, n, acc2);
-    memcpy(result, &acc, sizeof(acc));
-    memcpy(result + kFull, &acc2, sizeof(acc2));
+    fold_rest(f, rows, lines, n, acc);
+    fold_rest(f, rows2, lines, n, acc2);
+    f.finish(acc, result);
+    f.finish(acc2, result + kFull);
 }
 
 // Long rows are streams that the processor foresees. The second eight lag behind, so that their
 // lines go to other places of the cache.
 constexpr index_t kRowFoldLag = 8 * kLine;
 
-template <typename Reducer, typename T>
-void fold_sixteen_long_rows(Reducer f, EvenRows<T> rows, index_t n, T* result) {
+template <typename F, typename T>
+void fold_sixteen_long_rows(F f, EvenRows<T> rows, index_t n, typename F::Result* result) {
     constexpr int kFull = Lanes<T>::kFull;
     const EvenRows<T> rows2{rows[kFull], rows.ld};
-    typename Lanes<T>::Full acc, acc2;
-    splat(acc, f.identity());
-    splat(acc2, f.identity());
+    typename F::Acc acc = f.start(), acc2 = f.start();
     const index_t lines = n / kLine * kLine;
     index_t j = 0;
     for (; j < kRowFoldLag; j += kLine) {
-        fold_line<T>(f, rows, j, acc);
+        fold_line(f, rows, j, acc);
     }
     for (; j < lines; j += kLine) {
-        fold_line<T>(f, rows, j, acc);
-        fold_line<T>(f, rows2, j - kRowFoldLag, acc2);
+        fold_line(f, rows, j, acc);
+        fold_line(f, rows2, j - kRowFoldLag, acc2);
     }
     for (j = lines - kRowFoldLag; j < lines; j += kLine) {
-        fold_line<T>(f, rows2, j, acc2);
+        fold_line(f, rows2, j, acc2);
     }
-    fold_rest<T>(f, rows, lines, n, acc);
-    fold_rest<T>(f, rows2, lines, n, acc2);
-    memcpy(result, &acc, sizeof(acc));
-    memcpy(result + kFull, &acc2, sizeof(acc2));
+    fold_rest(f, rows, lines, n, acc);
+    fold_rest(f, rows2, lines, n, acc2);
+    f.finish(acc, result);
+    f.finish(acc2, result + kFull);
+}
+
+/// Calls save(i, fold of row i) for the `dim_m` rows of `dim_n` elements that are `ld` apart.
+template <typename F, typename T, typename Save>
+void fold_rows(F f, const T* in, index_t dim_m, index_t dim_n, index_t ld, Save save) {
+    constexpr index_t kFull = Lanes<T>::kFull, kRows = 2 * kFull;
+    for (index_t i = 0, count; i < dim_m; i += count) {
+        const T* first = in + i * ld;
+        typename F::Result result[kRows];
+        count = kRows;
+        if (dim_m - i < kRows) {
+            count = std::min(kFull, dim_m - i);
+            fold_eight_rows(f, LastRows<T>{first, ld, count}, dim_n, result);
+        } else if (dim_n < 2 * kRowFoldLag) {
+            fold_sixteen_short_rows(f, EvenRows<T>{first, ld}, dim_n, result);
+        } else {
+            fold_sixteen_long_rows(f, EvenRows<T>{first, ld}, dim_n, result);
+        }
+        for (index_t r = 0; r < count; ++r) {
+            save(i + r, result[r]);
+        }
+    }
 }
 
 /// out[i] = save(fold of row i of `in`)
 template <typename Reducer, typename In, typename Out>
 void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
-    constexpr index_t kFull = Lanes<In>::kFull, kRows = 2 * kFull;
-    const index_t dim_m = in.get_size().height(), dim_n = in.get_size()[-1], ld_in = in.ld();
     Out* out_p = out.get_data();
-    for (index_t i = 0, count; i < dim_m; i += count) {
-        const In* first = in.get_data() + i * ld_in;
-        In result[kRows];
-        count = kRows;
-        if (dim_m - i < kRows) {
-            count = std::min(kFull, dim_m - i);
-            fold_eight_rows(f, LastRows<In>{first, ld_in, count}, dim_n, result);
-        } else if (dim_n < 2 * kRowFoldLag) {
-            fold_sixteen_short_rows(f, EvenRows<In>{first, ld_in}, dim_n, result);
-        } else {
-            fold_sixteen_long_rows(f, EvenRows<In>{first, ld_in}, dim_n, result);
-        }
-        for (index_t r = 0; r < count; ++r) {
-            out_p[i + r] = f.save(result[r], out_p[i + r]);
-        }
-    }
+    fold_rows(LaneFold<Reducer, In>{f}, in.get_data(), in.get_size().height(), in.get_size()[-1],
+              in.ld(), [=](index_t i, In result) { out_p[i] = f.save(result, out_p[i]); });
 }
 
 /// out[j] = save(fold of column j of `in`)
