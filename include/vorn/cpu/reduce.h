@@ -109,53 +109,25 @@ void fold_eight_rows(F f, Rows rows, index_t n, typename F::Result* result) {
     f.finish(acc, result);
 }
 
-// The same for sixteen rows: two independent chains, which hide the latency of an addition.
-// Short rows: the next sixteen are fetched meanwhile, in the order in which they lie in memory.
-template <typename F, typename T>
-void fold_sixteen_short_rows(F f, EvenRows<T> rows, index_t n, typename F::Result* result) {
-    constexpr int kFull = Lanes<T>::kFull;
-    const EvenRows<T> rows2{rows[kFull], rows.ld};
-    typename F::Acc acc = f.start(), acc2 = f.start();
-    const index_t lines = n / kLine * kLine;
-    const T* next_row = rows[2 * kFull];
-    index_t next_column = 0;
-    for (index_t j = 0; j < lines; j += kLine) {
-        for (int l = 0; l < 2 * kFull; ++l) {
-            __builtin_prefetch(next_row + next_column);
-            next_column += kLine;
-            if (next_column >= n) {
-                next_column = 0;
-                next_row += rows.ld;
-            }
-        }
-        fold_line(f, rows, j, acc);
-        fold_line(f, rows2, j, acc2);
-    }
-    fold_rest(f, rows, lines, n, acc);
-    fold_rest(f, rows2, lines, n, acc2);
-    f.finish(acc, result);
-    f.finish(acc2, result + kFull);
-}
-
-// Long rows are streams that the processor foresees. The second eight lag behind, so that their
-// lines go to other places of the cache.
-constexpr index_t kRowFoldLag = 8 * kLine;
-
-template <typename F, typename T>
-void fold_sixteen_long_rows(F f, EvenRows<T> rows, index_t n, typename F::Result* result) {
+// The same for sixteen rows: two independent chains, which hide the latency of an addition. The
+// second eight lag `lag` columns behind. `fetch` is called once a line.
+template <typename F, typename T, typename Fetch>
+void fold_sixteen_rows(F f, EvenRows<T> rows, index_t n, index_t lag, Fetch fetch,
+                       typename F::Result* result) {
     constexpr int kFull = Lanes<T>::kFull;
     const EvenRows<T> rows2{rows[kFull], rows.ld};
     typename F::Acc acc = f.start(), acc2 = f.start();
     const index_t lines = n / kLine * kLine;
     index_t j = 0;
-    for (; j < kRowFoldLag; j += kLine) {
+    for (; j < lag; j += kLine) {
         fold_line(f, rows, j, acc);
     }
     for (; j < lines; j += kLine) {
+        fetch();
         fold_line(f, rows, j, acc);
-        fold_line(f, rows2, j - kRowFoldLag, acc2);
+        fold_line(f, rows2, j - lag, acc2);
     }
-    for (j = lines - kRowFoldLag; j < lines; j += kLine) {
+    for (j = lines - lag; j < lines; j += kLine) {
         fold_line(f, rows2, j, acc2);
     }
     fold_rest(f, rows, lines, n, acc);
@@ -164,10 +136,31 @@ void fold_sixteen_long_rows(F f, EvenRows<T> rows, index_t n, typename F::Result
     f.finish(acc2, result + kFull);
 }
 
+// Fetches sixteen lines a call, from `row` on in the order in which they lie in memory.
+template <typename T>
+struct FetchRows {
+    const T* row;
+    index_t ld, n, column;
+
+    void operator()() {
+        for (int l = 0; l < 2 * Lanes<T>::kFull; ++l) {
+            __builtin_prefetch(row + column);
+            column += kLine;
+            if (column >= n) {
+                column = 0;
+                row += ld;
+            }
+        }
+    }
+};
+
 /// Calls save(i, fold of row i) for the `dim_m` rows of `dim_n` elements that are `ld` apart.
 template <typename F, typename T, typename Save>
 void fold_rows(F f, const T* in, index_t dim_m, index_t dim_n, index_t ld, Save save) {
     constexpr index_t kFull = Lanes<T>::kFull, kRows = 2 * kFull;
+    // The next short rows are fetched ahead. Long rows are streams that the processor foresees; of
+    // these, the lag sends the lines of the second eight to other places of the cache.
+    constexpr index_t kLag = 8 * kLine;
     for (index_t i = 0, count; i < dim_m; i += count) {
         const T* first = in + i * ld;
         typename F::Result result[kRows];
@@ -175,10 +168,12 @@ void fold_rows(F f, const T* in, index_t dim_m, index_t dim_n, index_t ld, Save 
         if (dim_m - i < kRows) {
             count = std::min(kFull, dim_m - i);
             fold_eight_rows(f, LastRows<T>{first, ld, count}, dim_n, result);
-        } else if (dim_n < 2 * kRowFoldLag) {
-            fold_sixteen_short_rows(f, EvenRows<T>{first, ld}, dim_n, result);
+        } else if (dim_n < 2 * kLag) {
+            fold_sixteen_rows(f, EvenRows<T>{first, ld}, dim_n, 0,
+                              FetchRows<T>{first + kRows * ld, ld, dim_n, 0}, result);
         } else {
-            fold_sixteen_long_rows(f, EvenRows<T>{first, ld}, dim_n, result);
+            fold_sixteen_rows(
+                f, EvenRows<T>{first, ld}, dim_n, kLag, [] {}, result);
         }
         for (index_t r = 0; r < count; ++r) {
             save(i + r, result[r]);
