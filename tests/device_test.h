@@ -12,6 +12,7 @@
 #include <ostream>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "vorn/context/context.h"
@@ -33,24 +34,12 @@ constexpr double kHalfUlp = 1.0001 / (1 << 24);  ///< One rounding of the exact 
 /// Where a test case runs: each device, dense and as a view of some columns of a wider matrix.
 enum class Place { kHost, kHostPitched, kGpu, kGpuPitched };
 
-inline const char* place_name(Place place) {
-    switch (place) {
-        case Place::kHost:
-            return "Host";
-        case Place::kHostPitched:
-            return "HostPitched";
-        case Place::kGpu:
-            return "Gpu";
-        case Place::kGpuPitched:
-            return "GpuPitched";
-    }
-    return "";
+inline void PrintTo(Place place, std::ostream* os) {
+    const char* names[] = {"Host", "HostPitched", "Gpu", "GpuPitched"};
+    *os << names[static_cast<int>(place)];
 }
 inline std::string name_of_place(const ::testing::TestParamInfo<Place>& info) {
-    return place_name(info.param);
-}
-inline void PrintTo(Place place, std::ostream* os) {
-    *os << place_name(place);
+    return ::testing::PrintToString(info.param);
 }
 
 inline const auto kAllPlaces =
@@ -70,6 +59,16 @@ inline std::vector<float> random_values(size_t count, unsigned seed, float lo = 
 
 inline Doubles widen(const Values& values) {
     return Doubles(values.begin(), values.end());
+}
+
+/// first, first + step, ...
+template <typename T>
+std::vector<T> counting(index_t count, int first = 0, int step = 1) {
+    std::vector<T> values(count);
+    for (index_t i = 0; i < count; ++i) {
+        values[i] = static_cast<T>(first + step * static_cast<int>(i));
+    }
+    return values;
 }
 
 /// A dense tensor with these elements, row-major.
@@ -170,7 +169,15 @@ protected:
     /// between guard columns, of which `right` stand behind it; other shapes are dense.
     template <typename T>
     Tensor<T> make(const Dim& size, const std::vector<T>& values, int right = kGuard + 1) {
-        Tensor<T> tensor = allocate<T>(size, right);
+        Tensor<T> tensor(size, device());
+        if constexpr (std::is_same<T, float>::value) {
+            if (pitched() && size.get_axis() == 2) {
+                Tensor<T> whole(Dim(size[0], size[1] + kGuard + right), device());
+                whole.set_element(kGuardValue);
+                _guarded.push_back({whole, right});
+                tensor = whole.range_col(kGuard, kGuard + size[1]);
+            }
+        }
         tensor.copy_from(Tensor<T>(const_cast<T*>(values.data()), size, CPU));
         return tensor;
     }
@@ -188,7 +195,7 @@ protected:
     }
 
     /// Fails if an operation wrote beside a pitched matrix made by this test.
-    void expect_guards_untouched() {
+    void TearDown() override {
         for (const Guarded& guarded : _guarded) {
             const std::vector<float> all = values_of(guarded.whole);
             const int width = guarded.whole.get_size()[-1];
@@ -201,8 +208,6 @@ protected:
         }
     }
 
-    void TearDown() override { expect_guards_untouched(); }
-
 private:
     static constexpr int kGuard = 3;
     static constexpr float kGuardValue = 777;
@@ -212,25 +217,9 @@ private:
         int right;
     };
 
-    template <typename T>
-    Tensor<T> allocate(const Dim& size, int) {
-        return Tensor<T>(size, device());
-    }
-
     ThreadContextScope _context;
     std::vector<Guarded> _guarded;
 };
-
-template <>
-inline Tensor<float> DeviceTest::allocate<float>(const Dim& size, int right) {
-    if (!pitched() || size.get_axis() != 2) {
-        return Tensor<float>(size, device());
-    }
-    Tensor<float> whole(Dim(size[0], size[1] + kGuard + right), device());
-    whole.set_element(kGuardValue);
-    _guarded.push_back({whole, right});
-    return whole.range_col(kGuard, kGuard + size[1]);
-}
 
 /// |actual - expected| <= absolute + relative * |expected|, element by element; NaN equals NaN.
 inline void expect_close(const std::vector<float>& actual, const std::vector<double>& expected,
@@ -285,6 +274,14 @@ inline std::string same_device(const std::string& a, const std::string& b = "out
 inline std::string same_size(const std::string& a, const std::string& b = "out") {
     return "Check failed: (" + a + ".get_size()) == (" + b + ".get_size()) ";
 }
+
+inline const std::string kBadAxis =
+    "Check failed: axis_idx >= -num_axis && axis_idx < num_axis error axis index.";
+inline const std::string kBadIndex = "Check failed: is_valid_index(coor) invalid index dim.";
+/// The shape and its product follow.
+inline const std::string kTooLarge =
+    "Check failed: ret <= static_cast<index_t>(std::numeric_limits<int>::max()) Dim size error "
+    "Dim ";
 
 /// One row of a table of failures: a call and the exact text behind the log prefixes.
 struct FailureCase {
