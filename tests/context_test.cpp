@@ -46,6 +46,9 @@ TEST(ContextTest, SeedRestartsTheHostGenerator) {
     EXPECT_EQ((*t_ctx->c_gen)(), rng_t(5)());
 }
 
+class ThreadsTest : public GpuTest {};
+class KernelTailTest : public GpuTest {};
+
 TEST(ContextTest, FailureTexts) {
     expect_failures({
         {"Check failed: nullptr == t_ctx thread context inited before",
@@ -56,8 +59,6 @@ TEST(ContextTest, FailureTexts) {
         {"Check notnull: t_ctx ", [] { seed_thread_context(1); }},
     });
 }
-
-using ThreadsTest = GpuTest;
 
 // Each thread has a stream, a flag and a context of its own, and works beside the others.
 TEST_F(ThreadsTest, WorkAtOnce) {
@@ -86,8 +87,6 @@ TEST_F(ThreadsTest, WorkAtOnce) {
     EXPECT_FALSE(g_sync_flag);
 }
 
-using KernelTailTest = GpuTest;
-
 void launch_failing_kernel() {
     int* value = nullptr;
     cudaMalloc(reinterpret_cast<void**>(&value), sizeof(int));
@@ -96,15 +95,22 @@ void launch_failing_kernel() {
     VORN_KERNEL_TAIL();
 }
 
+void launch_empty_grid() {
+    gpu::launch<KeFailingAssertion>(0, 1, static_cast<int*>(nullptr));
+    VORN_KERNEL_TAIL();
+}
+
+void expect_stop_at_launch(void (*launch)(), const std::string& status, const std::string& text) {
+    g_sync_flag = true;
+    const std::string site = "\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: ";
+    EXPECT_DEATH(launch(), site + status + "\n\\[..:..:..\\] [^\n]*" + site +
+                               literal("Check failed: 0 == (ret) " + text + "\n"));
+    g_sync_flag = false;
+}
+
 TEST_F(KernelTailTest, SyncFlagStopsAtTheLaunchSite) {
-    EXPECT_DEATH(
-        {
-            g_sync_flag = true;
-            launch_failing_kernel();
-        },
-        "\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: 710\n"
-        "\\[..:..:..\\] [^\n]*\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: " +
-            literal("Check failed: 0 == (ret) device-side assert triggered\n"));
+    expect_stop_at_launch(launch_failing_kernel, "710", "device-side assert triggered");
+    expect_stop_at_launch(launch_empty_grid, "9", "invalid configuration argument");
 }
 
 TEST_F(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
@@ -117,24 +123,9 @@ TEST_F(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
         "<went on>[^<]*device-side assert triggered");
 }
 
-void launch_empty_grid() {
-    gpu::launch<KeFailingAssertion>(0, 1, static_cast<int*>(nullptr));
-    VORN_KERNEL_TAIL();
-}
-
 TEST_F(KernelTailTest, RefusedLaunchIsSilentWithoutTheFlag) {
     launch_empty_grid();
     EXPECT_EQ(cudaGetLastError(), cudaErrorInvalidConfiguration);
-    EXPECT_DEATH(
-        {
-            g_sync_flag = true;
-            launch_empty_grid();
-        },
-        literal(": 9\n") + "[^\n]*" +
-            literal("Check failed: 0 == (ret) invalid configuration argument\n"));
-    g_sync_flag = true;
-    Tensor<float>(Dim(0, 4), GPU).ones();  // an empty tensor launches nothing
-    g_sync_flag = false;
 }
 
 }  // namespace

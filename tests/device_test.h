@@ -241,10 +241,8 @@ inline void expect_close(const std::vector<float>& actual, const std::vector<dou
 inline void expect_same_bits(const std::vector<float>& actual, const std::vector<float>& expected) {
     ASSERT_EQ(actual.size(), expected.size());
     for (size_t i = 0; i < actual.size(); ++i) {
-        uint32_t a, e;
-        memcpy(&a, &actual[i], sizeof(a));
-        memcpy(&e, &expected[i], sizeof(e));
-        ASSERT_EQ(a, e) << "element " << i << ": " << actual[i] << " against " << expected[i];
+        ASSERT_EQ(memcmp(&actual[i], &expected[i], sizeof(float)), 0)
+            << "element " << i << ": " << actual[i] << " against " << expected[i];
     }
 }
 

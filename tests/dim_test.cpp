@@ -47,25 +47,21 @@ TEST(DimTest, EqualityIgnoresLeadingOnes) {
     EXPECT_TRUE(Dim(0, 5) == Dim(5, 0, 5));
 }
 
-TEST(DimTest, Products) {
+TEST(DimTest, ProductsAndAxes) {
     EXPECT_EQ(Dim().product(), 0);
     EXPECT_EQ(Dim().product_check(), 1);
-    EXPECT_EQ(Dim(3, 4, 5).product(), 60);
-    EXPECT_EQ(Dim(3, 4, 5).height(), 12);
-    EXPECT_EQ(Dim(9).height(), 1);
     EXPECT_EQ(Dim(65536, 65536).product(), 0);
     EXPECT_EQ(Dim(1, 2147483647).product_check(), 2147483647);
-}
-
-TEST(DimTest, AxesCountFromBothEnds) {
-    Dim d(2, 3, 4);
-    EXPECT_EQ(d[-1], 4);
-    EXPECT_EQ(d[-3], 2);
-    d[-2] = 9;
-    EXPECT_EQ(d[1], 9);
-    EXPECT_EQ(get_reverse<-1>(d), 4);
-    EXPECT_EQ(get_reverse<-4>(d), 1);
+    EXPECT_EQ(Dim(9).height(), 1);
     EXPECT_EQ(get_reverse<-1>(Dim()), 1);
+
+    Dim d(2, 3, 4);
+    d[-2] = 5;
+    EXPECT_EQ(d[0] * 100 + d[1] * 10 + d[2], 254);
+    EXPECT_EQ(d[-3] * 100 + d[-2] * 10 + d[-1], 254);
+    EXPECT_EQ(get_reverse<-1>(d) * 10 + get_reverse<-4>(d), 41);
+    EXPECT_EQ(d.product(), 40);
+    EXPECT_EQ(d.height(), 10);
     d.clear();
     EXPECT_EQ(d.get_size(), 0);
     EXPECT_EQ(d.dims[2], 0);
@@ -103,11 +99,13 @@ TEST(DimTest, FailureTexts) {
 }
 
 TEST(BaseTest, Devices) {
-    EXPECT_TRUE(is_cpu_device(CPU) && is_cpu_device(CPU_PINNED) && !is_cpu_device(GPU));
-    EXPECT_TRUE(is_gpu_device(GPU) && !is_gpu_device(CPU) && !is_gpu_device(CPU_PINNED));
-    EXPECT_TRUE(is_same_devices(CPU, CPU_PINNED) && is_same_devices(GPU, GPU));
-    EXPECT_FALSE(is_same_devices(CPU_PINNED, GPU));
-    EXPECT_TRUE(is_cpu_device(cpu_device()) && is_gpu_device(gpu_device()));
+    for (Device a : {CPU, GPU, CPU_PINNED}) {
+        EXPECT_EQ(is_gpu_device(a), a == GPU);
+        EXPECT_EQ(is_cpu_device(a), a != GPU);
+        for (Device b : {CPU, GPU, CPU_PINNED}) {
+            EXPECT_EQ(is_same_devices(a, b), (a == GPU) == (b == GPU));
+        }
+    }
 }
 
 }  // namespace

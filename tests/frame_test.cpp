@@ -18,20 +18,16 @@ struct Weigh3 {
     VORN_HD float operator()(int a, float b, float c) const { return 4.0f * a + 2 * b + 0.5f * c; }
 };
 
-struct Shape {
-    int rows, cols;
-};
-
 class FrameTest : public DeviceTest {
 protected:
     // A block that holds base + the position modulo 1000 everywhere: small integers, so that
     // results are exact. The tensor in it is dense or pitched.
     template <typename T>
-    Block<T> block(Shape shape, bool is_pitched, T base) {
-        Block<T> block(Dim(shape.rows, shape.cols), device(), is_pitched ? 3 : 0);
+    Block<T> block(const Dim& shape, bool is_pitched, T base) {
+        Block<T> block(shape, device(), is_pitched ? 3 : 0);
         std::vector<T> all(block.count(), T(kPoison));
-        for (int i = 0; i < shape.rows * shape.cols; ++i) {
-            all[block.place(i / shape.cols, i % shape.cols)] = base + static_cast<T>(i % 1000);
+        for (int i = 0; i < shape.product(); ++i) {
+            all[block.place(i / shape[1], i % shape[1])] = base + static_cast<T>(i % 1000);
         }
         block.write(all);
         return block;
@@ -53,13 +49,12 @@ protected:
 };
 
 TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
-    const std::vector<Shape> shapes = {{1, 1},   {1, 127}, {3, 128},  {2, 129},
-                                       {129, 5}, {7, 33},  {2, 8192}, {40961, 10}};
-    for (Shape shape : shapes) {
+    for (const Dim& shape : {Dim(1, 1), Dim(1, 127), Dim(3, 128), Dim(2, 129), Dim(129, 5),
+                             Dim(7, 33), Dim(2, 8192), Dim(40961, 10)}) {
         // Each operand dense or pitched; large shapes in two mixes only, to save time.
-        for (int mix = 0; mix<8; mix += shape.rows * shape.cols> 10000 ? 7 : 1) {
-            SCOPED_TRACE(std::to_string(shape.rows) + " x " + std::to_string(shape.cols) +
-                         ", mix " + std::to_string(mix));
+        const int step = shape.product() > 10000 ? 7 : 1;
+        for (int mix = 0; mix < 8; mix += step) {
+            SCOPED_TRACE(shape.to_string() + ", mix " + std::to_string(mix));
             const Tensor<int> a = block(shape, mix & 1, 3).tensor;
             const Tensor<float> b = block(shape, mix & 2, 10.0f).tensor;
             const Block<float> room = block(shape, mix & 4, 20.0f);
@@ -79,7 +74,7 @@ TEST_P(FrameTest, RunsRulesOverDenseAndPitchedOperands) {
 
 TEST_P(FrameTest, TakesFurtherTurnsBeyondTheCapOfBlocks) {
     const int count = 40960 * 128 + 1;
-    const Tensor<int> in = block({1, count}, false, 0).tensor;
+    const Tensor<int> in = block(Dim(1, count), false, 0).tensor;
     Tensor<float> out(Dim(count), device());
     unary_op(Affine(), in, out);  // shapes (1, count) and (count) are equal
     expect_each(out, 1, 2);
@@ -87,18 +82,15 @@ TEST_P(FrameTest, TakesFurtherTurnsBeyondTheCapOfBlocks) {
 
 TEST_P(FrameTest, EmptyTensorsAreLeftAlone) {
     g_sync_flag = true;  // a refused launch would abort
-    for (bool is_pitched : {false, true}) {
-        for (Shape shape : {Shape{0, 4}, Shape{4, 0}}) {
-            const Dim size(shape.rows, shape.cols);
-            Tensor<float> whole(Dim(5, 6), device());
-            Tensor<float> out(whole.get_ptr(), size, device());
-            if (is_pitched) {
-                out = Tensor<float>(std::make_shared<Buffer>(64, device()), size, 6);
-            }
+    for (const Dim& size : {Dim(0, 4), Dim(4, 0)}) {
+        Tensor<float> whole(Dim(5, 6), device());
+        Tensor<float> dense(whole.get_ptr(), size, device());
+        Tensor<float> pitched(std::make_shared<Buffer>(64, device()), size, 6);
+        for (Tensor<float> out : {dense, pitched}) {
             binary_inplace_op(func::add(1, 1), out, out);
             vorn_fill(out, 1.0f);
-            EXPECT_EQ(values_of(whole), Values(30, 0.0f));
         }
+        EXPECT_EQ(values_of(whole), Values(30, 0.0f));
     }
     g_sync_flag = false;
 }
@@ -117,7 +109,7 @@ TEST_P(FrameTest, FillsEveryTypeAndNothingBesideAView) {
             t.zero();
             EXPECT_EQ(values_of(t), all(0));
         };
-        const Block<T> room = block<T>({4, 3}, true, T(5));
+        const Block<T> room = block(Dim(4, 3), true, T(5));
         expect_fills(room.tensor);
         expect_untouched_beside(room);
         for (Device place : {device(), on_gpu() ? GPU : CPU_PINNED}) {
@@ -193,8 +185,8 @@ TEST(FrameFailureTest, TestsSizesThenDevices) {
     Tensor<float> out(Dim(2, 3)), in(Dim(2, 3)), small(Dim(2, 2));
     Tensor<float> far(memory, Dim(2, 3), GPU), far_small(memory, Dim(2, 2), GPU);
     Tensor<int> far_int(reinterpret_cast<int*>(memory), Dim(2, 3), GPU);
-    const std::string in1_size = same_size("in1"), in2_size = same_size("in2"),
-                      in1_device = same_device("in1"), in2_device = same_device("in2");
+    const std::string in1_size = same_size("in1"), in2_size = same_size("in2");
+    const std::string in1_device = same_device("in1"), in2_device = same_device("in2");
     expect_failures({
         {same_size("in"), [&] { unary_op(Affine(), short_int, far); }},
         {same_device("in"), [&] { unary_op(Affine(), far_int, out); }},

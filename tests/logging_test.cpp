@@ -60,18 +60,19 @@ TEST(LoggingTest, ErrorLineGoesOn) {
 }
 
 TEST(LoggingTest, StatusTextsOfFourLibraries) {
-    EXPECT_STREQ(gpu_get_error_string(cudaErrorInvalidValue), "invalid argument");
-    EXPECT_STREQ(gpu_get_error_string(CUBLAS_STATUS_ARCH_MISMATCH), "CUBLAS_STATUS_ARCH_MISMATCH");
-    EXPECT_STREQ(gpu_get_error_string(CUBLAS_STATUS_SUCCESS), "CUBLAS_STATUS_SUCCESS");
-    EXPECT_STREQ(cublas_get_error_string(static_cast<cublasStatus_t>(2)),
-                 "<unknown> cublasStatus_t");
-    EXPECT_STREQ(gpu_get_error_string(CURAND_STATUS_LAUNCH_FAILURE),
-                 "CURAND_STATUS_LAUNCH_FAILURE");
-    EXPECT_STREQ(curand_get_error_string(CURAND_STATUS_SUCCESS), "<unknown> curandStatus_t");
-    EXPECT_STREQ(curand_get_error_string(static_cast<curandStatus_t>(9)),
-                 "<unknown> curandStatus_t");
-    EXPECT_STREQ(gpu_get_error_string(CUDNN_STATUS_BAD_PARAM),
-                 cudnnGetErrorString(CUDNN_STATUS_BAD_PARAM));
+    const std::pair<const char*, const char*> texts[] = {
+        {gpu_get_error_string(cudaErrorInvalidValue), "invalid argument"},
+        {gpu_get_error_string(CUBLAS_STATUS_ARCH_MISMATCH), "CUBLAS_STATUS_ARCH_MISMATCH"},
+        {gpu_get_error_string(CUBLAS_STATUS_SUCCESS), "CUBLAS_STATUS_SUCCESS"},
+        {gpu_get_error_string(static_cast<cublasStatus_t>(2)), "<unknown> cublasStatus_t"},
+        {gpu_get_error_string(CURAND_STATUS_LAUNCH_FAILURE), "CURAND_STATUS_LAUNCH_FAILURE"},
+        {gpu_get_error_string(CURAND_STATUS_SUCCESS), "<unknown> curandStatus_t"},
+        {gpu_get_error_string(static_cast<curandStatus_t>(9)), "<unknown> curandStatus_t"},
+        {gpu_get_error_string(CUDNN_STATUS_BAD_PARAM), cudnnGetErrorString(CUDNN_STATUS_BAD_PARAM)},
+    };
+    for (const auto& [actual, expected] : texts) {
+        EXPECT_STREQ(actual, expected);
+    }
 }
 
 }  // namespace
