@@ -1,32 +1,22 @@
-#include <tuple>
-
 #include "device_test.h"
 #include "vorn/ops/ops.h"
 
 namespace vorn {
 namespace test {
 
-class CopyTest : public ::testing::TestWithParam<std::tuple<Device, Device>> {
+class CopyTest : public DeviceTest {
 protected:
-    void SetUp() override {
-        if ((source() == GPU || target() == GPU) && !has_gpu()) {
-            GTEST_SKIP() << "no GPU on this machine";
-        }
-    }
-    Device source() const { return std::get<0>(GetParam()); }
-    Device target() const { return std::get<1>(GetParam()); }
-
     /// Copies between tensors of each pitch and expects the rows, and nothing else, to arrive.
     template <typename T>
-    void copy_all_pitches() {
+    void copy_all_pitches(Device source, Device target) {
         const Dim five(5), row(1, 5), matrix(4, 6), image(2, 3, 4, 5), most(3, 1, 2, 2, 7);
         const std::pair<Dim, Dim> shapes[] = {{Dim(1), Dim(1)}, {five, row},    {row, five},
                                               {matrix, matrix}, {image, image}, {most, most}};
         for (const auto& [from_shape, to_shape] : shapes) {
             for (int pitches = 0; pitches < 4; ++pitches) {
                 SCOPED_TRACE(::testing::Message() << from_shape << " pitches " << pitches);
-                Block<T> from(from_shape, source(), pitches & 1 ? 3 : 0);
-                Block<T> to(to_shape, target(), pitches & 2 ? 4 : 0);
+                Block<T> from(from_shape, source, pitches & 1 ? 3 : 0);
+                Block<T> to(to_shape, target, pitches & 2 ? 4 : 0);
                 const std::vector<T> values = counting<T>(from.count(), 3, 3);
                 std::vector<T> expected = counting<T>(to.count(), -7, -7);
                 from.write(values);
@@ -40,35 +30,14 @@ protected:
                 EXPECT_EQ(to.read(), expected);
                 EXPECT_EQ(from.read(), values);
 
-                const Tensor<T> dense(from.tensor, target());
+                const Tensor<T> dense(from.tensor, target);
                 EXPECT_TRUE(dense.is_contiguous());
-                EXPECT_EQ(dense.get_device(), target());
+                EXPECT_EQ(dense.get_device(), target);
                 EXPECT_EQ(values_of(dense), values_of(to.tensor));
             }
         }
     }
 
-    ThreadContextScope _context;
-};
-
-std::string name_of_pair(const ::testing::TestParamInfo<std::tuple<Device, Device>>& info) {
-    const char* names[] = {"Cpu", "Gpu", "Pinned"};
-    return std::string(names[std::get<0>(info.param) - CPU]) + "To" +
-           names[std::get<1>(info.param) - CPU];
-}
-
-const auto kDevices = ::testing::Values(CPU, GPU, CPU_PINNED);
-INSTANTIATE_TEST_SUITE_P(Pairs, CopyTest, ::testing::Combine(kDevices, kDevices), name_of_pair);
-
-TEST_P(CopyTest, AllPitchesAndTypes) {
-    for_each_type([this](auto zero) { copy_all_pitches<decltype(zero)>(); });
-    Tensor<float> nothing(target());
-    nothing.copy_from(Tensor<float>(source()));
-    EXPECT_EQ(nothing.count(), 0);
-}
-
-class HostMemoryTest : public DeviceTest {
-protected:
     /// Runs of a dense 4 by 6 tensor, which holds 0, 1, ... before, against the same on a vector.
     template <typename T>
     void copy_runs() {
@@ -98,13 +67,28 @@ protected:
         }
     }
 };
-INSTANTIATE_TEST_SUITE_P(Places, HostMemoryTest, kDensePlaces, name_of_place);
+INSTANTIATE_TEST_SUITE_P(Places, CopyTest, kDensePlaces, name_of_place);
 
-TEST_P(HostMemoryTest, RunsOfElements) {
+TEST_P(CopyTest, AllDevicesPitchesAndTypes) {
+    for (Device source : {CPU, GPU, CPU_PINNED}) {
+        for (Device target : {CPU, GPU, CPU_PINNED}) {
+            if ((source == GPU || target == GPU) != on_gpu()) {
+                continue;
+            }
+            SCOPED_TRACE(::testing::Message() << source << " to " << target);
+            for_each_type([&](auto zero) { copy_all_pitches<decltype(zero)>(source, target); });
+            Tensor<float> nothing(target);
+            nothing.copy_from(Tensor<float>(source));
+            EXPECT_EQ(nothing.count(), 0);
+        }
+    }
+}
+
+TEST_P(CopyTest, RunsOfElements) {
     for_each_type([this](auto zero) { copy_runs<decltype(zero)>(); });
 }
 
-TEST_P(HostMemoryTest, CopyRow) {
+TEST_P(CopyTest, CopyRow) {
     Block<float> from(Dim(3, 4), CPU, 2), to(Dim(2, 6), device(), 0);
     from.write(counting<float>(from.count()));
     Values expected = counting<float>(12, -1, -1);
@@ -131,7 +115,7 @@ TEST(FillTest, LargeHostFills) {
     });
 }
 
-TEST_P(HostMemoryTest, Failures) {
+TEST_P(CopyTest, Failures) {
     Tensor<float> m46(Dim(4, 6), device()), m64(Dim(6, 4), device()), vec(Dim(6), device());
     Tensor<float> block = m46.range_col(1, 4);
     Tensor<float> row4(Dim(3, 4), CPU), row7(Dim(3, 7), CPU), cube(Dim(1, 3, 4), CPU);

@@ -97,13 +97,13 @@ std::vector<T> values_of(const Tensor<T>& tensor) {
 }
 
 /// A block of memory on any device, filled and read past the library, with a tensor in it whose
-/// rows are `gap` elements apart and whose first element stands behind `gap` others.
+/// rows are `left` and `right` elements apart and whose first element stands behind `left` others.
 template <typename T>
 class Block {
 public:
-    Block(const Dim& size, const Device& device, index_t gap)
-        : _ld(size[-1] + gap),
-          _first(gap),
+    Block(const Dim& size, const Device& device, index_t left, index_t right = 0)
+        : _ld(size[-1] + left + right),
+          _first(left),
           _count(_first + size.height() * _ld),
           _buffer(std::make_shared<Buffer>(_count * sizeof(T), device)),
           tensor(_buffer, size, _ld, static_cast<T*>(_buffer->ptr()) + _first) {}
@@ -115,6 +115,14 @@ public:
         std::vector<T> all(_count);
         move(all.data(), _buffer->ptr(), cudaMemcpyDeviceToHost);
         return all;
+    }
+    /// Fails unless all elements beside the tensor are `value`.
+    void expect_beside(T value) const {
+        std::vector<T> all = read();
+        for (index_t i = 0; i < tensor.count(); ++i) {
+            all[place(i / tensor.get_w(), i % tensor.get_w())] = value;
+        }
+        EXPECT_EQ(all, std::vector<T>(_count, value));
     }
     index_t count() const { return _count; }
     /// The place of a row's element in the block.
@@ -172,10 +180,9 @@ protected:
         Tensor<T> tensor(size, device());
         if constexpr (std::is_same<T, float>::value) {
             if (pitched() && size.get_axis() == 2) {
-                Tensor<T> whole(Dim(size[0], size[1] + kGuard + right), device());
-                whole.set_element(kGuardValue);
-                _guarded.push_back({whole, right});
-                tensor = whole.range_col(kGuard, kGuard + size[1]);
+                _guarded.emplace_back(size, device(), kGuard, right);
+                _guarded.back().write(Values(_guarded.back().count(), kGuardValue));
+                tensor = _guarded.back().tensor;
             }
         }
         tensor.copy_from(Tensor<T>(const_cast<T*>(values.data()), size, CPU));
@@ -196,15 +203,8 @@ protected:
 
     /// Fails if an operation wrote beside a pitched matrix made by this test.
     void TearDown() override {
-        for (const Guarded& guarded : _guarded) {
-            const std::vector<float> all = values_of(guarded.whole);
-            const int width = guarded.whole.get_size()[-1];
-            for (size_t i = 0; i < all.size(); ++i) {
-                const int column = static_cast<int>(i) % width;
-                if (column < kGuard || column >= width - guarded.right) {
-                    ASSERT_EQ(all[i], kGuardValue) << "guard column " << column << " written";
-                }
-            }
+        for (const Block<float>& guarded : _guarded) {
+            guarded.expect_beside(kGuardValue);
         }
     }
 
@@ -212,13 +212,8 @@ private:
     static constexpr int kGuard = 3;
     static constexpr float kGuardValue = 777;
 
-    struct Guarded {
-        Tensor<float> whole;
-        int right;
-    };
-
     ThreadContextScope _context;
-    std::vector<Guarded> _guarded;
+    std::vector<Block<float>> _guarded;
 };
 
 /// |actual - expected| <= absolute + relative * |expected|, element by element; NaN equals NaN.

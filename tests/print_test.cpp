@@ -12,15 +12,14 @@ namespace {
 /// Catches what goes to std::cout, and counts the flushes.
 class Captured : public std::stringbuf {
 public:
-    explicit Captured(std::ostream& stream) : _stream(stream), _saved(stream.rdbuf(this)) {}
-    ~Captured() override { _stream.rdbuf(_saved); }
+    Captured() : _saved(std::cout.rdbuf(this)) {}
+    ~Captured() override { std::cout.rdbuf(_saved); }
 
     int flushes = 0;
 
 private:
     int sync() override { return ++flushes, 0; }
 
-    std::ostream& _stream;
     std::streambuf* _saved;
 };
 
@@ -28,7 +27,7 @@ private:
 void expect_prints(const std::string& text, const std::function<void()>& print) {
     std::cout << std::scientific;
     std::cout.precision(2);
-    Captured captured(std::cout);
+    Captured captured;
     print();
     EXPECT_EQ(captured.str(), text);
     EXPECT_EQ(captured.flushes, std::count(text.begin(), text.end(), '\n')) << text;
@@ -80,17 +79,14 @@ TEST_P(PrintTest, Rectangles) {
 
 TEST(Printing, OfOtherAxesIsLoggedAndGoesOn) {
     const Tensor<float> cube(Dim(2, 3, 4)), row(Dim(4));
-    Captured out(std::cout);
-    std::string log;
-    {
-        Captured err(std::cerr);
-        cube.show("x", 0, 4);
-        cube.show("x", 1, 0, 2, 3);
-        row.show("x", 0, 0, 0, 1, 1, 1);
-        cube.show("x", 0, 0, 0, 0, 1, 1, 1, 1);
-        log = err.str();
-    }
-    EXPECT_EQ(out.str(), "");
+    ::testing::internal::CaptureStdout();
+    ::testing::internal::CaptureStderr();
+    cube.show("x", 0, 4);
+    cube.show("x", 1, 0, 2, 3);
+    row.show("x", 0, 0, 0, 1, 1, 1);
+    cube.show("x", 0, 0, 0, 0, 1, 1, 1, 1);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    const std::string log = ::testing::internal::GetCapturedStderr();
     std::string pattern;
     for (const char* shape : {"[2, 3, 4]", "[2, 3, 4]", "[4]", "[2, 3, 4]"}) {
         pattern += "[^\n]*" + literal(": invalid argument, dim Dim " + std::string(shape) + "\n");
