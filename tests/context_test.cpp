@@ -1,7 +1,5 @@
 #include "vorn/context/context.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
 #include <vector>
 

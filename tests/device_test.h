@@ -96,8 +96,8 @@ std::vector<T> values_of(const Tensor<T>& tensor) {
     return values;
 }
 
-/// A block of memory on any device, filled and read past the library, with a tensor in it whose
-/// rows are `left` and `right` elements apart and whose first element stands behind `left` others.
+/// A block of memory on any device, filled and read past the library, with a tensor in it that has
+/// `left` elements before each of its rows and `right` behind it.
 template <typename T>
 class Block {
 public:

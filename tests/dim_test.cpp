@@ -1,7 +1,5 @@
 #include "vorn/tensor/dim.h"
 
-#include <gtest/gtest.h>
-
 #include <sstream>
 
 #include "device_test.h"
@@ -87,9 +85,6 @@ TEST(DimTest, FailureTexts) {
         {kBadAxis, [] { Dim()[0]; }},
         {kBadAxis, [] { Dim(3)[1]; }},
         {kBadAxis, [] { Dim(3)[-2]; }},
-        {kTooLarge + "[65536, 65536] product_long 4294967296",
-         [] { Dim(65536, 65536).product_check(); }},
-        {kTooLarge + "[-1, 5] product_long -5", [] { Dim(-1, 5).product_check(); }},
         {unequal, [] { linearize(Dim(1), Dim(1, 2)); }},
         {unequal, [] { Dim(1) - Dim(1, 2); }},
         {"Check failed: idx <= static_cast<index_t>(std::numeric_limits<int>::max()) ",

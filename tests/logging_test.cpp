@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
-
 #include <regex>
-#include <string>
 
 #include "device_test.h"
 #include "vorn/logging.h"

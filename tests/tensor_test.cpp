@@ -1,7 +1,5 @@
 #include "vorn/tensor/tensor.h"
 
-#include <gtest/gtest.h>
-
 #include "device_test.h"
 #include "vorn/tensor/tensor_view.h"
 
