@@ -1,7 +1,5 @@
 #include "vorn/context/context.h"
 
-#include <gtest/gtest.h>
-
 #include <thread>
 #include <vector>
 
@@ -16,11 +14,8 @@ __global__ void KeFailingAssertion(int* value) {
     assert(*value == 1);
 }
 
+namespace test {
 namespace {
-
-using test::expect_failures;
-using test::literal;
-using test::values_of;
 
 TEST(ContextTest, SetUpAndTearDown) {
     EXPECT_EQ(t_ctx, nullptr);
@@ -33,9 +28,6 @@ TEST(ContextTest, SetUpAndTearDown) {
         if (has_gpu()) {
             EXPECT_EQ(t_ctx->device, 0);
             EXPECT_NE(default_stream, nullptr);
-            EXPECT_NE(t_ctx->handle, nullptr);
-            EXPECT_NE(t_ctx->cudnn_handle, nullptr);
-            EXPECT_NE(t_ctx->g_gen, nullptr);
             EXPECT_NE(cudaEventQuery(t_ctx->event), cudaErrorNotReady);
         }
     }
@@ -47,12 +39,13 @@ TEST(ContextTest, SetUpAndTearDown) {
 TEST(ContextTest, SeedRestartsTheHostGenerator) {
     ThreadContextScope context;
     seed_thread_context(5);
-    const auto first = (*t_ctx->c_gen)();
     (*t_ctx->c_gen)();
     seed_thread_context(5);
-    EXPECT_EQ((*t_ctx->c_gen)(), first);
-    EXPECT_EQ(rng_t(5)(), first);
+    EXPECT_EQ((*t_ctx->c_gen)(), rng_t(5)());
 }
+
+class ThreadsTest : public GpuTest {};
+class KernelTailTest : public GpuTest {};
 
 TEST(ContextTest, FailureTexts) {
     expect_failures({
@@ -66,17 +59,14 @@ TEST(ContextTest, FailureTexts) {
 }
 
 // Each thread has a stream, a flag and a context of its own, and works beside the others.
-TEST(ContextTest, ThreadsWorkAtOnce) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
-    std::vector<std::vector<float>> results(4);
-    std::vector<ThreadContext*> contexts(results.size());
+TEST_F(ThreadsTest, WorkAtOnce) {
+    ThreadContext* const outside = t_ctx;
+    std::vector<Values> results(4);
     std::vector<std::thread> threads;
     for (size_t id = 0; id < results.size(); ++id) {
         threads.emplace_back([&, id] {
             ThreadContextScope context;
-            contexts[id] = t_ctx;
+            EXPECT_NE(t_ctx, outside);
             g_sync_flag = id % 2 == 0;
             Tensor<float> t(Dim(30, 40), GPU);
             for (int round = 0; round < 20; ++round) {
@@ -87,19 +77,13 @@ TEST(ContextTest, ThreadsWorkAtOnce) {
             results[id] = values_of(t);
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
     for (size_t id = 0; id < results.size(); ++id) {
-        EXPECT_EQ(results[id], std::vector<float>(1200, static_cast<float>(id * 100 + 19)));
-        for (size_t other = 0; other < id; ++other) {
-            EXPECT_NE(contexts[id], contexts[other]);
-        }
+        threads[id].join();
+        EXPECT_EQ(results[id], Values(1200, static_cast<float>(id * 100 + 19)));
     }
-    EXPECT_EQ(t_ctx, nullptr);
+    EXPECT_EQ(t_ctx, outside);
+    EXPECT_FALSE(g_sync_flag);
 }
-
-using KernelTailTest = test::GpuTest;
 
 void launch_failing_kernel() {
     int* value = nullptr;
@@ -109,15 +93,22 @@ void launch_failing_kernel() {
     VORN_KERNEL_TAIL();
 }
 
+void launch_empty_grid() {
+    gpu::launch<KeFailingAssertion>(0, 1, static_cast<int*>(nullptr));
+    VORN_KERNEL_TAIL();
+}
+
+void expect_stop_at_launch(void (*launch)(), const std::string& status, const std::string& text) {
+    g_sync_flag = true;
+    const std::string site = "\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: ";
+    EXPECT_DEATH(launch(), site + status + "\n\\[..:..:..\\] [^\n]*" + site +
+                               literal("Check failed: 0 == (ret) " + text + "\n"));
+    g_sync_flag = false;
+}
+
 TEST_F(KernelTailTest, SyncFlagStopsAtTheLaunchSite) {
-    EXPECT_DEATH(
-        {
-            g_sync_flag = true;
-            launch_failing_kernel();
-        },
-        "\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: 710\n"
-        "\\[..:..:..\\] [^\n]*\\[..:..:..\\] [^\n]*context_test.cpp:[0-9]+: " +
-            literal("Check failed: 0 == (ret) device-side assert triggered\n"));
+    expect_stop_at_launch(launch_failing_kernel, "710", "device-side assert triggered");
+    expect_stop_at_launch(launch_empty_grid, "9", "invalid configuration argument");
 }
 
 TEST_F(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
@@ -130,25 +121,11 @@ TEST_F(KernelTailTest, WithoutTheFlagAFailureWaitsForTheNextCheckedCall) {
         "<went on>[^<]*device-side assert triggered");
 }
 
-void launch_empty_grid() {
-    gpu::launch<KeFailingAssertion>(0, 1, static_cast<int*>(nullptr));
-    VORN_KERNEL_TAIL();
-}
-
 TEST_F(KernelTailTest, RefusedLaunchIsSilentWithoutTheFlag) {
     launch_empty_grid();
     EXPECT_EQ(cudaGetLastError(), cudaErrorInvalidConfiguration);
-    EXPECT_DEATH(
-        {
-            g_sync_flag = true;
-            launch_empty_grid();
-        },
-        literal(": 9\n") + "[^\n]*" +
-            literal("Check failed: 0 == (ret) invalid configuration argument\n"));
-    g_sync_flag = true;
-    Tensor<float>(Dim(0, 4), GPU).ones();  // an empty tensor launches nothing
-    g_sync_flag = false;
 }
 
 }  // namespace
+}  // namespace test
 }  // namespace vorn

@@ -12,6 +12,7 @@
 #include <ostream>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "vorn/context/context.h"
@@ -33,24 +34,12 @@ constexpr double kHalfUlp = 1.0001 / (1 << 24);  ///< One rounding of the exact 
 /// Where a test case runs: each device, dense and as a view of some columns of a wider matrix.
 enum class Place { kHost, kHostPitched, kGpu, kGpuPitched };
 
-inline const char* place_name(Place place) {
-    switch (place) {
-        case Place::kHost:
-            return "Host";
-        case Place::kHostPitched:
-            return "HostPitched";
-        case Place::kGpu:
-            return "Gpu";
-        case Place::kGpuPitched:
-            return "GpuPitched";
-    }
-    return "";
+inline void PrintTo(Place place, std::ostream* os) {
+    const char* names[] = {"Host", "HostPitched", "Gpu", "GpuPitched"};
+    *os << names[static_cast<int>(place)];
 }
 inline std::string name_of_place(const ::testing::TestParamInfo<Place>& info) {
-    return place_name(info.param);
-}
-inline void PrintTo(Place place, std::ostream* os) {
-    *os << place_name(place);
+    return ::testing::PrintToString(info.param);
 }
 
 inline const auto kAllPlaces =
@@ -70,6 +59,16 @@ inline std::vector<float> random_values(size_t count, unsigned seed, float lo = 
 
 inline Doubles widen(const Values& values) {
     return Doubles(values.begin(), values.end());
+}
+
+/// first, first + step, ...
+template <typename T>
+std::vector<T> counting(index_t count, int first = 0, int step = 1) {
+    std::vector<T> values(count);
+    for (index_t i = 0; i < count; ++i) {
+        values[i] = static_cast<T>(first + step * static_cast<int>(i));
+    }
+    return values;
 }
 
 /// A dense tensor with these elements, row-major.
@@ -97,14 +96,14 @@ std::vector<T> values_of(const Tensor<T>& tensor) {
     return values;
 }
 
-/// A block of memory on any device, filled and read past the library, with a tensor in it whose
-/// rows are `gap` elements apart and whose first element stands behind `gap` others.
+/// A block of memory on any device, filled and read past the library, with a tensor in it that has
+/// `left` elements before each of its rows and `right` behind it.
 template <typename T>
 class Block {
 public:
-    Block(const Dim& size, const Device& device, index_t gap)
-        : _ld(size[-1] + gap),
-          _first(gap),
+    Block(const Dim& size, const Device& device, index_t left, index_t right = 0)
+        : _ld(size[-1] + left + right),
+          _first(left),
           _count(_first + size.height() * _ld),
           _buffer(std::make_shared<Buffer>(_count * sizeof(T), device)),
           tensor(_buffer, size, _ld, static_cast<T*>(_buffer->ptr()) + _first) {}
@@ -116,6 +115,14 @@ public:
         std::vector<T> all(_count);
         move(all.data(), _buffer->ptr(), cudaMemcpyDeviceToHost);
         return all;
+    }
+    /// Fails unless all elements beside the tensor are `value`.
+    void expect_beside(T value) const {
+        std::vector<T> all = read();
+        for (index_t i = 0; i < tensor.count(); ++i) {
+            all[place(i / tensor.get_w(), i % tensor.get_w())] = value;
+        }
+        EXPECT_EQ(all, std::vector<T>(_count, value));
     }
     index_t count() const { return _count; }
     /// The place of a row's element in the block.
@@ -170,7 +177,14 @@ protected:
     /// between guard columns, of which `right` stand behind it; other shapes are dense.
     template <typename T>
     Tensor<T> make(const Dim& size, const std::vector<T>& values, int right = kGuard + 1) {
-        Tensor<T> tensor = allocate<T>(size, right);
+        Tensor<T> tensor(size, device());
+        if constexpr (std::is_same<T, float>::value) {
+            if (pitched() && size.get_axis() == 2) {
+                _guarded.emplace_back(size, device(), kGuard, right);
+                _guarded.back().write(Values(_guarded.back().count(), kGuardValue));
+                tensor = _guarded.back().tensor;
+            }
+        }
         tensor.copy_from(Tensor<T>(const_cast<T*>(values.data()), size, CPU));
         return tensor;
     }
@@ -188,49 +202,19 @@ protected:
     }
 
     /// Fails if an operation wrote beside a pitched matrix made by this test.
-    void expect_guards_untouched() {
-        for (const Guarded& guarded : _guarded) {
-            const std::vector<float> all = values_of(guarded.whole);
-            const int width = guarded.whole.get_size()[-1];
-            for (size_t i = 0; i < all.size(); ++i) {
-                const int column = static_cast<int>(i) % width;
-                if (column < kGuard || column >= width - guarded.right) {
-                    ASSERT_EQ(all[i], kGuardValue) << "guard column " << column << " written";
-                }
-            }
+    void TearDown() override {
+        for (const Block<float>& guarded : _guarded) {
+            guarded.expect_beside(kGuardValue);
         }
     }
-
-    void TearDown() override { expect_guards_untouched(); }
 
 private:
     static constexpr int kGuard = 3;
     static constexpr float kGuardValue = 777;
 
-    struct Guarded {
-        Tensor<float> whole;
-        int right;
-    };
-
-    template <typename T>
-    Tensor<T> allocate(const Dim& size, int) {
-        return Tensor<T>(size, device());
-    }
-
     ThreadContextScope _context;
-    std::vector<Guarded> _guarded;
+    std::vector<Block<float>> _guarded;
 };
-
-template <>
-inline Tensor<float> DeviceTest::allocate<float>(const Dim& size, int right) {
-    if (!pitched() || size.get_axis() != 2) {
-        return Tensor<float>(size, device());
-    }
-    Tensor<float> whole(Dim(size[0], size[1] + kGuard + right), device());
-    whole.set_element(kGuardValue);
-    _guarded.push_back({whole, right});
-    return whole.range_col(kGuard, kGuard + size[1]);
-}
 
 /// |actual - expected| <= absolute + relative * |expected|, element by element; NaN equals NaN.
 inline void expect_close(const std::vector<float>& actual, const std::vector<double>& expected,
@@ -252,10 +236,8 @@ inline void expect_close(const std::vector<float>& actual, const std::vector<dou
 inline void expect_same_bits(const std::vector<float>& actual, const std::vector<float>& expected) {
     ASSERT_EQ(actual.size(), expected.size());
     for (size_t i = 0; i < actual.size(); ++i) {
-        uint32_t a, e;
-        memcpy(&a, &actual[i], sizeof(a));
-        memcpy(&e, &expected[i], sizeof(e));
-        ASSERT_EQ(a, e) << "element " << i << ": " << actual[i] << " against " << expected[i];
+        ASSERT_EQ(memcmp(&actual[i], &expected[i], sizeof(float)), 0)
+            << "element " << i << ": " << actual[i] << " against " << expected[i];
     }
 }
 
@@ -285,6 +267,14 @@ inline std::string same_device(const std::string& a, const std::string& b = "out
 inline std::string same_size(const std::string& a, const std::string& b = "out") {
     return "Check failed: (" + a + ".get_size()) == (" + b + ".get_size()) ";
 }
+
+inline const std::string kBadAxis =
+    "Check failed: axis_idx >= -num_axis && axis_idx < num_axis error axis index.";
+inline const std::string kBadIndex = "Check failed: is_valid_index(coor) invalid index dim.";
+/// The shape and its product follow.
+inline const std::string kTooLarge =
+    "Check failed: ret <= static_cast<index_t>(std::numeric_limits<int>::max()) Dim size error "
+    "Dim ";
 
 /// One row of a table of failures: a call and the exact text behind the log prefixes.
 struct FailureCase {
