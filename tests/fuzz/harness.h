@@ -2,7 +2,6 @@
 #define VORN_TESTS_FUZZ_HARNESS_H_
 
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -23,22 +22,11 @@ bool returns(const std::function<void()>& call);
 void require(bool holds, const char* what);
 
 /// A file stream on memory: the readers and writers take no other stream.
-class MemoryInput : public std::ifstream {
+template <typename FileStream>
+class MemoryFile : public FileStream {
 public:
-    explicit MemoryInput(const std::string& content) : _content(content) {
-        static_cast<std::istream*>(this)->rdbuf(&_content);
-        clear();
-    }
-
-private:
-    std::stringbuf _content;
-};
-
-class MemoryOutput : public std::ofstream {
-public:
-    MemoryOutput() {
-        static_cast<std::ostream*>(this)->rdbuf(&_content);
-        clear();
+    explicit MemoryFile(const std::string& content = "") : _content(content) {
+        static_cast<std::ios*>(this)->rdbuf(&_content);
     }
     std::string content() const { return _content.str(); }
 

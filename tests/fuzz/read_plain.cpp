@@ -1,18 +1,16 @@
 #include "harness.h"
 #include "vorn/tensor/tensor.h"
 
-using vorn::fuzz::MemoryInput;
-using vorn::fuzz::MemoryOutput;
+using namespace vorn::fuzz;
 
 template <typename T>
 static void read_plain(const std::string& file) {
-    MemoryInput in(file);
+    MemoryFile<std::ifstream> in(file);
     vorn::Tensor<T> tensor(vorn::CPU);
-    if (vorn::fuzz::returns([&] { tensor.read(in); }) &&
-        tensor.get_element_count() <= vorn::fuzz::kMaxWritten) {
-        MemoryOutput out;
+    if (returns([&] { tensor.read(in); }) && tensor.get_element_count() <= kMaxWritten) {
+        MemoryFile<std::ofstream> out;
         tensor.write(out);
-        vorn::fuzz::require_same_file(out.content(), file, 4 + 4 * tensor.get_dim());
+        require_same_file(out.content(), file, 4 + 4 * tensor.get_dim());
     }
 }
 
