@@ -14,7 +14,11 @@ const std::pair<int, int> kShapes[] = {{1, 1},   {31, 33}, {33, 31}, {200, 32},
 /// A mask of training, and one with values that only the forms that multiply tell apart.
 const std::vector<int> kBinary = {1, 1, 0, 1, 1}, kMixed = {1, 0, 1, -1, 2, 1, 1};
 
-/// What goes into the operators, at random; the mask repeats a pattern.
+const float kEpsilon = 0.5f;
+
+/// What goes into the operators, at random; the mask repeats a pattern. Training finds all its
+/// statistics at `old`, which is far from the batch's, and outweighs a negative variance, which the
+/// host's form gives where it isn't one.
 struct Inputs {
     Inputs(int rows, int columns, const std::vector<int>& pattern)
         : size(rows, columns),
@@ -23,6 +27,7 @@ struct Inputs {
           scale(random_values(columns, 3)),
           bias(random_values(columns, 4)),
           mean(random_values(columns, 5)),
+          old(random_values(columns, 7, 40, 50)),
           inv_std(random_values(columns, 6, 0.5, 2)) {
         for (int r = 0; r < rows; ++r) {
             mask.push_back(pattern[r % pattern.size()]);
@@ -31,13 +36,10 @@ struct Inputs {
     }
 
     Dim size;
-    Values x, dy, scale, bias, mean, inv_std;
+    Values x, dy, scale, bias, mean, old, inv_std;
     std::vector<int> mask;
     int frames;
-};
-
-struct Factors {
-    float exp_avg, statis, epsilon;
+    float exp_avg = 1, statis = 0;
 };
 
 /// What training writes.
@@ -48,7 +50,6 @@ template <typename Real>
 std::vector<std::vector<Real>> reference_training(const std::vector<Real>& x,
                                                   const std::vector<Real>& scale,
                                                   const std::vector<Real>& bias, const Inputs& in,
-                                                  const Values& old, const Factors& by,
                                                   bool one_pass) {
     const size_t columns = scale.size();
     std::vector<std::vector<Real>> out(kY, std::vector<Real>(columns));
@@ -65,11 +66,11 @@ std::vector<std::vector<Real>> reference_training(const std::vector<Real>& x,
             centred += std::pow((x[k] - m) * in.mask[k / columns], 2);
         }
         const Real v = one_pass ? square / in.frames - m * m : centred / in.frames;
-        out[kRunMean][c] = out[kSavedMean][c] = (1 - by.exp_avg) * old[c] + by.exp_avg * m;
-        out[kRunVar][c] = (1 - by.exp_avg) * old[c] + by.exp_avg * v;
-        out[kSavedInvStd][c] = 1 / std::sqrt(out[kRunVar][c] + by.epsilon);
-        out[kStatisMean][c] = by.statis * old[c] + m;
-        out[kStatisVar][c] = by.statis * old[c] + v;
+        out[kRunMean][c] = out[kSavedMean][c] = (1 - in.exp_avg) * in.old[c] + in.exp_avg * m;
+        out[kRunVar][c] = (1 - in.exp_avg) * in.old[c] + in.exp_avg * v;
+        out[kSavedInvStd][c] = 1 / std::sqrt(out[kRunVar][c] + kEpsilon);
+        out[kStatisMean][c] = in.statis * in.old[c] + m;
+        out[kStatisVar][c] = in.statis * in.old[c] + v;
         for (size_t k = c; k < x.size(); k += columns) {
             const Real normal = scale[c] * (x[k] - out[kRunMean][c]) * out[kSavedInvStd][c];
             out[kY][k] = (normal + bias[c]) * in.mask[k / columns];
@@ -112,19 +113,17 @@ protected:
         const Dim size = in.get_size();
         return in_place ? in : dense(size, Values(size.product(), kPoison), device());
     }
-    /// A training step from running and accumulated statistics that are all `old`.
-    std::vector<Values> train(const Inputs& in, const Values& old, const Factors& by,
-                              bool in_place) {
+    std::vector<Values> train(const Inputs& in, bool in_place) {
         std::vector<TensorF> out;
         for (int k = kRunMean; k < kY; ++k) {
-            out.push_back(vector(k < kSavedMean ? old : Values(old.size(), kNan)));
+            out.push_back(vector(k < kSavedMean ? in.old : Values(in.old.size(), kNan)));
         }
         const TensorF x = dense(in.size, in.x, device());
         out.push_back(output(x, in_place));
         out[kY].audio_batch_norm_train(x, vector(in.scale), vector(in.bias), make(in.mask),
                                        out[kRunMean], out[kRunVar], out[kStatisMean],
                                        out[kStatisVar], out[kSavedMean], out[kSavedInvStd],
-                                       in.frames, by.exp_avg, by.statis, by.epsilon);
+                                       in.frames, in.exp_avg, in.statis, kEpsilon);
         return values_of_all(out);
     }
     std::vector<Values> backward(const Inputs& in, bool in_place) {
@@ -185,22 +184,20 @@ TEST_P(BatchNormTest, TrainingFollowsTheFormula) {
                                               << each.exp_avg << ", extra " << each.extra);
             Inputs in(rows, columns, each.pattern);
             in.frames = std::max(1, in.frames + each.extra);
-            const Factors by = {each.exp_avg, each.statis, 0.5f};
-            // The old statistics are far from the batch's, and outweigh a negative variance, which
-            // the host's form gives where it isn't one.
-            const Values old = random_values(columns, 4, 40, 50);
-            const auto expected = reference_training(widen(in.x), widen(in.scale), widen(in.bias),
-                                                     in, old, by, !on_gpu());
+            in.exp_avg = each.exp_avg;
+            in.statis = each.statis;
+            const auto expected =
+                reference_training(widen(in.x), widen(in.scale), widen(in.bias), in, !on_gpu());
             for (bool in_place : {false, true}) {
-                const std::vector<Values> actual = train(in, old, by, in_place);
+                const std::vector<Values> actual = train(in, in_place);
                 for (int k = kRunMean; k <= kY; ++k) {
                     const double tolerance = k < kSavedInvStd ? 5e-6 : 1e-5;
                     expect_close(actual[k], expected[k], tolerance, tolerance);
                 }
                 expect_same_bits(actual[kSavedMean], actual[kRunMean]);
                 if (each.exp_avg == 0) {
-                    expect_same_bits(actual[kRunMean], old);
-                    expect_same_bits(actual[kRunVar], old);
+                    expect_same_bits(actual[kRunMean], in.old);
+                    expect_same_bits(actual[kRunVar], in.old);
                 }
             }
         }
@@ -227,13 +224,12 @@ TEST_P(BatchNormTest, BackwardFollowsTheFormula) {
 // Where the running statistics are the batch's own, the backward step is the derivative.
 TEST_P(BatchNormTest, BackwardIsTheDerivativeOfTraining) {
     Inputs in(35, 3, kBinary);
-    const Factors by = {1, 0, 1e-3f};
-    const std::vector<Values> trained = train(in, in.mean, by, false);
+    const std::vector<Values> trained = train(in, false);
     in.mean = trained[kSavedMean];
     in.inv_std = trained[kSavedInvStd];
     Doubles x = widen(in.x), scale = widen(in.scale), bias = widen(in.bias);
     const auto loss = [&] {
-        const Doubles y = reference_training(x, scale, bias, in, in.mean, by, false)[kY];
+        const Doubles y = reference_training(x, scale, bias, in, false)[kY];
         return std::inner_product(y.begin(), y.end(), in.dy.begin(), 0.0);
     };
     const std::vector<Values> gradients = backward(in, true);
@@ -249,9 +245,8 @@ INSTANTIATE_TEST_SUITE_P(Places, BatchNormHostTest, ::testing::Values(Place::kHo
 // The host adds the rows of a column in their order, whatever the strips and the rows at a time.
 TEST_P(BatchNormHostTest, WideMatricesHaveTheBitsOfAColumnLoop) {
     Inputs in(39, 2 * 1024 + 21, kBinary);
-    const Factors by = {1, 0, 1e-5f};
-    const auto trained = reference_training(in.x, in.scale, in.bias, in, in.mean, by, true);
-    const std::vector<Values> actual = train(in, in.mean, by, true);
+    const auto trained = reference_training(in.x, in.scale, in.bias, in, true);
+    const std::vector<Values> actual = train(in, true);
     for (int k = kRunMean; k <= kY; ++k) {
         expect_same_bits(actual[k], trained[k]);
     }

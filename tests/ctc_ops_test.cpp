@@ -17,14 +17,10 @@ struct Utterance {
 };
 
 // The path of one class per frame with repeats merged and blanks dropped.
-Labels collapse(const Labels& path, int blank) {
-    Labels labels;
-    for (size_t t = 0; t < path.size(); ++t) {
-        if (path[t] != blank && (t == 0 || path[t] != path[t - 1])) {
-            labels.push_back(path[t]);
-        }
-    }
-    return labels;
+Labels collapse(Labels path, int blank) {
+    path.erase(std::unique(path.begin(), path.end()), path.end());
+    path.erase(std::remove(path.begin(), path.end(), blank), path.end());
+    return path;
 }
 
 /// A batch with random log posteriors, its tables on the GPU, and the same quantities by
@@ -80,39 +76,22 @@ struct Batch {
         return values_of(out);
     }
 
-    /// The probability of frames [first, last) of utterance n, summed over the paths for which
-    /// `keep` holds.
-    double sum_paths(int n, int first, int last,
-                     const std::function<bool(const Labels&)>& keep) const {
+    /// The probability of frames [first, last) of utterance n, summed over the paths that collapse
+    /// to `to` between the symbols `before` and `behind`.
+    double sum_paths(int n, int first, int last, const Labels& before, const Labels& behind,
+                     const Labels& to) const {
         double sum = 0;
         for (int code = 0; code < std::pow(classes, last - first); ++code) {
-            Labels path;
+            Labels path = before;
             double log_p = 0;
             for (int t = first, rest = code; t < last; ++t, rest /= classes) {
                 path.push_back(rest % classes);
                 log_p += log_prob[(t * count + n) * classes + path.back()];
             }
-            sum += keep(path) ? std::exp(log_p) : 0;
+            path.insert(path.end(), behind.begin(), behind.end());
+            sum += collapse(path, blank) == to ? std::exp(log_p) : 0;
         }
         return sum;
-    }
-    /// Paths of the first t + 1 frames that stand at position s.
-    double exact_alpha(int n, int t, int s) const {
-        const Labels& all = utterances[n].labels;
-        const Labels prefix(all.begin(), all.begin() + (s + 1) / 2);
-        return sum_paths(n, 0, t + 1, [&](const Labels& path) {
-            return path.back() == labels[n * width + s] && collapse(path, blank) == prefix;
-        });
-    }
-    /// Paths of the frames behind t that go on from position s to the end.
-    double exact_beta(int n, int t, int s) const {
-        const Labels& all = utterances[n].labels;
-        const Labels suffix(all.begin() + s / 2, all.end());
-        return sum_paths(n, t + 1, frame_nums[n], [&](const Labels& path) {
-            Labels whole = {labels[n * width + s]};
-            whole.insert(whole.end(), path.begin(), path.end());
-            return collapse(whole, blank) == suffix;
-        });
     }
 
     std::vector<Utterance> utterances;
@@ -160,13 +139,18 @@ TEST_F(CtcTest, TablesAndOccupancyEqualEnumerationOfAllPaths) {
                     EXPECT_EQ(beta[at], CTC_LOG_ZERO);
                     continue;
                 }
-                const double before = batch.exact_alpha(n, t, s), after = batch.exact_beta(n, t, s);
+                const int label = batch.labels[n * batch.width + s];
+                const double here = std::exp(batch.log_prob[row * batch.classes + label]);
+                const auto all = batch.utterances[n].labels.begin();
+                const Labels prefix(all, all + (s + 1) / 2), suffix(all + s / 2, all + length / 2);
+                const double before = here * batch.sum_paths(n, 0, t, {}, {label}, prefix),
+                             after = batch.sum_paths(n, t + 1, frames, {label}, {}, suffix);
                 // The end is out of reach from here, and this position from the start.
                 const bool no_end = t > 0 && s + 2 * (frames - 1 - t) < length - 2,
                            no_start = t < frames - 1 && s > 2 * t + 1;
                 EXPECT_NEAR(alpha[at], log_of(before, no_end), 1e-5);
                 EXPECT_NEAR(beta[at], log_of(after, no_start), 1e-5);
-                parts[batch.labels[n * batch.width + s]] += before * after;
+                parts[label] += before * after;
                 total += before * after;
             }
             for (int k = 0; k < batch.classes; ++k) {
