@@ -200,17 +200,11 @@ TEST(CtcMathTest, LogDomain) {
         {zero, -0x1.93e594p+99f},
         {CTC_LOG_INF, 0x1.93e594p+99f},
         {CTC_EXP_LIMIT, 0x1.62e43p+6f},
-        {func::ctc_log_mul(zero, 2), zero},
-        {func::ctc_log_mul(2, zero), zero},
-        {func::ctc_log_mul(2, -3), -1},
+        {func::ctc_log_mul(zero, zero), zero},
         {func::ctc_log_sub(zero, zero), zero},
         {func::ctc_log_sub(-1, zero), CTC_LOG_INF},
-        {func::ctc_log_sub(-1, -3), 2},
-        {func::ctc_safe_exp(zero), 0},
         {func::ctc_safe_exp(CTC_EXP_LIMIT), FLT_MAX},
         {func::ctc_log_add(zero, zero), zero},
-        {func::ctc_log_add(zero, -4), -4},
-        {func::ctc_log_add(-4, zero), -4},
     };
     for (const auto& [actual, expected] : equal) {
         EXPECT_EQ(actual, expected);
@@ -254,13 +248,11 @@ TEST_P(RowOpsTest, FindRowMaxIdBreaksTiesByItsOrder) {
             Labels expected;
             for (int r = 0; r < rows; ++r) {
                 const float* row = &values[r * width];
-                int best = 0;
+                auto best = std::make_pair(-row[0], order(0));
                 for (int j = 1; j < width; ++j) {
-                    if (row[j] > row[best] || (row[j] == row[best] && order(j) < order(best))) {
-                        best = j;
-                    }
+                    best = std::min(best, std::make_pair(-row[j], order(j)));
                 }
-                expected.push_back(best);
+                expected.push_back(best.second.second);
             }
             EXPECT_EQ(row_max_ids(values, rows, Dim(rows)), expected);
         }
@@ -322,18 +314,15 @@ using CtcDeathTest = ContextTest;
 TEST_F(CtcDeathTest, TableFailures) {
     std::vector<FailureCase> failures;
     for (const bool forward : {true, false}) {
-        const auto compute = [=](TensorF out, const TensorF& prob, const Tensor<int>& labels,
-                                 const Tensor<int>& frames, const Tensor<int>& lengths) {
-            forward ? out.compute_ctc_alpha(prob, 0, labels, frames, lengths)
-                    : out.compute_ctc_beta(prob, 0, labels, frames, lengths);
-        };
+        const auto compute = forward ? &TensorF::compute_ctc_alpha : &TensorF::compute_ctc_beta;
         const auto on = [=](Device out, Device prob, Device labels, Device frames) {
-            compute(TensorF(out), TensorF(prob), Tensor<int>(labels), Tensor<int>(frames),
-                    Tensor<int>(CPU));
+            (TensorF(out).*compute)(TensorF(prob), 0, Tensor<int>(labels), Tensor<int>(frames),
+                                    Tensor<int>(CPU));
         };
         const auto sizes = [=](int labels, int utterances) {
+            const TensorF table(Dim(4, 3));
             const Tensor<int> n(Dim(1, utterances));
-            compute(TensorF(Dim(4, 3)), TensorF(Dim(4, 3)), Tensor<int>(Dim(1, labels)), n, n);
+            (TensorF(table).*compute)(table, 0, Tensor<int>(Dim(1, labels)), n, n);
         };
         const std::string labels = "labels.get_element_count()", lengths = "label_lengths_utt",
                           product = "frame_num_utt.get_element_count() * out.get_w()",

@@ -53,15 +53,12 @@ protected:
     }
     /// A step from `c_pre`, its outputs poisoned. On the host each has a pitch of its own, on a GPU
     /// all but the state share one.
-    Step step(const TensorF& c_pre, bool has_backward) {
+    Step step(const TensorF& c_pre) {
         const Dim size = c_pre.get_size();
         int extra = 5;
-        const auto output = [&] {
-            return has_backward ? saved(size, Values(size.product(), kPoison), extra++)
-                                : poisoned(size, on_gpu() ? 5 : extra++);
-        };
-        const TensorF c = has_backward ? output() : poisoned(size, 3);
-        return {c_pre, c, output(), output(), output(), output(), output(), output()};
+        const auto output = [&] { return poisoned(size, on_gpu() ? 5 : extra++); };
+        return {c_pre,    poisoned(size, 3), output(), output(),
+                output(), output(),          output(), output()};
     }
     void forward(Step& s, const Values& x, const Peepholes& w, float max = 0, float min = 0) {
         const Dim size = s.m.get_size();
@@ -99,7 +96,7 @@ TEST_P(LstmTest, ForwardFollowsTheFormulaOnEveryPitch) {
         const ReferenceStep expected(widen(x), w, widen(old),
                                      [](double c) { return std::min(std::max(c, -1.5), 1.0); });
         for (Form form : {kApart, kStateInPlace, kActivationsShared}) {
-            Step s = step(make(size, old, 2), false);
+            Step s = step(make(size, old, 2));
             if (form == kStateInPlace) {
                 s.c = s.c_pre;
             } else if (form == kActivationsShared) {
@@ -124,7 +121,7 @@ TEST_P(LstmTest, ClipsAndGuardsAtTheirBounds) {
     };
     for (const auto& bound : cases) {
         SCOPED_TRACE(::testing::Message() << bound.max << ", " << bound.min << ": " << bound.old);
-        Step s = step(make<float>(Dim(1, 1), {bound.old}, 1), false);
+        Step s = step(make<float>(Dim(1, 1), {bound.old}, 1));
         forward(s, x, w, bound.max, bound.min);
         expect_step(s,
                     ReferenceStep(widen(x), w, {bound.old}, [&](double) { return bound.clipped; }));
@@ -146,21 +143,24 @@ TEST_P(LstmTest, BackwardIsTheGradient) {
         return std::inner_product(step.m.begin(), step.m.end(), m_err.begin(), 0.0) +
                std::inner_product(step.c.begin(), step.c.end(), c_err.begin(), 0.0);
     };
-    Step s = step(saved(size, old, 1), true);
-    forward(s, x, w);
+    const ReferenceStep at(exact_x, w, exact_old);
+    int right = 1;
+    const auto input = [&](const auto& values) {
+        return saved(size, Values(values.begin(), values.end()), right++);
+    };
     for (bool in_place : {false, true}) {
-        const TensorF next = saved(size, c_err, 4);
+        const TensorF next = input(c_err);
         TensorF wx_err = poisoned(Dim(height, 4 * width), 3),
-                e = in_place ? next : saved(size, Values(cells, kPoison), 2);
-        wx_err.lstm_bp_op(s.i, s.f, s.g, s.o, make(w.o), saved(size, m_err, 3), s.h, s.c_pre, next,
-                          e);
-        const Values err = values_of(wx_err), f = values_of(s.f);
+                e = in_place ? next : input(Values(cells, kPoison));
+        wx_err.lstm_bp_op(input(at.i), input(at.f), input(at.g), input(at.o), make(w.o),
+                          input(m_err), input(at.h), input(old), next, e);
+        const Values err = values_of(wx_err);
         expect_gradient(loss, exact_x, err, 2e-6);
         // What reaches the state before: along the state and both early peepholes.
         Values before = values_of(e);
         for (size_t k = 0; k < cells; ++k) {
             const size_t j = k % width, row = k / width * 4 * width;
-            before[k] = before[k] * f[k] + err[row + j] * w.i[j] + err[row + width + j] * w.f[j];
+            before[k] = before[k] * at.f[k] + err[row + j] * w.i[j] + err[row + width + j] * w.f[j];
         }
         expect_gradient(loss, exact_old, before, 2e-6);
     }
