@@ -60,7 +60,7 @@ protected:
         return {c_pre,    poisoned(size, 3), output(), output(),
                 output(), output(),          output(), output()};
     }
-    void forward(Step& s, const Values& x, const Peepholes& w, float max = 0, float min = 0) {
+    void forward(Step& s, const Values& x, const Peepholes& w, float max, float min) {
         const Dim size = s.m.get_size();
         s.m.lstm_op(make(Dim(size[0], 4 * size[1]), x, 1), make(w.i), make(w.f),
                     make(Dim(1, size[1]), w.o), s.c_pre, s.c, s.i, s.f, s.g, s.o, s.h, max, min);
