@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <map>
+#include <numeric>
 #include <sstream>
 
 #include "device_test.h"
@@ -8,242 +9,119 @@ namespace vorn {
 namespace test {
 namespace {
 
-using F = Tensor<float>;
-using Values = std::vector<float>;
-using Doubles = std::vector<double>;
+using Operands = std::vector<TensorF>;
 
-const float kNan = std::nanf("");
+const float kAlpha = 1.25f, kBeta = -0.5f;
 
 double sigmoid(double x) {
     return 1 / (1 + std::exp(-std::max(x, -64.0)));
 }
 
-/// An element-wise operation. `kinds` says how each operand lies, `out` last: d dense, s strided,
-/// v a vector along the columns.
+/// An operator, whose operands stand in the order of `names`, the output last. `kinds` says how
+/// each lies: d dense, s strided, v a vector along the columns. `tests` are those of its dispatcher
+/// in order, as `test:operand:operand`; the first one is made wrong, or the second where a `!`
+/// follows. The formulas take an element of each operand, the old output among them.
 struct StepOp {
-    const char *name, *kinds;
-    void (*run)(F& out, const std::vector<F>& x, float alpha, float beta);
-    double (*formula)(const Doubles& x, double old, double alpha, double beta);
+    const char *names, *kinds, *tests;
+    void (*run)(Operands& x);
+    double (*formula)(const Doubles& x);
 };
 
 const StepOp kOps[] = {
-    {"ld_mul_diag_mat_sigmoid", "dvsd",
-     [](F& out, const std::vector<F>& x, float alpha, float beta) {
-         out.ld_mul_diag_mat_sigmoid(x[0], x[1], x[2], alpha, beta);
-     },
-     [](const Doubles& x, double, double alpha, double beta) {
-         return sigmoid(alpha * x[0] * x[1] + beta * x[2]);
-     }},
-    {"elem_mul_add", "ddddd",
-     [](F& out, const std::vector<F>& x, float, float) {
-         out.elem_mul_add(x[0], x[1], x[2], x[3]);
-     },
-     [](const Doubles& x, double, double, double) { return x[0] * x[1] + x[2] * x[3]; }},
-    {"elem_mul_tanh", "dddd",
-     [](F& out, const std::vector<F>& x, float, float) { out.elem_mul_tanh(x[0], x[1], x[2]); },
-     [](const Doubles& x, double, double, double) { return x[0] * std::tanh(x[2]); }},
-    {"ld_sigmoid_bprop", "sss",
-     [](F& out, const std::vector<F>& x, float alpha, float beta) {
-         out.ld_sigmoid_bprop(x[0], x[1], alpha, beta);
-     },
-     [](const Doubles& x, double old, double alpha, double beta) {
-         return alpha * x[0] * x[1] * (1 - x[1]) + beta * old;
-     }},
-    {"ld_sigmoid_backprop", "ddds",
-     [](F& out, const std::vector<F>& x, float, float) {
-         out.ld_sigmoid_backprop(x[0], x[1], x[2]);
-     },
-     [](const Doubles& x, double, double, double) { return x[0] * x[1] * x[2] * (1 - x[2]); }},
-    {"ld_cell_cur_error", "dsdsvdd",
-     [](F& out, const std::vector<F>& x, float, float) {
-         out.ld_cell_cur_error(x[0], x[1], x[2], x[3], x[4], x[5]);
-     },
-     [](const Doubles& x, double, double, double) {
-         return x[0] * x[1] * (1 - x[2] * x[2]) + x[3] * x[4] + x[5];
-     }},
-    {"ld_cell_back_error", "ddsvsvd",
-     [](F& out, const std::vector<F>& x, float, float) {
-         out.ld_cell_back_error(x[0], x[1], x[2], x[3], x[4], x[5]);
-     },
-     [](const Doubles& x, double, double, double) {
-         return x[0] * x[1] + x[2] * x[3] + x[4] * x[5];
-     }},
-    {"ld_tanh_backprop", "ddds",
-     [](F& out, const std::vector<F>& x, float, float) { out.ld_tanh_backprop(x[0], x[1], x[2]); },
-     [](const Doubles& x, double, double, double) { return x[0] * x[1] * (1 - x[2] * x[2]); }},
+    {"in w bak out", "dvsd",
+     "dim:in dim:bak le:w con:in con:w con:out dev:w:out dev:bak:out dev:in:out",
+     [](Operands& x) { x[3].ld_mul_diag_mat_sigmoid(x[0], x[1], x[2], kAlpha, kBeta); },
+     [](const Doubles& x) { return sigmoid(kAlpha * x[0] * x[1] + kBeta * x[2]); }},
+    {"a b c d out", "ddddd", "con:a con:b con:c con:d dev:c:out dev:d:out dev:b:out dev:a:out",
+     [](Operands& x) { x[4].elem_mul_add(x[0], x[1], x[2], x[3]); },
+     [](const Doubles& x) { return x[0] * x[1] + x[2] * x[3]; }},
+    {"a b c out", "dddd",
+     "con:a con:b con:c con:out dim:a dim:b dim:c dim:out dev:b:out dev:c:out dev:a:out size:out:a",
+     [](Operands& x) { x[3].elem_mul_tanh(x[0], x[1], x[2]); },
+     [](const Doubles& x) { return x[0] * std::tanh(x[2]); }},
+    // The same, with its second output last; without names and tests, which stand above.
+    {"", "dddd", "", [](Operands& x) { x[1].elem_mul_tanh(x[0], x[3], x[2]); },
+     [](const Doubles& x) { return std::tanh(x[2]); }},
+    {"b c out", "sss", "size:b:out dev:b:out dev:c:out",
+     [](Operands& x) { x[2].ld_sigmoid_bprop(x[0], x[1], kAlpha, kBeta); },
+     [](const Doubles& x) { return kAlpha * x[0] * x[1] * (1 - x[1]) + kBeta * x[2]; }},
+    {"a b c out", "ddds", "dev:b:out dev:c:out dev:a:out dim:a dim:b dim:c dim:out",
+     [](Operands& x) { x[3].ld_sigmoid_backprop(x[0], x[1], x[2]); },
+     [](const Doubles& x) { return x[0] * x[1] * x[2] * (1 - x[2]); }},
+    {"m_err o hc o_err w_oc ebc out", "dsdsvdd",
+     "dim:m_err dim:o dim:hc dim:o_err dim:ebc dim:out le:w_oc dev:hc:w_oc dev:o_err:w_oc "
+     "dev:o:w_oc dev:m_err:w_oc dev:w_oc:out:! dev:ebc:out con:out con:m_err con:hc con:w_oc",
+     [](Operands& x) { x[6].ld_cell_cur_error(x[0], x[1], x[2], x[3], x[4], x[5]); },
+     [](const Doubles& x) { return x[0] * x[1] * (1 - x[2] * x[2]) + x[3] * x[4] + x[5]; }},
+    {"c_err f f_err w_fc i_err w_ic out", "ddsvsvd",
+     "dev:f_err:i_err dev:w_fc:i_err dev:f:i_err dev:c_err:i_err dev:c_err:out:! dev:w_ic:out "
+     "dim:c_err dim:f dim:f_err dim:i_err con:out con:c_err con:f con:w_fc con:w_ic",
+     [](Operands& x) { x[6].ld_cell_back_error(x[0], x[1], x[2], x[3], x[4], x[5]); },
+     [](const Doubles& x) { return x[0] * x[1] + x[2] * x[3] + x[4] * x[5]; }},
+    {"a b c out", "ddds", "dev:b:out dev:c:out dev:a:out con:a con:b con:c",
+     [](Operands& x) { x[3].ld_tanh_backprop(x[0], x[1], x[2]); },
+     [](const Doubles& x) { return x[0] * x[1] * (1 - x[2] * x[2]); }},
 };
 
-class RnnStepTest : public DeviceTest {
-protected:
-    /// Columns from `first` on of a matrix of `pitch` columns, whose other columns must stay.
-    F strided(int height, int width, int pitch, int first, const Values& values) {
-        F whole(Dim(height, pitch), device());
-        whole.set_element(kBeside);
-        F view = whole.range_col(first, first + width);
-        view.copy_from(F(const_cast<float*>(values.data()), Dim(height, width), CPU));
-        _wholes.push_back({whole, first, width});
-        return view;
-    }
-    void TearDown() override {
-        for (const Whole& w : _wholes) {
-            const Values all = values_of(w.whole);
-            const int pitch = static_cast<int>(w.whole.get_w());
-            for (int k = 0; k < static_cast<int>(all.size()); ++k) {
-                const int col = k % pitch;
-                ASSERT_TRUE((col >= w.first && col < w.first + w.width) || all[k] == kBeside);
-            }
-        }
-    }
+// Not by elements: only its dispatcher is tested like theirs.
+const StepOp kDiagMatDiff = {"a b out", "", "dev:a:out dev:b:out size:a:b dim:a dim:b",
+                             [](Operands& x) { x[2].diag_mat_diff(x[0], x[1]); }, nullptr};
 
-private:
-    static constexpr float kBeside = 777;
-    struct Whole {
-        F whole;
-        int first, width;
-    };
-    std::vector<Whole> _wholes;
-};
-INSTANTIATE_TEST_SUITE_P(Places, RnnStepTest, kDensePlaces, name_of_place);
+class RnnStepTest : public DeviceTest {};
+INSTANTIATE_TEST_SUITE_P(Places, RnnStepTest,
+                         ::testing::Values(Place::kHostPitched, Place::kGpuPitched), name_of_place);
 
-// Both sides of the blocks of 128 and 256 threads. Each strided operand is a gate block of a matrix
-// with a pitch of its own. In place, the output is the first operand.
+// Both sides of the blocks of 128 and 256 threads. Each strided operand has a pitch of its own. In
+// place, the output is the first operand.
 TEST_P(RnnStepTest, MatchesTheFormula) {
-    const float alpha = 1.25f, beta = -0.5f;
-    const int sizes[][2] = {{1, 1}, {3, 127}, {2, 129}, {3, 255}, {2, 256}, {3, 257}};
+    const std::pair<int, int> sizes[] = {{1, 1}, {3, 127}, {2, 129}, {3, 255}, {2, 256}, {3, 257}};
     for (const StepOp& op : kOps) {
         const std::string kinds = op.kinds;
-        const int last = static_cast<int>(kinds.size()) - 1;
+        const size_t last = kinds.size() - 1;
         for (int variant = 0; variant < 12; ++variant) {
-            const int height = sizes[variant / 2][0], width = sizes[variant / 2][1];
+            const auto [height, width] = sizes[variant / 2];
             const bool in_place = variant % 2;
             if (in_place && kinds[0] != kinds[last]) {
                 continue;
             }
-            SCOPED_TRACE(::testing::Message() << op.name << ", width " << width << in_place);
+            SCOPED_TRACE(::testing::Message() << &op - kOps << ", width " << width << in_place);
+            const Dim size(height, width);
             std::vector<Values> values;
-            std::vector<F> x;
-            for (int k = 0; k <= last; ++k) {
+            Operands x;
+            for (size_t k = 0; k <= last; ++k) {
                 const bool is_vector = kinds[k] == 'v';
                 values.push_back(random_values(is_vector ? width : height * width, k + 1, -2, 2));
-                x.push_back(is_vector ? make(Dim(width), values[k])
-                            : kinds[k] == 's'
-                                ? strided(height, width, 4 * width + k, k % 4 * width, values[k])
-                                : make(Dim(height, width), values[k]));
+                x.push_back(is_vector         ? make(values[k])
+                            : kinds[k] == 's' ? make(size, values[k], k + 1)
+                                              : dense(size, values[k], device()));
             }
-            F out = x[in_place ? 0 : last];
-            op.run(out, x, alpha, beta);
+            if (in_place) {
+                x[last] = x[0];
+                values[last] = values[0];
+            }
+            op.run(x);
             Doubles expected;
             for (int pos = 0; pos < height * width; ++pos) {
                 Doubles at;
-                for (int k = 0; k < last; ++k) {
+                for (size_t k = 0; k <= last; ++k) {
                     at.push_back(values[k][kinds[k] == 'v' ? pos % width : pos]);
                 }
-                expected.push_back(op.formula(at, values[in_place ? 0 : last][pos], alpha, beta));
+                expected.push_back(op.formula(at));
             }
-            expect_close(values_of(out), expected, 2e-6, 2e-6);
-            if (op.name == std::string("elem_mul_tanh")) {
-                Doubles h;
-                for (float c : values[2]) {
-                    h.push_back(std::tanh(static_cast<double>(c)));
-                }
-                expect_close(values_of(x[1]), h, 1e-6);
-            }
+            expect_close(values_of(x[last]), expected, 2e-6, 2e-6);
         }
     }
 }
 
 TEST_P(RnnStepTest, ScalarsAndGuard) {
-    const F x = make<float>(Dim(1, 3), {5, 5, 5});
-    F out = make<float>(Dim(1, 3), {kNan, 1, 2});
-    out.ld_mul_diag_mat_sigmoid(x, x, make<float>(Dim(1, 3), {-100, 100, 0}), 0, 1);
+    const auto row = [&](const Values& values) { return dense(Dim(1, 3), values, device()); };
+    const TensorF x = row({5, 5, 5});
+    TensorF out = row({kNan, 1, 2});
+    out.ld_mul_diag_mat_sigmoid(x, x, row({-100, 100, 0}), 0, 1);
     expect_close(values_of(out), {sigmoid(-64), 1, 0.5}, 1e-6);
-    out = make<float>(Dim(1, 3), {kNan, 1, 2});
+    out = row({kNan, 1, 2});
     out.ld_sigmoid_bprop(x, x);
     expect_close(values_of(out), {kNan, -100, -100}, 0);
-}
-
-// Two steps forward and back, as pieces and by the fused operators.
-TEST_P(RnnStepTest, ComposesToTheFusedStep) {
-    const int height = 3, width = 37;
-    const Dim cells(height, width), gates(height, 4 * width);
-    const auto zeros = [&](const Dim& size) { return F(size, device()); };
-    const auto block = [&](const F& wide, int k) {
-        return wide.range_col(k * width, (k + 1) * width);
-    };
-    enum { kI, kF, kO, kG };
-    F w[3];
-    for (int k = kI; k <= kO; ++k) {
-        w[k] = make(Dim(width), random_values(width, 70 + k));
-    }
-    struct Step {
-        F x, m_err, c_pre, c, i, f, g, o, h, m, e, err;
-    };
-    const auto state = [&](int t, const F& c_pre) {
-        return Step{make(gates, random_values(4 * height * width, 80 + t, -2, 2)),
-                    make(cells, random_values(height * width, 90 + t)),
-                    c_pre,
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(gates)};
-    };
-    const auto expect_same = [](const F& piece, const F& fused) {
-        const Values expected = values_of(fused);
-        expect_close(values_of(piece), Doubles(expected.begin(), expected.end()), 2e-6, 1e-6);
-    };
-
-    std::vector<Step> fused, pieces;
-    F c_start = make(cells, random_values(height * width, 60));
-    for (int t = 0; t < 2; ++t) {
-        fused.push_back(state(t, t ? fused[0].c : c_start));
-        Step& a = fused[t];
-        a.m.lstm_op(a.x, w[kI], w[kF], w[kO], a.c_pre, a.c, a.i, a.f, a.g, a.o, a.h, 0, 0);
-
-        pieces.push_back(state(t, t ? pieces[0].c : c_start));
-        Step& b = pieces[t];
-        b.i.ld_mul_diag_mat_sigmoid(b.c_pre, w[kI], block(b.x, kI));
-        b.f.ld_mul_diag_mat_sigmoid(b.c_pre, w[kF], block(b.x, kF));
-        b.g.ld_tanh(block(b.x, kG));
-        b.c.elem_mul_add(b.i, b.g, b.f, b.c_pre);
-        b.o.ld_mul_diag_mat_sigmoid(b.c, w[kO], block(b.x, kO));
-        b.m.elem_mul_tanh(b.o, b.h, b.c);
-        expect_same(b.c, a.c);
-        expect_same(b.m, a.m);
-        expect_same(b.h, a.h);
-    }
-
-    F c_err = zeros(cells), ebc = zeros(cells);
-    for (int t = 1; t >= 0; --t) {
-        Step &a = fused[t], &b = pieces[t];
-        a.err.lstm_bp_op(a.i, a.f, a.g, a.o, w[kO], a.m_err, a.h, a.c_pre, c_err, a.e);
-
-        F i_err = block(b.err, kI), f_err = block(b.err, kF), o_err = block(b.err, kO),
-          g_err = block(b.err, kG);
-        o_err.ld_sigmoid_backprop(b.m_err, b.h, b.o);
-        b.e.ld_cell_cur_error(b.m_err, b.o, b.h, o_err, w[kO], ebc);
-        g_err.ld_tanh_backprop(b.i, b.e, b.g);
-        f_err.ld_sigmoid_backprop(b.e, b.c_pre, b.f);
-        i_err.ld_sigmoid_backprop(b.e, b.g, b.i);
-        ebc.ld_cell_back_error(b.e, b.f, f_err, w[kF], i_err, w[kI]);
-        expect_same(b.e, a.e);
-        expect_same(b.err, a.err);
-
-        // The fused path leaves the way to the step before to its caller.
-        Values next = values_of(a.e);
-        const Values err = values_of(a.err), f = values_of(a.f), w_i = values_of(w[kI]),
-                     w_f = values_of(w[kF]);
-        for (int k = 0; k < height * width; ++k) {
-            const int j = k % width, row = k / width * 4 * width;
-            next[k] = next[k] * f[k] + err[row + j] * w_i[j] + err[row + width + j] * w_f[j];
-        }
-        c_err = make(cells, next);
-        expect_same(ebc, c_err);
-    }
 }
 
 // Both sides of the tile, of the host's stripes and of the choice of kernel. The host and the wide
@@ -252,6 +130,7 @@ TEST_P(RnnStepTest, DiagMatDiff) {
     for (int width : {1, 31, 33, 1023, 1025, 8191, 8192}) {
         for (int height : {1, 33, 70}) {
             SCOPED_TRACE(::testing::Message() << height << " x " << width);
+            const Dim size(height, width);
             const Values a = random_values(height * width, 1), b = random_values(height * width, 2),
                          old = random_values(width, 3);
             Doubles expected;
@@ -267,9 +146,8 @@ TEST_P(RnnStepTest, DiagMatDiff) {
                 expected.push_back(1.5 * sum - 0.5 * old[c]);
                 ordered.push_back(running);
             }
-            const F mat_a = strided(height, width, width + 3, 2, a),
-                    mat_b = strided(height, width, 2 * width, width, b);
-            F out = make(Dim(width), old);
+            const TensorF mat_a = make(size, a, 1), mat_b = make(size, b, 5);
+            TensorF out = make(old);
             out.diag_mat_diff(mat_a, mat_b, 1.5f, -0.5f);
             expect_close(values_of(out), expected, 1e-6, 1e-5);
             if (!on_gpu() || width >= 8192) {
@@ -282,35 +160,31 @@ TEST_P(RnnStepTest, DiagMatDiff) {
 }
 
 TEST_P(RnnStepTest, MaskReverse) {
-    const Tensor<int> lengths = make<int>(Dim(3), {0, 3, 5});
-    const int source[5][3] = {{0, 2, 4}, {1, 1, 3}, {2, 0, 2}, {3, 3, 1}, {4, 4, 0}};
-    for (int width : {1, 255, 257}) {
-        const Values in = random_values(15 * width, width);
-        Values expected;
-        for (int row = 0; row < 15; ++row) {
-            const auto from = in.begin() + (source[row / 3][row % 3] * 3 + row % 3) * width;
-            expected.insert(expected.end(), from, from + width);
+    struct {
+        int batch, frames, width;
+    } const cases[] = {{3, 5, 1}, {3, 5, 255}, {3, 5, 257}, {41, 1001, 2}};  // and a full grid
+    for (const auto& [batch, frames, width] : cases) {
+        const Dim size(batch * frames, width);
+        const Values in = random_values(size.product(), width);
+        Values expected(in.size());
+        std::vector<int> lengths, order(frames);
+        for (int b = 0; b < batch; ++b) {
+            lengths.push_back(b * frames / (batch - 1));
+            std::iota(order.begin(), order.end(), 0);
+            std::reverse(order.begin(), order.begin() + lengths[b]);
+            for (int t = 0; t < frames; ++t) {
+                const float* from = &in[(order[t] * batch + b) * width];
+                std::copy_n(from, width, &expected[(t * batch + b) * width]);
+            }
         }
         // The host honours pitches.
-        const int pitch = on_gpu() ? width : width + 3;
-        F out = strided(15, width, pitch, 0, Values(15 * width, kNan));
-        out.mask_reverse(strided(15, width, pitch, 0, in), lengths, 3, 5);
+        const auto matrix = [&](const Values& values, int right) {
+            return on_gpu() ? dense(size, values, device()) : make(size, values, right);
+        };
+        TensorF out = matrix(Values(in.size(), kNan), 1);
+        out.mask_reverse(matrix(in, 2), make(lengths), batch, frames);
         expect_same_bits(values_of(out), expected);
     }
-
-    // More rows than the grid has blocks; twice is the identity.
-    const int batch = 41, frames = 1001;
-    std::vector<int> lens;
-    for (int b = 0; b < batch; ++b) {
-        lens.push_back(b * 25 + 1);
-    }
-    const Values in = random_values(batch * frames * 2, 9);
-    F once(Dim(batch * frames, 2), device()), twice(Dim(batch * frames, 2), device());
-    once.mask_reverse(make(Dim(batch * frames, 2), in), make(Dim(batch), lens), batch, frames);
-    EXPECT_EQ(values_of(once)[0], in[0]);
-    EXPECT_EQ(values_of(once)[2 * 40], in[2 * (40 + batch * (lens[40] - 1))]);
-    twice.mask_reverse(once, make(Dim(batch), lens), batch, frames);
-    expect_same_bits(values_of(twice), in);
 }
 
 TEST_P(RnnStepTest, CountValidLabelCountsBehindHoles) {
@@ -320,52 +194,13 @@ TEST_P(RnnStepTest, CountValidLabelCountsBehindHoles) {
         for (int k = 0; k < batch * frames; ++k) {
             const int values[] = {0, 1, 0, -7};
             mask.push_back(values[(k + k / batch) % (batch == 1 ? 2 : 4)]);
-        }
-        for (int k = 0; k < batch * frames; ++k) {
             expected[k % batch] += mask[k] ? 1 : 0;
         }
-        Tensor<int> counts = make<int>(Dim(batch), std::vector<int>(batch, -1));
-        counts.count_valid_label(make<int>(Dim(frames, batch), mask), batch, frames);
+        Tensor<int> counts = poisoned<int>(Dim(batch));
+        counts.count_valid_label(make(Dim(frames, batch), mask), batch, frames);
         EXPECT_EQ(values_of(counts), expected);
     }
 }
-
-std::string same(const std::string& x, const std::string& y) {
-    return "Check failed: is_same_devices((" + x + ").get_device(), (" + y + ").get_device()) ";
-}
-
-/// The tests of one dispatcher in order, as `test:operand,operand`; the first one is made wrong, or
-/// the second where a `!` follows. Operands are numbered in the order of `names`.
-struct Contract {
-    const char *names, *tests;
-    void (*call)(std::vector<F>& x);
-};
-
-const Contract kContracts[] = {
-    {"in w bak out", "dim:in dim:bak le:w con:in con:w con:out dev:w,out dev:bak,out dev:in,out",
-     [](std::vector<F>& x) { x[3].ld_mul_diag_mat_sigmoid(x[0], x[1], x[2]); }},
-    {"a b c d out", "con:a con:b con:c con:d dev:c,out dev:d,out dev:b,out dev:a,out",
-     [](std::vector<F>& x) { x[4].elem_mul_add(x[0], x[1], x[2], x[3]); }},
-    {"a b c out",
-     "con:a con:b con:c con:out dim:a dim:b dim:c dim:out dev:b,out dev:c,out dev:a,out size:out,a",
-     [](std::vector<F>& x) { x[3].elem_mul_tanh(x[0], x[1], x[2]); }},
-    {"b c out", "size:b,out dev:b,out dev:c,out",
-     [](std::vector<F>& x) { x[2].ld_sigmoid_bprop(x[0], x[1]); }},
-    {"a b c out", "dev:b,out dev:c,out dev:a,out dim:a dim:b dim:c dim:out",
-     [](std::vector<F>& x) { x[3].ld_sigmoid_backprop(x[0], x[1], x[2]); }},
-    {"m_err o hc o_err w_oc ebc out",
-     "dim:m_err dim:o dim:hc dim:o_err dim:ebc dim:out le:w_oc dev:hc,w_oc dev:o_err,w_oc "
-     "dev:o,w_oc dev:m_err,w_oc dev:w_oc,out! dev:ebc,out con:out con:m_err con:hc con:w_oc",
-     [](std::vector<F>& x) { x[6].ld_cell_cur_error(x[0], x[1], x[2], x[3], x[4], x[5]); }},
-    {"c_err f f_err w_fc i_err w_ic out",
-     "dev:f_err,i_err dev:w_fc,i_err dev:f,i_err dev:c_err,i_err dev:c_err,out! dev:w_ic,out "
-     "dim:c_err dim:f dim:f_err dim:i_err con:out con:c_err con:f con:w_fc con:w_ic",
-     [](std::vector<F>& x) { x[6].ld_cell_back_error(x[0], x[1], x[2], x[3], x[4], x[5]); }},
-    {"a b c out", "dev:b,out dev:c,out dev:a,out con:a con:b con:c",
-     [](std::vector<F>& x) { x[3].ld_tanh_backprop(x[0], x[1], x[2]); }},
-    {"a b out", "dev:a,out dev:b,out size:a,b dim:a dim:b",
-     [](std::vector<F>& x) { x[2].diag_mat_diff(x[0], x[1]); }},
-};
 
 std::vector<std::string> split(const std::string& text, char separator) {
     std::istringstream stream(text);
@@ -377,49 +212,41 @@ std::vector<std::string> split(const std::string& text, char separator) {
 }
 
 /// A matrix with these faults: 3 axes, pitched, on the other device, of another width.
-F with_faults(const std::string& faults) {
+TensorF with_faults(const std::string& faults) {
     const auto has = [&](const char* fault) { return faults.find(fault) != std::string::npos; };
     const int width = has("size") ? 5 : 3, pitch = width + has("con");
     const Device device = has("dev") ? GPU : CPU;
     if (has("dim") || has("le")) {
-        return F(Dim(1, 2, pitch), device).get_block(Dim(0, 0, 0), Dim(1, 2, width));
+        return TensorF(Dim(1, 2, pitch), device).get_block(Dim(0, 0, 0), Dim(1, 2, width));
     }
-    return F(Dim(2, pitch), device).range_col(0, width);
+    return TensorF(Dim(2, pitch), device).range_col(0, width);
 }
 
-using RnnStepDeathTest = ContextTest;
+using RnnStepDeathTest = GpuTest;
 
 // Test k is the one that stops a call where it and all behind it fail.
 TEST_F(RnnStepDeathTest, TestsInOrder) {
-    if (!has_gpu()) {
-        GTEST_SKIP() << "no GPU on this machine";
-    }
+    std::vector<StepOp> ops(std::begin(kOps), std::end(kOps));
+    ops.push_back(kDiagMatDiff);
     std::vector<FailureCase> cases;
-    for (const Contract& contract : kContracts) {
-        const std::vector<std::string> names = split(contract.names, ' '),
-                                       tests = split(contract.tests, ' ');
+    for (const StepOp& op : ops) {
+        const std::vector<std::string> tests = split(op.tests, ' ');
         std::map<std::string, std::string> faults;
         for (size_t k = tests.size(); k-- > 0;) {
-            const bool second = tests[k].back() == '!';
-            const std::string kind = split(tests[k], ':')[0];
-            const std::vector<std::string> of =
-                split(split(tests[k].substr(0, tests[k].size() - second), ':')[1], ',');
-            faults[of[second]] += kind;
-            const std::string text =
-                kind == "dim"   ? "Check failed: (" + of[0] + ").get_dim() == (2) "
-                : kind == "le"  ? "Check failed: (" + of[0] + ".get_dim()) <= (2) "
-                : kind == "con" ? "Check failed: " + of[0] + ".is_contiguous() "
-                : kind == "dev"
-                    ? same(of[0], of[1])
-                    : "Check failed: (" + of[0] + ".get_size()) == (" + of[1] + ".get_size()) ";
-            cases.push_back({text, [=] {
-                                 std::vector<F> x;
-                                 for (const std::string& name : names) {
-                                     const auto found = faults.find(name);
-                                     x.push_back(
-                                         with_faults(found == faults.end() ? "" : found->second));
+            const std::vector<std::string> part = split(tests[k], ':');
+            const std::string &kind = part[0], &of = part[1];
+            faults[part.back() == "!" ? part[2] : of] += kind;
+            const std::string text = kind == "dim"  ? "Check failed: (" + of + ").get_dim() == (2) "
+                                     : kind == "le" ? "Check failed: (" + of + ".get_dim()) <= (2) "
+                                     : kind == "con" ? "Check failed: " + of + ".is_contiguous() "
+                                     : kind == "dev" ? same_device(of, part[2])
+                                                     : same_size(of, part[2]);
+            cases.push_back({text, [=]() mutable {
+                                 Operands x;
+                                 for (const std::string& name : split(op.names, ' ')) {
+                                     x.push_back(with_faults(faults[name]));
                                  }
-                                 contract.call(x);
+                                 op.run(x);
                              }});
         }
     }
@@ -427,32 +254,28 @@ TEST_F(RnnStepDeathTest, TestsInOrder) {
 }
 
 TEST_F(RnnStepDeathTest, BatchesOfSequences) {
-    int number = 0;
-    float value = 0;
-    const F cube(Dim(1, 2, 3)), matrix(Dim(6, 3)), on_gpu(&value, Dim(6, 3), GPU);
-    const Tensor<int> two(Dim(2)), three(Dim(3)), gpu_two(&number, Dim(2), GPU);
-    const auto reverse = [](F out, const F& in, const Tensor<int>& lengths) {
+    const TensorF cube(Dim(1, 2, 3)), matrix(Dim(6, 3)), five(Dim(5, 3)), on_gpu(Dim(6, 3), GPU);
+    const Tensor<int> two(Dim(2)), three(Dim(3)), six(Dim(6)), gpu_two(Dim(2), GPU);
+    const auto reverse = [](TensorF out, const TensorF& in, const Tensor<int>& lengths) {
         out.mask_reverse(in, lengths, 3, 2);
     };
-    const auto count = [](Tensor<int> out, const Tensor<int>& mask) {
-        out.count_valid_label(mask, 3, 2);
-    };
+    const auto count = [](auto out, const Tensor<int>& mask) { out.count_valid_label(mask, 3, 2); };
+    const std::string a_length_each =
+        "Check failed: batch_seq_len.get_element_count() == static_cast<index_t>(batch_size) ";
     expect_failures({
         {"Check failed: (in).get_dim() == (2) ", [&] { reverse(cube, cube, gpu_two); }},
         {"Check failed: (out).get_dim() == (2) ", [&] { reverse(cube, on_gpu, gpu_two); }},
-        {same("in", "out"), [&] { reverse(matrix, on_gpu, gpu_two); }},
-        {same("batch_seq_len", "out"), [&] { reverse(matrix, F(Dim(5, 3)), gpu_two); }},
-        {"Check failed: batch_seq_len.get_element_count() == static_cast<index_t>(batch_size) ",
-         [&] { reverse(matrix, F(Dim(5, 3)), two); }},
+        {same_device("in"), [&] { reverse(matrix, on_gpu, gpu_two); }},
+        {same_device("batch_seq_len"), [&] { reverse(matrix, five, gpu_two); }},
+        {a_length_each, [&] { reverse(matrix, five, two); }},
         {"Check failed: in.get_size(0) == static_cast<index_t>(batch_size * seq_len) ",
-         [&] { reverse(matrix, F(Dim(5, 3)), three); }},
-        {same("mask", "batch_seq_len"), [&] { count(two, gpu_two); }},
+         [&] { reverse(matrix, five, three); }},
+        {same_device("mask", "batch_seq_len"), [&] { count(two, gpu_two); }},
         {"Check failed: mask.get_element_count() == "
          "static_cast<index_t>(batch_size * sub_frame_len) ",
          [&] { count(two, two); }},
-        {"Check failed: batch_seq_len.get_element_count() == static_cast<index_t>(batch_size) ",
-         [&] { count(two, Tensor<int>(Dim(6))); }},
-        {"Not Implemented Yet", [&] { F(matrix).count_valid_label(two, 3, 2); }},
+        {a_length_each, [&] { count(two, six); }},
+        {"Not Implemented Yet", [&] { count(matrix, two); }},
     });
 }
 
