@@ -44,6 +44,7 @@ struct Batch {
             labels.insert(labels.end(), row.begin(), row.end());
         }
         log_prob = random_values(frames * count * classes, 1, -4, -0.1f);
+        exact = widen(log_prob);
         symbols = dense(Dim(count, width), labels, GPU);
         ends = dense(Dim(count), frame_nums, GPU);
     }
@@ -86,7 +87,7 @@ struct Batch {
             double log_p = 0;
             for (int t = first, rest = code; t < last; ++t, rest /= classes) {
                 path.push_back(rest % classes);
-                log_p += log_prob[(t * count + n) * classes + path.back()];
+                log_p += exact[(t * count + n) * classes + path.back()];
             }
             path.insert(path.end(), behind.begin(), behind.end());
             sum += collapse(path, blank) == to ? std::exp(log_p) : 0;
@@ -98,6 +99,7 @@ struct Batch {
     int count, classes, blank, width, frames = 0;
     Labels labels, frame_nums, lengths;
     Values log_prob;
+    Doubles exact;
     Tensor<int> symbols, ends;
 };
 
@@ -160,6 +162,21 @@ TEST_F(CtcTest, TablesAndOccupancyEqualEnumerationOfAllPaths) {
             }
         }
     }
+}
+
+// d log p / d log_prob[t][k] is the occupancy of class k at frame t.
+TEST_F(CtcTest, OccupancyIsTheGradientOfTheLogProbability) {
+    Batch batch({{{1, 2}, 4}, {{1, 1}, 4}, {{}, 2}, {{2}, 1}}, 3, 0, 5);
+    const Values occupancy = batch.occupancy(0);
+    const auto log_probability = [&] {
+        double sum = 0;
+        for (int n = 0; n < batch.count; ++n) {
+            sum += std::log(
+                batch.sum_paths(n, 0, batch.frame_nums[n], {}, {}, batch.utterances[n].labels));
+        }
+        return sum;
+    };
+    expect_gradient(log_probability, batch.exact, occupancy, 1e-5);
 }
 
 // Every frame of a path emits one class, so that the occupancies of a frame sum to one.

@@ -128,42 +128,77 @@ TEST_P(LstmTest, ClipsAndGuardsAtTheirBounds) {
     }
 }
 
-// The loss weighs the outputs with the errors from above, and the states with those from the next
-// step.
-TEST_P(LstmTest, BackwardIsTheGradient) {
-    const int height = 2, width = 5;
+TEST_P(LstmTest, GradientThroughThreeSteps) {
+    const int height = 2, width = 5, steps = 3;
     const size_t cells = height * width;
     const Dim size(height, width);
     const Peepholes w = random_peepholes(width);
-    const Values x = random_values(4 * cells, 10, -1.5, 1.5), old = random_values(cells, 11),
-                 m_err = random_values(cells, 12), c_err = random_values(cells, 13);
-    Doubles exact_x = widen(x), exact_old = widen(old);
+    std::vector<Values> x, weight;
+    for (int t = 0; t < steps; ++t) {
+        x.push_back(random_values(4 * cells, 10 + t, -1.5, 1.5));
+        weight.push_back(random_values(cells, 20 + t));
+    }
+    const Values start = random_values(cells, 30);
+
+    // All inputs of the unrolled net: the pre-activations of each step, then the first cell state.
+    // The loss is a weighted sum of the outputs of all steps.
+    Doubles inputs;
+    for (const Values& part : {x[0], x[1], x[2], start}) {
+        inputs.insert(inputs.end(), part.begin(), part.end());
+    }
     const auto loss = [&] {
-        const ReferenceStep step(exact_x, w, exact_old);
-        return std::inner_product(step.m.begin(), step.m.end(), m_err.begin(), 0.0) +
-               std::inner_product(step.c.begin(), step.c.end(), c_err.begin(), 0.0);
+        Doubles c(inputs.end() - cells, inputs.end());
+        double sum = 0;
+        for (int t = 0; t < steps; ++t) {
+            const auto first = inputs.begin() + t * 4 * cells;
+            const ReferenceStep step(Doubles(first, first + 4 * cells), w, c);
+            c = step.c;
+            sum = std::inner_product(step.m.begin(), step.m.end(), weight[t].begin(), sum);
+        }
+        return sum;
     };
-    const ReferenceStep at(exact_x, w, exact_old);
-    int right = 1;
-    const auto input = [&](const auto& values) {
-        return saved(size, Values(values.begin(), values.end()), right++);
-    };
-    for (bool in_place : {false, true}) {
-        const TensorF next = input(c_err);
-        TensorF wx_err = poisoned(Dim(height, 4 * width), 3),
-                e = in_place ? next : input(Values(cells, kPoison));
-        wx_err.lstm_bp_op(input(at.i), input(at.f), input(at.g), input(at.o), make(w.o),
-                          input(m_err), input(at.h), input(old), next, e);
-        const Values err = values_of(wx_err);
-        expect_gradient(loss, exact_x, err, 2e-6);
-        // What reaches the state before: along the state and both early peepholes.
-        Values before = values_of(e);
+
+    std::vector<Step> net;
+    for (int t = 0; t < steps; ++t) {
+        int right = 2;
+        const auto output = [&] { return saved(size, Values(cells, kPoison), right++); };
+        Step s = {t == 0 ? saved(size, start, 1) : net.back().c,
+                  output(),
+                  output(),
+                  output(),
+                  output(),
+                  output(),
+                  output(),
+                  output()};
+        forward(s, x[t], w, 0, 0);
+        net.push_back(s);
+    }
+
+    std::vector<Values> gradients(steps);
+    TensorF c_err = saved(size, Values(cells, 0), 9);
+    for (int t = steps - 1; t >= 0; --t) {
+        const Step& s = net[t];
+        TensorF wx_err = poisoned(Dim(height, 4 * width), 3);
+        // In place in all steps but the last.
+        TensorF e = t == steps - 1 ? saved(size, Values(cells, kPoison), 2) : c_err;
+        wx_err.lstm_bp_op(s.i, s.f, s.g, s.o, make(w.o), saved(size, weight[t], 1), s.h, s.c_pre,
+                          c_err, e);
+        gradients[t] = values_of(wx_err);
+        // What reaches the cell of the step before: along the state and both early peepholes.
+        Values next = values_of(e);
+        const Values f = values_of(s.f);
         for (size_t k = 0; k < cells; ++k) {
             const size_t j = k % width, row = k / width * 4 * width;
-            before[k] = before[k] * at.f[k] + err[row + j] * w.i[j] + err[row + width + j] * w.f[j];
+            next[k] = next[k] * f[k] + gradients[t][row + j] * w.i[j] +
+                      gradients[t][row + width + j] * w.f[j];
         }
-        expect_gradient(loss, exact_old, before, 2e-6);
+        c_err.copy_from(dense(size, next, CPU));
     }
+    Values gradient;
+    for (const Values& part : {gradients[0], gradients[1], gradients[2], values_of(c_err)}) {
+        gradient.insert(gradient.end(), part.begin(), part.end());
+    }
+    expect_gradient(loss, inputs, gradient, 2e-6);
 }
 
 // The last rows repeat the first ones, and so must their results.

@@ -124,6 +124,93 @@ TEST_P(RnnStepTest, ScalarsAndGuard) {
     expect_close(values_of(out), {kNan, -100, -100}, 0);
 }
 
+// Two steps forward and back, as pieces and by the fused operators.
+TEST_P(RnnStepTest, ComposesToTheFusedStep) {
+    const int height = 3, width = 37;
+    const Dim cells(height, width), gates(height, 4 * width);
+    const auto zeros = [&](const Dim& size) { return TensorF(size, device()); };
+    const auto filled = [&](const Dim& size, const Values& values) {
+        return dense(size, values, device());
+    };
+    const auto block = [&](const TensorF& wide, int k) {
+        return wide.range_col(k * width, (k + 1) * width);
+    };
+    enum { kI, kF, kO, kG };
+    TensorF w[3];
+    for (int k = kI; k <= kO; ++k) {
+        w[k] = filled(Dim(width), random_values(width, 70 + k));
+    }
+    struct Step {
+        TensorF x, m_err, c_pre, c, i, f, g, o, h, m, e, err;
+    };
+    const auto state = [&](int t, const TensorF& c_pre) {
+        return Step{filled(gates, random_values(4 * height * width, 80 + t, -2, 2)),
+                    filled(cells, random_values(height * width, 90 + t)),
+                    c_pre,
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(cells),
+                    zeros(gates)};
+    };
+    const auto expect_same = [](const TensorF& piece, const TensorF& fused) {
+        const Values expected = values_of(fused);
+        expect_close(values_of(piece), Doubles(expected.begin(), expected.end()), 2e-6, 1e-6);
+    };
+
+    std::vector<Step> fused, pieces;
+    TensorF c_start = filled(cells, random_values(height * width, 60));
+    for (int t = 0; t < 2; ++t) {
+        fused.push_back(state(t, t ? fused[0].c : c_start));
+        Step& a = fused[t];
+        a.m.lstm_op(a.x, w[kI], w[kF], w[kO], a.c_pre, a.c, a.i, a.f, a.g, a.o, a.h, 0, 0);
+
+        pieces.push_back(state(t, t ? pieces[0].c : c_start));
+        Step& b = pieces[t];
+        b.i.ld_mul_diag_mat_sigmoid(b.c_pre, w[kI], block(b.x, kI));
+        b.f.ld_mul_diag_mat_sigmoid(b.c_pre, w[kF], block(b.x, kF));
+        b.g.ld_tanh(block(b.x, kG));
+        b.c.elem_mul_add(b.i, b.g, b.f, b.c_pre);
+        b.o.ld_mul_diag_mat_sigmoid(b.c, w[kO], block(b.x, kO));
+        b.m.elem_mul_tanh(b.o, b.h, b.c);
+        expect_same(b.c, a.c);
+        expect_same(b.m, a.m);
+        expect_same(b.h, a.h);
+    }
+
+    TensorF c_err = zeros(cells), ebc = zeros(cells);
+    for (int t = 1; t >= 0; --t) {
+        Step &a = fused[t], &b = pieces[t];
+        a.err.lstm_bp_op(a.i, a.f, a.g, a.o, w[kO], a.m_err, a.h, a.c_pre, c_err, a.e);
+
+        TensorF i_err = block(b.err, kI), f_err = block(b.err, kF), o_err = block(b.err, kO),
+                g_err = block(b.err, kG);
+        o_err.ld_sigmoid_backprop(b.m_err, b.h, b.o);
+        b.e.ld_cell_cur_error(b.m_err, b.o, b.h, o_err, w[kO], ebc);
+        g_err.ld_tanh_backprop(b.i, b.e, b.g);
+        f_err.ld_sigmoid_backprop(b.e, b.c_pre, b.f);
+        i_err.ld_sigmoid_backprop(b.e, b.g, b.i);
+        ebc.ld_cell_back_error(b.e, b.f, f_err, w[kF], i_err, w[kI]);
+        expect_same(b.e, a.e);
+        expect_same(b.err, a.err);
+
+        // The fused path leaves the way to the step before to its caller.
+        Values next = values_of(a.e);
+        const Values err = values_of(a.err), f = values_of(a.f), w_i = values_of(w[kI]),
+                     w_f = values_of(w[kF]);
+        for (int k = 0; k < height * width; ++k) {
+            const int j = k % width, row = k / width * 4 * width;
+            next[k] = next[k] * f[k] + err[row + j] * w_i[j] + err[row + width + j] * w_f[j];
+        }
+        c_err = filled(cells, next);
+        expect_same(ebc, c_err);
+    }
+}
+
 // Both sides of the tile, of the host's stripes and of the choice of kernel. The host and the wide
 // kernel sum each column in row order, which fixes their bits.
 TEST_P(RnnStepTest, DiagMatDiff) {
