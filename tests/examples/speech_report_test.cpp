@@ -1,28 +1,136 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <map>
+#include <random>
 #include <sstream>
 #include <thread>
 
 #include "speech/digits.h"
-#include "speech/error.h"
 #include "speech/plot.h"
 #include "speech/progress.h"
+#include "speech/report.h"
+#include "speech/scoring.h"
 #include "speech_test_files.h"
 
 namespace {
 
+using speech::EditCounts;
+using Labels = std::vector<int>;
+using Way = std::pair<int, int>;  // errors, minus the substitutions among them
+
+// Of every alignment there is the one with fewest errors and, among these, most substitutions.
+Way best_way(const int* reference, int m, const int* hypothesis, int n) {
+    if (m == 0 || n == 0) {
+        return {m + n, 0};
+    }
+    const auto plus = [](Way way, int errors, int substitutions) {
+        return Way{way.first + errors, way.second - substitutions};
+    };
+    const int wrong = *reference != *hypothesis;
+    return std::min({plus(best_way(reference + 1, m - 1, hypothesis, n), 1, 0),
+                     plus(best_way(reference, m, hypothesis + 1, n - 1), 1, 0),
+                     plus(best_way(reference + 1, m - 1, hypothesis + 1, n - 1), wrong, wrong)});
+}
+
+TEST(SpeechScoring, AlignsAsBruteForceDoes) {
+    std::mt19937 generator(7);
+    const auto random_labels = [&generator] {
+        Labels labels(generator() % 7);
+        for (int& label : labels) {
+            label = 1 + static_cast<int>(generator() % 3);
+        }
+        return labels;
+    };
+    for (int round = 0; round < 300; ++round) {
+        const Labels reference = random_labels(), hypothesis = random_labels();
+        SCOPED_TRACE(speech::to_transcript(reference) + " | " + speech::to_transcript(hypothesis));
+        const EditCounts counts = speech::align(reference, hypothesis);
+        const int m = static_cast<int>(reference.size()), n = static_cast<int>(hypothesis.size());
+        EXPECT_EQ(Way(counts.errors(), -counts.substitutions),
+                  best_way(reference.data(), m, hypothesis.data(), n));
+        EXPECT_EQ(counts.insertions - counts.deletions, n - m);
+        EXPECT_EQ(counts.reference, m);
+    }
+}
+
+TEST(SpeechScoring, AddsUpAndListsTheWorst) {
+    speech::Scorer scorer;
+    EXPECT_EQ(scorer.total().rate(), 0);
+    scorer.add("right", {1, 2, 3}, {1, 2, 3});
+    scorer.add("one", {1, 2, 3}, {1, 3});
+    scorer.add("three", {4, 5}, {6, 7, 8});
+    scorer.add("another", {9, 9}, {9, 9, 9});
+    EXPECT_EQ(scorer.utterances(), 4);
+    EXPECT_EQ(scorer.wrong_utterances(), 3);
+    EXPECT_EQ(speech::format_counts(scorer.total()),
+              "digit error rate 50.00 % (2 substitutions, 2 insertions, 1 deletions in 10 digits)");
+    std::string worst;
+    for (const auto& score : scorer.worst(10)) {
+        worst += score.name + ' ';
+    }
+    EXPECT_EQ(worst, "three one another ");
+    EXPECT_EQ(scorer.worst(1).size(), 1u);
+    EXPECT_EQ(speech::align({}, {4}).rate(), 1);
+}
+
+TEST(SpeechScoring, DecodesGreedily) {
+    struct {
+        Labels classes, labels, peaks;
+    } cases[] = {
+        {{}, {}, {}},
+        {{0, 0, 0}, {}, {}},
+        {{5}, {5}, {0}},
+        {{5, 5, 5}, {5}, {1}},
+        {{5, 0, 5}, {5, 5}, {0, 2}},
+        {{0, 3, 3, 0, 0, 3, 4, 4, 0}, {3, 3, 4}, {1, 5, 7}},
+        {{1, 11, 1}, {1, 11, 1}, {0, 1, 2}},
+    };
+    for (const auto& c : cases) {
+        const int frames = static_cast<int>(c.classes.size());
+        // The middle one of three interleaved utterances, and posteriors surest at odd frames.
+        Labels interleaved(3 * c.classes.size(), 8);
+        speech::FrameMatrix posteriors(frames, speech::kClassCount);
+        for (int t = 0; t < frames; ++t) {
+            interleaved[3 * t + 1] = c.classes[t];
+            posteriors.row(t)[c.classes[t]] = t % 2 == 1 ? 0.9f : 0.8f;
+        }
+        EXPECT_EQ(speech::greedy_decode(c.classes.data(), frames), c.labels);
+        EXPECT_EQ(speech::greedy_decode(interleaved.data() + 1, frames, 3), c.labels);
+
+        Labels labels, peaks;
+        for (const speech::Spike& spike : speech::greedy_spikes(posteriors)) {
+            labels.push_back(spike.label);
+            peaks.push_back(spike.frame);
+        }
+        EXPECT_EQ(labels, c.labels);
+        EXPECT_EQ(peaks, c.peaks);
+    }
+}
+
+TEST(SpeechScoring, NeedsEnoughFrames) {
+    // The first of all class sequences, from the shortest on, that decodes to some labels.
+    std::map<Labels, int> shortest;
+    std::vector<Labels> sequences = {{}};
+    for (std::size_t i = 0; i < sequences.size(); ++i) {
+        const Labels classes = sequences[i];
+        const int length = static_cast<int>(classes.size());
+        shortest.emplace(speech::greedy_decode(classes.data(), length), length);
+        for (int next = 0; length < 7 && next < 3; ++next) {
+            sequences.push_back(classes);
+            sequences.back().push_back(next);
+        }
+    }
+    for (const auto& [labels, length] : shortest) {
+        EXPECT_EQ(speech::frames_needed(labels), length) << speech::to_transcript(labels);
+    }
+}
+
 TEST(SpeechProgress, FormatsItsLine) {
-    speech::ProgressState state;
-    state.epoch = 3;
-    state.epochs = 20;
-    state.done = 500;
-    state.total = 1000;
-    state.loss = 1.2345;
-    state.frames_per_second = 45678;
-    state.seconds_left = 125;
+    speech::ProgressState state = {3, 20, 500, 1000, 1.2345, 45678, 125};
     EXPECT_EQ(speech::progress_line(state, 100),
               "epoch 3/20 [===============>              ]  50%  loss 1.234  46k frames/s  "
               "2 min 05 s left");
@@ -35,18 +143,15 @@ TEST(SpeechProgress, FormatsItsLine) {
         EXPECT_EQ(line.find("100%") != std::string::npos, done >= 1000) << line;
         EXPECT_EQ(line.find('>') == std::string::npos, done >= 1000) << line;
     }
-    struct {
-        double seconds;
-        std::string text;
-    } durations[] = {{-1, "0 s"},
-                     {59.4, "59 s"},
-                     {59.6, "1 min 00 s"},
-                     {3599, "59 min 59 s"},
-                     {3600, "1 h 00 min"},
-                     {INFINITY, "-"},
-                     {NAN, "-"}};
-    for (const auto& d : durations) {
-        EXPECT_EQ(speech::format_duration(d.seconds), d.text);
+    const std::pair<double, std::string> durations[] = {{-1, "0 s"},
+                                                        {59.4, "59 s"},
+                                                        {59.6, "1 min 00 s"},
+                                                        {3599, "59 min 59 s"},
+                                                        {3600, "1 h 00 min"},
+                                                        {INFINITY, "-"},
+                                                        {NAN, "-"}};
+    for (const auto& [seconds, text] : durations) {
+        EXPECT_EQ(speech::format_duration(seconds), text);
     }
 }
 
@@ -55,14 +160,16 @@ TEST(SpeechProgress, RedrawsOnTerminalsOnly) {
     {
         speech::Progress on_terminal(2, 100, &terminal, true, 79);
         speech::Progress in_file(2, 100, &plain, false, 79);
-        std::this_thread::sleep_for(std::chrono::milliseconds(120));
-        for (speech::Progress* progress : {&on_terminal, &in_file}) {
-            progress->update(1, 50, 2);
-            progress->update(1, 60, 2);  // too soon after the last one
-            progress->finish_epoch("epoch 1: loss 2");
+        for (int epoch : {1, 2}) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(120));
+            for (speech::Progress* progress : {&on_terminal, &in_file}) {
+                progress->update(epoch, 50, 2);
+                progress->update(epoch, 60, 2);  // too soon after the last one
+                if (epoch == 1) {
+                    progress->finish_epoch("epoch 1: loss 2");
+                }
+            }
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(120));
-        on_terminal.update(2, 50, 1);
     }
     EXPECT_EQ(plain.str(), "epoch 1: loss 2\n");
     const std::string drawn = terminal.str();
@@ -72,60 +179,44 @@ TEST(SpeechProgress, RedrawsOnTerminalsOnly) {
     EXPECT_EQ(drawn.substr(drawn.size() - 4), "\x1b[K\n");
 }
 
-class SpeechPicture : public testing::Test {
-protected:
-    SpeechPicture() {
-        _utterance.name = "it's {one}_two.wav";
-        _utterance.reference = {2, 3};
-        _utterance.row_seconds = 0.03;
-        _utterance.posteriors = speech::FrameMatrix(40, speech::kClassCount);
-        for (int t = 0; t < 40; ++t) {
-            const int label = t == 10 ? 2 : t == 25 ? 3 : speech::kBlank;
-            _utterance.posteriors.row(t)[label] = 1;
-        }
-    }
-
-    std::vector<speech::EpochPoint> _epochs = {{1, 9.5, 1.0}, {2, 3.25, 0.5}, {3, 1.0, 0.0625}};
-    speech::UtterancePicture _utterance;
-};
-
-TEST_F(SpeechPicture, IsDrawnByGnuplot) {
-    if (std::system("gnuplot --version >/dev/null 2>&1") != 0) {
-        GTEST_SKIP() << "gnuplot is not there";
+TEST(SpeechPicture, IsDrawnByGnuplotOrOnlyWarnedOf) {
+    const std::vector<speech::EpochPoint> epochs = {{1, 9.5, 1.0}, {2, 3.25, 0.5}, {3, 1, 0.0625}};
+    speech::UtterancePicture utterance = {
+        "it's {one}_two.wav", {2, 3}, speech::FrameMatrix(40, speech::kClassCount), 0.03};
+    for (int t = 0; t < 40; ++t) {
+        utterance.posteriors.row(t)[t == 10 ? 2 : t == 25 ? 3 : speech::kBlank] = 1;
     }
     const TemporaryFolder folder;
-    const auto png = folder / "it's a picture.png";
-    testing::internal::CaptureStderr();
-    const bool drawn = speech::draw_picture(png, _epochs, _utterance);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_TRUE(drawn);
-    const std::string bytes = read_file(png);
-    ASSERT_GT(bytes.size(), 10000u);
-    EXPECT_EQ(bytes.substr(0, 8), "\x89PNG\r\n\x1a\n");
-    EXPECT_EQ(bytes.substr(16, 8), std::string("\0\0\x04\xb0\0\0\x03\x84", 8));  // 1200 x 900
+    const auto draw = [&](const std::filesystem::path& png) {
+        testing::internal::CaptureStderr();
+        const bool drawn = speech::draw_picture(png, epochs, utterance);
+        return std::make_pair(drawn, testing::internal::GetCapturedStderr());
+    };
+    const auto lost = folder / "missing" / "a";
+    EXPECT_EQ(message_of([&] { speech::draw_picture(lost, epochs, utterance); }),
+              lost.string() + ".gnuplot: cannot be written");
 
-    const std::string script = read_file(folder / "it's a picture.gnuplot");
+    const std::string path = std::getenv("PATH");
+    setenv("PATH", folder.path().c_str(), 1);
+    const auto without = draw(folder / "a.png");
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(without,
+              std::make_pair(false, "warning: gnuplot is not there to draw " +
+                                        (folder / "a.png").string() + "; its script is kept in " +
+                                        (folder / "a.gnuplot").string() + "\n"));
+    const std::string script = read_file(folder / "a.gnuplot");
     EXPECT_NE(script.find("\n2 3.25 50\n3 1 6.25\nEND\n"), std::string::npos);
     EXPECT_NE(script.find("{/:Bold one}' at 0.315, 1.065"), std::string::npos);
     EXPECT_NE(script.find("'read: one two  (right)'"), std::string::npos);
-}
 
-TEST_F(SpeechPicture, IsOnlyWarnedOfWithoutGnuplot) {
-    const TemporaryFolder folder;
-    const std::string path = std::getenv("PATH");
-    setenv("PATH", folder.path().c_str(), 1);
-    testing::internal::CaptureStderr();
-    const bool drawn = speech::draw_picture(folder / "a.png", _epochs, _utterance);
-    const std::string warning = testing::internal::GetCapturedStderr();
-    setenv("PATH", path.c_str(), 1);
-    EXPECT_FALSE(drawn);
-    EXPECT_EQ(warning, "warning: gnuplot is not there to draw " + (folder / "a.png").string() +
-                           "; its script is kept in " + (folder / "a.gnuplot").string() + "\n");
-    EXPECT_TRUE(std::filesystem::exists(folder / "a.gnuplot"));
-
-    const auto lost = folder / "missing" / "a.png";
-    EXPECT_EQ(message_of<speech::Error>([&] { speech::draw_picture(lost, _epochs, _utterance); }),
-              (folder / "missing" / "a.gnuplot").string() + ": cannot be written");
+    if (std::system("gnuplot --version >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "gnuplot is not there";
+    }
+    EXPECT_EQ(draw(folder / "it's a picture.png"), std::make_pair(true, std::string()));
+    const std::string bytes = read_file(folder / "it's a picture.png");
+    ASSERT_GT(bytes.size(), 10000u);
+    EXPECT_EQ(bytes.substr(0, 8), "\x89PNG\r\n\x1a\n");
+    EXPECT_EQ(bytes.substr(16, 8), std::string("\0\0\x04\xb0\0\0\x03\x84", 8));  // 1200 x 900
 }
 
 }  // namespace

@@ -7,12 +7,13 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "speech/error.h"
 
 /// A folder that is gone when the test is over.
 class TemporaryFolder {
@@ -46,21 +47,17 @@ inline std::string read_file(const std::filesystem::path& file) {
 /// A WAV file of 16-bit integers, or of floats for T = float, channels interleaved.
 template <typename T>
 std::string wav(int rate, int channels, const std::vector<T>& samples) {
-    std::string text;
-    const auto put = [&text](auto value) {
-        text.append(reinterpret_cast<const char*>(&value), sizeof value);
+    std::string text = "RIFF";
+    const auto put = [&text](auto... values) {
+        (text.append(reinterpret_cast<const char*>(&values), sizeof values), ...);
     };
+    const std::uint16_t format = sizeof(T) == sizeof(float) ? 3 : 1, bits = 8 * sizeof(T);
+    const auto frame = static_cast<std::uint16_t>(channels * sizeof(T));
     const auto bytes = static_cast<std::uint32_t>(samples.size() * sizeof(T));
-    text += "RIFF";
-    put(static_cast<std::uint32_t>(36 + bytes));
+    put(36 + bytes);
     text += "WAVEfmt ";
-    put(std::uint32_t{16});
-    put(static_cast<std::uint16_t>(sizeof(T) == sizeof(float) ? 3 : 1));
-    put(static_cast<std::uint16_t>(channels));
-    put(static_cast<std::uint32_t>(rate));
-    put(static_cast<std::uint32_t>(rate * channels * sizeof(T)));
-    put(static_cast<std::uint16_t>(channels * sizeof(T)));
-    put(static_cast<std::uint16_t>(8 * sizeof(T)));
+    put(std::uint32_t{16}, format, static_cast<std::uint16_t>(channels), rate, rate * frame, frame,
+        bits);
     text += "data";
     put(bytes);
     text.append(reinterpret_cast<const char*>(samples.data()), bytes);
@@ -71,6 +68,14 @@ std::string wav(int rate, int channels, const std::vector<T>& samples) {
 struct Outcome {
     int status;
     std::string out, err;
+
+    friend bool operator==(const Outcome& a, const Outcome& b) {
+        return a.status == b.status && a.out == b.out && a.err == b.err;
+    }
+    friend std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
+        return out << "status " << outcome.status << ", out: " << outcome.out
+                   << ", err: " << outcome.err;
+    }
 };
 
 inline Outcome run(const TemporaryFolder& folder, const std::string& command) {
@@ -81,12 +86,12 @@ inline Outcome run(const TemporaryFolder& folder, const std::string& command) {
             read_file(folder / "stderr")};
 }
 
-/// The text of the Error that `call` throws; a failure when it throws none.
-template <typename Error, typename Call>
+/// The text of the error that `call` throws; a failure when it throws none.
+template <typename Call>
 std::string message_of(Call call) {
     try {
         call();
-    } catch (const Error& error) {
+    } catch (const speech::Error& error) {
         return error.what();
     }
     ADD_FAILURE() << "nothing was thrown";
