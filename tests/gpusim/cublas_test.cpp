@@ -29,34 +29,33 @@ protected:
     cudaStream_t stream_ = create_stream(cudaStreamNonBlocking);
 };
 
-/// A batch of random column-major matrices M, of which op(M) has `rows` rows and `cols` columns;
-/// `pad` more elements stand behind each column.
+/// A random column-major matrix M, of which op(M) has `rows` rows and `cols` columns; `pad` more
+/// elements stand behind each of its columns.
 struct Matrix {
-    Matrix(cublasOperation_t op, int rows, int cols, int pad, int batch = 1)
+    Matrix(cublasOperation_t op, int rows, int cols, int pad)
         : op(op),
           rows(op == N ? rows : cols),
           cols(op == N ? cols : rows),
           ld(this->rows + pad),
-          stride(ld * this->cols),
-          values(random_floats(batch * stride, rows + 100 * cols + 1000 * pad)),
+          values(random_floats(ld * this->cols, rows + 100 * cols + 1000 * pad)),
           device(values) {}
 
     /// Element (row, col) of op(M).
-    double operator()(int row, int col, int i = 0) const {
-        return values[i * stride + (op == N ? col * ld + row : row * ld + col)];
+    double operator()(int row, int col) const {
+        return values[op == N ? col * ld + row : row * ld + col];
     }
-    /// Holds results of a matrix that is not transposed against expected(row, col, i), and what
+    /// Holds results of a matrix that is not transposed against expected(row, col), and what
     /// stands behind its columns against the old values.
     template <class F>
     void expect(const std::vector<float>& actual, F expected) const {
-        for (size_t place = 0; place < values.size(); ++place) {
-            const int i = place / stride, col = place % stride / ld, row = place % ld;
-            ASSERT_NEAR(actual[place], row < rows ? expected(row, col, i) : values[place], 1e-5);
+        for (int i = 0; i < ld * cols; ++i) {
+            const int col = i / ld, row = i % ld;
+            ASSERT_NEAR(actual[i], row < rows ? expected(row, col) : values[i], 1e-5);
         }
     }
 
     const cublasOperation_t op;
-    const int rows, cols, ld, stride;
+    const int rows, cols, ld;
     const std::vector<float> values;
     const DeviceArray<float> device;
 };
@@ -64,71 +63,55 @@ struct Matrix {
 constexpr std::pair<cublasOperation_t, cublasOperation_t> kOps[] = {{N, N}, {N, T}, {T, N}, {T, T}};
 
 TEST_F(CublasTest, Products) {
-    constexpr int m = 13, n = 9, k = 21, batch = 3;
+    constexpr int m = 13, n = 9, k = 21;
     const float alpha = 0.75f, beta = -0.5f;
     const DeviceArray<float> scalars(std::vector<float>{alpha, beta});
     for (const auto& [ta, tb] : kOps) {
-        const Matrix a(ta, m, k, 3, batch), b(tb, k, n, 2, batch), c(N, m, n, 4, batch);
-        const DeviceArray<float> single(c.values), vector(c.values);
+        const Matrix a(ta, m, k, 3), b(tb, k, n, 2), c(N, m, n, 4);
+        const DeviceArray<float> vector(c.values);
         EXPECT_CUDA(cudaDeviceSynchronize());
-        EXPECT_BLAS(cublasSgemmStridedBatched(handle_, ta, tb, m, n, k, &alpha, a.device.get(),
-                                              a.ld, a.stride, b.device.get(), b.ld, b.stride, &beta,
-                                              c.device.get(), c.ld, c.stride, batch));
         EXPECT_BLAS(cublasSgemm(handle_, ta, tb, m, n, k, &alpha, a.device.get(), a.ld,
-                                b.device.get(), b.ld, &beta, single.get(), c.ld));
+                                b.device.get(), b.ld, &beta, c.device.get(), c.ld));
         // The first column of op(B) alone.
         EXPECT_BLAS(cublasSetPointerMode(handle_, CUBLAS_POINTER_MODE_DEVICE));
         EXPECT_BLAS(cublasSgemv(handle_, ta, a.rows, a.cols, scalars.get(), a.device.get(), a.ld,
                                 b.device.get(), tb == N ? 1 : b.ld, scalars.get() + 1, vector.get(),
                                 1));
         EXPECT_BLAS(cublasSetPointerMode(handle_, CUBLAS_POINTER_MODE_HOST));
-        const auto expected = [&](int row, int col, int i) {
-            double sum = beta * c(row, col, i);
+        const auto expected = [&](int row, int col) {
+            double sum = beta * c(row, col);
             for (int p = 0; p < k; ++p) {
-                sum += alpha * a(row, p, i) * b(p, col, i);
+                sum += alpha * a(row, p) * b(p, col);
             }
             return sum;
         };
         c.expect(read(c.device), expected);
-        c.expect(read(single), [&](int row, int col, int i) {
-            return i == 0 ? expected(row, col, i) : c(row, col, i);
-        });
-        c.expect(read(vector), [&](int row, int col, int i) {
-            return i == 0 && col == 0 ? expected(row, col, i) : c(row, col, i);
-        });
+        c.expect(read(vector),
+                 [&](int row, int col) { return col == 0 ? expected(row, col) : c(row, col); });
     }
 }
 
 TEST_F(CublasTest, Sums) {
-    const float alpha = 1.5f, beta = -2, one = 1, zero = 0;
+    const float alpha = 1.5f, beta = -2;
+    const auto check = [&](const Matrix& a, const Matrix& b, const Matrix& c) {
+        EXPECT_CUDA(cudaDeviceSynchronize());
+        EXPECT_BLAS(cublasSgeam(handle_, a.op, b.op, c.rows, c.cols, &alpha, a.device.get(), a.ld,
+                                &beta, b.device.get(), b.ld, c.device.get(), c.ld));
+        c.expect(read(c.device),
+                 [&](int row, int col) { return alpha * a(row, col) + beta * b(row, col); });
+    };
     // Sizes on both sides of a tile.
     for (const auto& [m, n] : {std::pair(5, 70), {32, 33}, {100, 31}}) {
         for (const auto& [ta, tb] : kOps) {
-            const Matrix a(ta, m, n, 2), b(tb, m, n, 1), c(N, m, n, 4);
-            const DeviceArray<float> turned(c.values);
-            EXPECT_CUDA(cudaDeviceSynchronize());
-            EXPECT_BLAS(cublasSgeam(handle_, ta, tb, m, n, &alpha, a.device.get(), a.ld, &beta,
-                                    b.device.get(), b.ld, c.device.get(), c.ld));
-            EXPECT_BLAS(cublasSgeam(handle_, ta, N, m, n, &one, a.device.get(), a.ld, &zero,
-                                    nullptr, m, turned.get(), c.ld));
-            c.expect(read(c.device), [&](int row, int col, int) {
-                return alpha * a(row, col) + beta * b(row, col);
-            });
-            c.expect(read(turned), [&](int row, int col, int) { return a(row, col); });
+            check(Matrix(ta, m, n, 2), Matrix(tb, m, n, 1), Matrix(N, m, n, 4));
         }
     }
-    for (const bool c_first : {true, false}) {
-        const Matrix b(N, 4, 4, 0), c(N, 4, 4, 1);
-        const Matrix &x = c_first ? c : b, &y = c_first ? b : c;
-        EXPECT_CUDA(cudaDeviceSynchronize());
-        EXPECT_BLAS(cublasSgeam(handle_, N, N, 4, 4, &alpha, x.device.get(), x.ld, &beta,
-                                y.device.get(), y.ld, c.device.get(), c.ld));
-        c.expect(read(c.device),
-                 [&](int row, int col, int) { return alpha * x(row, col) + beta * y(row, col); });
-        EXPECT_EQ(cublasSgeam(handle_, T, N, 4, 4, &alpha, c.device.get(), c.ld, &zero, nullptr, 4,
-                              c.device.get(), c.ld),
-                  CUBLAS_STATUS_INVALID_VALUE);
-    }
+    const Matrix first(N, 4, 4, 1), second(N, 4, 4, 1), other(N, 4, 4, 0);
+    check(first, other, first);
+    check(other, second, second);
+    EXPECT_EQ(cublasSgeam(handle_, T, N, 4, 4, &alpha, first.device.get(), 5, &beta,
+                          other.device.get(), 4, first.device.get(), 5),
+              CUBLAS_STATUS_INVALID_VALUE);
 }
 
 TEST_F(CublasTest, Vectors) {
@@ -172,42 +155,6 @@ TEST_F(CublasTest, Vectors) {
         EXPECT_BLAS(cublasSnrm2(handle_, 0, dx.get(), incx, &norm));
         EXPECT_EQ(norm, 0.0f);
     }
-}
-
-TEST_F(CublasTest, LeastSquares) {
-    // The residual of a least squares solution is orthogonal to the columns.
-    constexpr int m = 9, n = 4, nrhs = 2, batch = 3;
-    const Matrix a(N, m, n, 2, batch), c(N, m, nrhs, 1, batch);
-    std::vector<float*> as, cs;
-    for (int i = 0; i < batch; ++i) {
-        as.push_back(a.device.get() + i * a.stride);
-        cs.push_back(c.device.get() + i * c.stride);
-    }
-    DeviceArray<float*> das(as), dcs(cs);
-    DeviceArray<int> infos(batch);
-    EXPECT_CUDA(cudaDeviceSynchronize());
-    int info = -1;
-    const auto solve = [&](int rows) {
-        return cublasSgelsBatched(handle_, N, rows, n, nrhs, das.get(), a.ld, dcs.get(), c.ld,
-                                  &info, infos.get(), batch);
-    };
-    EXPECT_BLAS(solve(m));
-    EXPECT_EQ(info, 0);
-    EXPECT_EQ(read(infos), std::vector<int>(batch, 0));
-    const auto x = read(c.device);
-    for (int column = 0; column < batch * nrhs * n; ++column) {
-        const int i = column / n / nrhs, rhs = column / n % nrhs;
-        double inner = 0;
-        for (int row = 0; row < m; ++row) {
-            double residual = c(row, rhs, i);
-            for (int p = 0; p < n; ++p) {
-                residual -= a(row, p, i) * x[i * c.stride + rhs * c.ld + p];
-            }
-            inner += residual * a(row, column % n, i);
-        }
-        EXPECT_NEAR(inner, 0, 1e-5);
-    }
-    EXPECT_EQ(solve(n - 1), CUBLAS_STATUS_NOT_SUPPORTED);
 }
 
 TEST_F(CublasTest, ArgumentsAndNames) {
