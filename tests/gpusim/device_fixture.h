@@ -36,7 +36,7 @@ inline cudaLaunchConfig_t config(dim3 grid, dim3 block, cudaStream_t stream = nu
 }
 
 template <class Kernel, class... A>
-cudaError_t launch(const cudaLaunchConfig_t& config, Kernel kernel, A... args) {
+cudaError_t launch(const cudaLaunchConfig_t& config, Kernel kernel, const A&... args) {
     return cudaLaunchKernelEx(&config, kernel, args...);
 }
 
@@ -44,7 +44,7 @@ cudaError_t launch(const cudaLaunchConfig_t& config, Kernel kernel, A... args) {
 class LaunchTest : public DeviceTest, public testing::WithParamInterface<bool> {
 protected:
     template <auto kernel, class... A>
-    static cudaError_t launch(const cudaLaunchConfig_t& config, A... args) {
+    static cudaError_t launch(const cudaLaunchConfig_t& config, const A&... args) {
         constexpr std::integral_constant<decltype(kernel), kernel> constant;
         return GetParam() ? ::launch(config, constant, args...) : ::launch(config, kernel, args...);
     }
