@@ -14,11 +14,17 @@
 #define EXPECT_CUDA(call) EXPECT_EQ(call, cudaSuccess)
 #define ASSERT_CUDA(call) ASSERT_EQ(call, cudaSuccess)
 
-/// Leaves a fresh device behind, whatever a test did to it.
+/// Leaves a fresh device behind, whatever a test and its fixture did to it.
 class DeviceTest : public testing::Test {
 protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-    void TearDown() override { cudaDeviceReset(); }
+    DeviceTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    ~DeviceTest() override { cudaDeviceReset(); }
+
+    static cudaStream_t create_stream(unsigned flags = cudaStreamDefault) {
+        cudaStream_t stream = nullptr;
+        EXPECT_CUDA(cudaStreamCreateWithFlags(&stream, flags));
+        return stream;
+    }
 };
 
 inline cudaLaunchConfig_t config(dim3 grid, dim3 block, cudaStream_t stream = nullptr) {
@@ -29,11 +35,20 @@ inline cudaLaunchConfig_t config(dim3 grid, dim3 block, cudaStream_t stream = nu
     return c;
 }
 
-template <class... P, class... A>
-cudaError_t launch(dim3 grid, dim3 block, void (*kernel)(P...), A... args) {
-    const cudaLaunchConfig_t c = config(grid, block);
-    return cudaLaunchKernelEx(&c, kernel, args...);
+template <class Kernel, class... A>
+cudaError_t launch(const cudaLaunchConfig_t& config, Kernel kernel, const A&... args) {
+    return cudaLaunchKernelEx(&config, kernel, args...);
 }
+
+/// Runs with both forms of a launch: a kernel known by its address, and one known at compile time.
+class LaunchTest : public DeviceTest, public testing::WithParamInterface<bool> {
+protected:
+    template <auto kernel, class... A>
+    static cudaError_t launch(const cudaLaunchConfig_t& config, const A&... args) {
+        constexpr std::integral_constant<decltype(kernel), kernel> constant;
+        return GetParam() ? ::launch(config, constant, args...) : ::launch(config, kernel, args...);
+    }
+};
 
 /// A block of device memory that is freed with the scope.
 template <class T>
@@ -62,11 +77,16 @@ private:
     T* data_ = nullptr;
 };
 
-/// Holds a stream until it is opened.
+/// Holds a stream until the gate is opened.
 class Gate {
 public:
     explicit Gate(cudaStream_t stream) {
         EXPECT_CUDA(cudaLaunchHostFunc(stream, &Gate::wait, this));
+    }
+    /// The stream must be past the gate before the gate goes.
+    ~Gate() {
+        open();
+        cudaDeviceSynchronize();
     }
     void open() { open_ = true; }
 

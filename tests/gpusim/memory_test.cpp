@@ -8,7 +8,14 @@
 
 namespace {
 
-class MemoryTest : public DeviceTest {};
+class MemoryTest : public DeviceTest {
+protected:
+    static cudaMemoryType type_of(const void* pointer) {
+        cudaPointerAttributes attributes;
+        EXPECT_CUDA(cudaPointerGetAttributes(&attributes, pointer));
+        return attributes.type;
+    }
+};
 
 // Before the device comes up: these tests fill it, and sanitizers keep books of all its bytes.
 [[maybe_unused]] const int limited = setenv("GPUSIM_MEMORY", "256M", 0);
@@ -16,43 +23,37 @@ class MemoryTest : public DeviceTest {};
 TEST_F(MemoryTest, DirectionAndBoundsAreChecked) {
     DeviceArray<char> device(64), other(64);
     std::vector<char> host(1000), second(1000);
-    char* d = device.get();
-    char* e = other.get();
-    char* h = host.data();
-    char* pinned = nullptr;
+    char *d = device.get(), *e = other.get(), *h = host.data(), *pinned = nullptr;
     ASSERT_CUDA(cudaMallocHost(&pinned, 64));
     struct Case {
         void* dst;
         const void* src;
         size_t count;
-        cudaMemcpyKind kind;
-        cudaError_t error;
+        int kind;
+        cudaError_t error = cudaErrorInvalidValue;
     };
-    const auto bad_kind = static_cast<cudaMemcpyKind>(5);
     for (const Case& c : {
-             Case{d, h, 64, cudaMemcpyHostToDevice, cudaSuccess},
-             Case{h, d, 64, cudaMemcpyDeviceToHost, cudaSuccess},
              Case{d, e, 64, cudaMemcpyDeviceToDevice, cudaSuccess},
              Case{h, second.data(), 1000, cudaMemcpyHostToHost, cudaSuccess},
              Case{d, h, 64, cudaMemcpyDefault, cudaSuccess},
              Case{d + 60, h, 4, cudaMemcpyHostToDevice, cudaSuccess},
              Case{d, pinned, 64, cudaMemcpyHostToDevice, cudaSuccess},
              Case{nullptr, nullptr, 0, cudaMemcpyHostToDevice, cudaSuccess},
-             Case{d, h, 64, cudaMemcpyDeviceToHost, cudaErrorInvalidValue},
-             Case{h, d, 64, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-             Case{d, h, 64, cudaMemcpyHostToHost, cudaErrorInvalidValue},
-             Case{d, h, 64, cudaMemcpyDeviceToDevice, cudaErrorInvalidValue},
-             Case{h, e, 64, cudaMemcpyDeviceToDevice, cudaErrorInvalidValue},
-             Case{d, h, 65, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-             Case{d + 60, h, 5, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-             Case{d - 1, h, 1, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-             Case{d, pinned + 32, 33, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
-             Case{h, nullptr, 4, cudaMemcpyHostToHost, cudaErrorInvalidValue},
-             Case{d, h, 4, bad_kind, cudaErrorInvalidMemcpyDirection},
+             Case{d, h, 64, cudaMemcpyDeviceToHost},
+             Case{h, d, 64, cudaMemcpyHostToDevice},
+             Case{d, h, 64, cudaMemcpyHostToHost},
+             Case{d, h, 64, cudaMemcpyDeviceToDevice},
+             Case{h, e, 64, cudaMemcpyDeviceToDevice},
+             Case{d + 60, h, 5, cudaMemcpyHostToDevice},
+             Case{d - 1, h, 1, cudaMemcpyHostToDevice},
+             Case{d, pinned + 32, 33, cudaMemcpyHostToDevice},
+             Case{h, nullptr, 4, cudaMemcpyHostToHost},
+             Case{d, h, 4, 5, cudaErrorInvalidMemcpyDirection},
          }) {
-        EXPECT_EQ(cudaMemcpy(c.dst, c.src, c.count, c.kind), c.error)
-            << c.count << " bytes, kind " << c.kind;
-        EXPECT_EQ(cudaMemcpyAsync(c.dst, c.src, c.count, c.kind, nullptr), c.error);
+        SCOPED_TRACE(testing::Message() << c.count << " bytes, kind " << c.kind);
+        const auto kind = static_cast<cudaMemcpyKind>(c.kind);
+        EXPECT_EQ(cudaMemcpy(c.dst, c.src, c.count, kind), c.error);
+        EXPECT_EQ(cudaMemcpyAsync(c.dst, c.src, c.count, kind, nullptr), c.error);
     }
     EXPECT_CUDA(cudaMemset(d + 1, 0, 63));
     EXPECT_EQ(cudaMemset(d + 1, 0, 64), cudaErrorInvalidValue);
@@ -68,25 +69,22 @@ TEST_F(MemoryTest, PitchedCopies) {
     std::vector<char> host(kRows * kHostPitch);
     std::iota(host.begin(), host.end(), 1);
     DeviceArray<char> device(kRows * kPitch - (kPitch - kWidth)), copy(kRows * kPitch);
-    ASSERT_CUDA(cudaMemcpy2D(device.get(), kPitch, host.data(), kHostPitch, kWidth, kRows,
-                             cudaMemcpyHostToDevice));
+    const auto upload = [&](int pitch, int width) {
+        return cudaMemcpy2D(device.get(), pitch, host.data(), kHostPitch, width, kRows,
+                            cudaMemcpyHostToDevice);
+    };
+    ASSERT_CUDA(upload(kPitch, kWidth));
     ASSERT_CUDA(cudaMemcpy2D(copy.get(), kPitch, device.get(), kPitch, kWidth, kRows,
                              cudaMemcpyDeviceToDevice));
     ASSERT_CUDA(cudaMemset2D(copy.get() + 1, kPitch, 77, 2, kRows - 1));
     const std::vector<char> out = copy.read();
-    for (int r = 0; r < kRows; ++r) {
-        for (int c = 0; c < kPitch; ++c) {
-            const bool filled = c >= 1 && c < 3 && r < kRows - 1;
-            const char expected = filled ? 77 : c < kWidth ? host[r * kHostPitch + c] : -1;
-            EXPECT_EQ(out[r * kPitch + c], expected) << r << " " << c;
-        }
+    for (int i = 0; i < kRows * kPitch; ++i) {
+        const int row = i / kPitch, col = i % kPitch;
+        const bool filled = col >= 1 && col < 3 && row < kRows - 1;
+        EXPECT_EQ(out[i], filled ? 77 : col < kWidth ? host[row * kHostPitch + col] : -1) << i;
     }
-    EXPECT_EQ(cudaMemcpy2D(device.get(), kWidth - 1, host.data(), kHostPitch, kWidth, kRows,
-                           cudaMemcpyHostToDevice),
-              cudaErrorInvalidPitchValue);
-    EXPECT_EQ(cudaMemcpy2D(device.get(), kPitch, host.data(), kHostPitch, kWidth + 1, kRows,
-                           cudaMemcpyHostToDevice),
-              cudaErrorInvalidValue);
+    EXPECT_EQ(upload(kWidth - 1, kWidth), cudaErrorInvalidPitchValue);
+    EXPECT_EQ(upload(kPitch, kWidth + 1), cudaErrorInvalidValue);
     EXPECT_EQ(cudaMemset2D(device.get(), kPitch, 0, kWidth, kRows + 1), cudaErrorInvalidValue);
 }
 
@@ -97,35 +95,27 @@ __global__ void write_value(int* out, int value) {
 TEST_F(MemoryTest, PinnedAndRegisteredHostMemory) {
     int* pinned = nullptr;
     ASSERT_CUDA(cudaHostAlloc(&pinned, sizeof(int), cudaHostAllocMapped));
-    ASSERT_CUDA(launch(1, 1, write_value, pinned, 41));
+    ASSERT_CUDA(launch(config(1, 1), write_value, pinned, 41));
     ASSERT_CUDA(cudaDeviceSynchronize());
     EXPECT_EQ(*pinned, 41);
 
     std::vector<int> plain(16);
-    cudaPointerAttributes attributes;
     void* mapped = nullptr;
-    ASSERT_CUDA(cudaPointerGetAttributes(&attributes, plain.data()));
-    EXPECT_EQ(attributes.type, cudaMemoryTypeUnregistered);
+    EXPECT_EQ(type_of(plain.data()), cudaMemoryTypeUnregistered);
     EXPECT_EQ(cudaHostGetDevicePointer(&mapped, plain.data(), 0), cudaErrorInvalidValue);
     ASSERT_CUDA(cudaHostRegister(plain.data(), 64, cudaHostRegisterDefault));
     EXPECT_EQ(cudaHostRegister(&plain[2], 4, 0), cudaErrorHostMemoryAlreadyRegistered);
-    ASSERT_CUDA(cudaPointerGetAttributes(&attributes, &plain[15]));
-    EXPECT_EQ(attributes.type, cudaMemoryTypeHost);
+    EXPECT_EQ(type_of(&plain[15]), cudaMemoryTypeHost);
     EXPECT_CUDA(cudaHostGetDevicePointer(&mapped, &plain[3], 0));
     EXPECT_EQ(mapped, &plain[3]);
     EXPECT_CUDA(cudaHostUnregister(plain.data()));
     EXPECT_EQ(cudaHostUnregister(plain.data()), cudaErrorHostMemoryNotRegistered);
-
-    DeviceArray<int> device(4);
-    ASSERT_CUDA(cudaPointerGetAttributes(&attributes, device.get() + 3));
-    EXPECT_EQ(attributes.type, cudaMemoryTypeDevice);
-    EXPECT_EQ(attributes.devicePointer, device.get() + 3);
+    EXPECT_EQ(type_of(DeviceArray<int>(4).get() + 3), cudaMemoryTypeDevice);
 }
 
 TEST_F(MemoryTest, PoolReusesInStreamOrder) {
-    cudaStream_t a, b;
-    ASSERT_CUDA(cudaStreamCreateWithFlags(&a, cudaStreamNonBlocking));
-    ASSERT_CUDA(cudaStreamCreateWithFlags(&b, cudaStreamNonBlocking));
+    const cudaStream_t a = create_stream(cudaStreamNonBlocking);
+    const cudaStream_t b = create_stream(cudaStreamNonBlocking);
     void *first, *same, *other, *later;
     Gate gate(a);
     ASSERT_CUDA(cudaMallocAsync(&first, 5000, a));
@@ -146,17 +136,6 @@ TEST_F(MemoryTest, PoolReusesInStreamOrder) {
     EXPECT_EQ(later, first);
 }
 
-TEST_F(MemoryTest, PoolAttributes) {
-    cudaMemPool_t pool;
-    ASSERT_CUDA(cudaDeviceGetDefaultMemPool(&pool, 0));
-    unsigned long threshold = ~0ul, read = 0;
-    ASSERT_CUDA(cudaMemPoolSetAttribute(pool, cudaMemPoolAttrReleaseThreshold, &threshold));
-    ASSERT_CUDA(cudaMemPoolGetAttribute(pool, cudaMemPoolAttrReleaseThreshold, &read));
-    EXPECT_EQ(read, threshold);
-    EXPECT_CUDA(cudaMemPoolTrimTo(pool, 0));
-    EXPECT_EQ(cudaDeviceGetDefaultMemPool(&pool, 1), cudaErrorInvalidDevice);
-}
-
 TEST_F(MemoryTest, BlocksDontOverlapAndMemoryComesBack) {
     size_t before = 0, total = 0, after = 0;
     ASSERT_CUDA(cudaMemGetInfo(&before, &total));
@@ -169,11 +148,10 @@ TEST_F(MemoryTest, BlocksDontOverlapAndMemoryComesBack) {
             ASSERT_CUDA(i % 2 == 0 ? cudaMalloc(&pointer, size)
                                    : cudaMallocAsync(&pointer, size, nullptr));
             EXPECT_EQ(reinterpret_cast<uintptr_t>(pointer) % 256, 0u);
-            const auto next = blocks.lower_bound(pointer);
+            const auto at = blocks.emplace(pointer, size).first, next = std::next(at);
             ASSERT_TRUE(next == blocks.end() || pointer + size <= next->first);
-            ASSERT_TRUE(next == blocks.begin() ||
-                        std::prev(next)->first + std::prev(next)->second <= pointer);
-            blocks[pointer] = size;
+            ASSERT_TRUE(at == blocks.begin() ||
+                        std::prev(at)->first + std::prev(at)->second <= pointer);
         } else {
             const auto victim = std::next(blocks.begin(), engine() % blocks.size());
             ASSERT_CUDA(i % 3 == 0 ? cudaFree(victim->first)
@@ -196,32 +174,10 @@ TEST_F(MemoryTest, BlocksDontOverlapAndMemoryComesBack) {
     EXPECT_EQ(cudaMallocAsync(&all, total + 1, nullptr), cudaErrorMemoryAllocation);
 }
 
-TEST_F(MemoryTest, EnvironmentLimitsTheDevice) {
-    EXPECT_EXIT(
-        {
-            setenv("GPUSIM_MEMORY", "64M", 1);
-            size_t free_bytes = 0;
-            size_t total = 0;
-            void* most = nullptr;
-            void* more = nullptr;
-            cudaMemGetInfo(&free_bytes, &total);
-            const bool fine = total == 64u << 20 && cudaMalloc(&most, 60 << 20) == cudaSuccess &&
-                              cudaMalloc(&more, 8 << 20) == cudaErrorMemoryAllocation &&
-                              cudaFree(most) == cudaSuccess &&
-                              cudaMalloc(&more, 8 << 20) == cudaSuccess;
-            std::_Exit(fine ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
-bool has_protection_keys() {
+TEST_F(MemoryTest, HostCodeCannotTouchDeviceMemory) {
     std::ifstream info("/proc/cpuinfo");
     const std::string text{std::istreambuf_iterator<char>(info), {}};
-    return text.find(" ospke") != std::string::npos;
-}
-
-TEST_F(MemoryTest, HostCodeCannotTouchDeviceMemory) {
-    if (!has_protection_keys()) {
+    if (text.find(" ospke") == std::string::npos) {
         GTEST_SKIP() << "this processor has no protection keys";
     }
     DeviceArray<int> device(std::vector<int>{1, 2, 3});
@@ -229,39 +185,26 @@ TEST_F(MemoryTest, HostCodeCannotTouchDeviceMemory) {
     EXPECT_DEATH(std::exit(pointer[1]), "");
     EXPECT_DEATH(pointer[1] = 0, "");
     // Nor can a function that a stream calls.
-    EXPECT_DEATH(
-        {
-            cudaLaunchHostFunc(
-                nullptr, [](void* p) { *static_cast<volatile int*>(p) = 0; }, device.get());
-            cudaDeviceSynchronize();
-        },
-        "");
+    const auto write = [](void* p) { *static_cast<volatile int*>(p) = 0; };
+    EXPECT_DEATH((cudaLaunchHostFunc(nullptr, write, device.get()), cudaDeviceSynchronize()), "");
     EXPECT_EQ(device.read(), (std::vector<int>{1, 2, 3}));
 }
 
 #if defined(__SANITIZE_ADDRESS__)
-__global__ void read_at(const int* data, int i, int* out) {
-    *out = data[i];
-}
-
-TEST_F(MemoryTest, AddressSanitizerSeesBadKernelReads) {
-    DeviceArray<int> out(1);
-    EXPECT_DEATH(
-        {
-            DeviceArray<int> data(10);
-            launch(1, 1, read_at, data.get(), 10, out.get());
-            cudaDeviceSynchronize();
-        },
-        "use-after-poison");
-    EXPECT_DEATH(
-        {
-            int* freed = nullptr;
-            cudaMallocAsync(&freed, 40, nullptr);
-            cudaFreeAsync(freed, nullptr);
-            launch(1, 1, read_at, freed, 0, out.get());
-            cudaDeviceSynchronize();
-        },
-        "use-after-poison");
+TEST_F(MemoryTest, AddressSanitizerSeesKernelsOutsideTheirBlocks) {
+    for (const bool freed : {false, true}) {
+        EXPECT_DEATH(
+            {
+                int* block = nullptr;
+                cudaMallocAsync(&block, 40, nullptr);
+                if (freed) {
+                    cudaFreeAsync(block, nullptr);
+                }
+                launch(config(1, 1), write_value, block + (freed ? 0 : 10), 1);
+                cudaDeviceSynchronize();
+            },
+            "use-after-poison");
+    }
 }
 #endif
 

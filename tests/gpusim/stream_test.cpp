@@ -1,96 +1,76 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <numeric>
 
 #include "device_fixture.h"
 
 namespace {
 
+__global__ void append_value(int* list, int value) {
+    list[1 + atomicAdd(list, 1)] = value;
+}
+
+/// Kernels append to a list, so that it shows the order in which they ran.
 class StreamTest : public DeviceTest {
 protected:
-    cudaStream_t create(unsigned flags = cudaStreamDefault) {
-        cudaStream_t stream = nullptr;
-        EXPECT_CUDA(cudaStreamCreateWithFlags(&stream, flags));
-        return stream;
+    cudaError_t append(cudaStream_t stream, int value) {
+        return launch(config(1, 1, stream), append_value, list_.get(), value);
     }
+    std::vector<int> entries() {
+        const std::vector<int> values = list_.read();
+        return {values.begin() + 1, values.begin() + 1 + values[0]};
+    }
+
+private:
+    DeviceArray<int> list_{std::vector<int>(256, 0)};
 };
 
-__global__ void append(int* list, int value) {
-    list[++list[0]] = value;
-}
-
-__global__ void count_up(int* sum) {
-    atomicAdd(sum, 1);
-}
-
-cudaError_t append_on(cudaStream_t stream, int* list, int value) {
-    const cudaLaunchConfig_t c = config(1, 1, stream);
-    return cudaLaunchKernelEx(&c, append, list, value);
-}
-
-/// What was appended, in order.
-std::vector<int> entries(const DeviceArray<int>& list) {
-    const std::vector<int> values = list.read();
-    return {values.begin() + 1, values.begin() + 1 + values[0]};
-}
-
-TEST_F(StreamTest, LaunchesReturnBeforeTheyRunAndKeepTheirOrder) {
-    DeviceArray<int> list(std::vector<int>(20, 0));
-    const cudaStream_t stream = create();
-    Gate gate(stream);
-    std::vector<int> expected;
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_CUDA(append_on(stream, list.get(), i));
-        expected.push_back(i);
-    }
-    EXPECT_EQ(cudaStreamQuery(stream), cudaErrorNotReady);
-    gate.open();
-    EXPECT_CUDA(cudaStreamSynchronize(stream));
-    EXPECT_CUDA(cudaStreamQuery(stream));
-    EXPECT_EQ(entries(list), expected);
+void sleep_20_ms(void*) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
 TEST_F(StreamTest, NullStreamWaitsForBlockingStreamsAndTheyForIt) {
-    DeviceArray<int> list(std::vector<int>(8, 0));
-    const cudaStream_t a = create(), b = create();
+    const cudaStream_t a = create_stream(), b = create_stream();
     Gate gate(a);
-    ASSERT_CUDA(append_on(a, list.get(), 1));
-    ASSERT_CUDA(append_on(nullptr, list.get(), 2));
-    ASSERT_CUDA(append_on(b, list.get(), 3));
-    EXPECT_EQ(cudaStreamQuery(b), cudaErrorNotReady);
-    EXPECT_EQ(cudaStreamQuery(nullptr), cudaErrorNotReady);
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_CUDA(append(a, i));
+    }
+    ASSERT_CUDA(append(nullptr, 5));
+    ASSERT_CUDA(append(b, 6));
+    for (const cudaStream_t stream : {a, b, cudaStream_t{}, cudaStreamLegacy}) {
+        EXPECT_EQ(cudaStreamQuery(stream), cudaErrorNotReady);
+    }
     gate.open();
     EXPECT_CUDA(cudaStreamSynchronize(b));
-    EXPECT_EQ(entries(list), (std::vector<int>{1, 2, 3}));
+    EXPECT_CUDA(cudaStreamQuery(b));
+    EXPECT_EQ(entries(), (std::vector<int>{0, 1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(StreamTest, NonBlockingStreamsPassTheNullStream) {
-    DeviceArray<int> list(std::vector<int>(8, 0));
-    EXPECT_CUDA(cudaDeviceSynchronize());
-    const cudaStream_t stream = create(cudaStreamNonBlocking);
+    const cudaStream_t stream = create_stream(cudaStreamNonBlocking);
     Gate null_gate(nullptr);
-    ASSERT_CUDA(append_on(stream, list.get(), 1));
+    ASSERT_CUDA(append(stream, 1));
     EXPECT_CUDA(cudaStreamSynchronize(stream));
     null_gate.open();
     Gate gate(stream);
-    ASSERT_CUDA(append_on(nullptr, list.get(), 2));
+    ASSERT_CUDA(append(nullptr, 2));
     EXPECT_CUDA(cudaStreamSynchronize(nullptr));
     gate.open();
-    EXPECT_CUDA(cudaDeviceSynchronize());
-    EXPECT_EQ(entries(list), (std::vector<int>{1, 2}));
+    EXPECT_EQ(entries(), (std::vector<int>{1, 2}));
 }
 
 TEST_F(StreamTest, EventsOrderStreams) {
-    DeviceArray<int> list(std::vector<int>(8, 0));
-    EXPECT_CUDA(cudaDeviceSynchronize());
-    const cudaStream_t a = create(cudaStreamNonBlocking), b = create(cudaStreamNonBlocking);
+    const cudaStream_t a = create_stream(cudaStreamNonBlocking);
+    const cudaStream_t b = create_stream(cudaStreamNonBlocking);
     cudaEvent_t event;
     ASSERT_CUDA(cudaEventCreateWithFlags(&event, cudaEventDisableTiming));
     EXPECT_CUDA(cudaEventQuery(event));
     Gate gate(a);
-    ASSERT_CUDA(append_on(a, list.get(), 1));
+    ASSERT_CUDA(append(a, 1));
     ASSERT_CUDA(cudaEventRecord(event, a));
     ASSERT_CUDA(cudaStreamWaitEvent(b, event));
-    ASSERT_CUDA(append_on(b, list.get(), 2));
+    ASSERT_CUDA(append(b, 2));
     EXPECT_EQ(cudaEventQuery(event), cudaErrorNotReady);
     EXPECT_EQ(cudaGetLastError(), cudaErrorNotReady);
     // A wait keeps what it was given, whatever becomes of event and stream.
@@ -99,12 +79,12 @@ TEST_F(StreamTest, EventsOrderStreams) {
     gate.open();
     EXPECT_CUDA(cudaEventSynchronize(event));
     EXPECT_CUDA(cudaEventQuery(event));
-    EXPECT_EQ(entries(list), (std::vector<int>{1, 2}));
+    EXPECT_EQ(entries(), (std::vector<int>{1, 2}));
     EXPECT_CUDA(cudaEventDestroy(event));
 }
 
 TEST_F(StreamTest, ElapsedTime) {
-    const cudaStream_t stream = create();
+    const cudaStream_t stream = create_stream();
     cudaEvent_t start, end, untimed;
     ASSERT_CUDA(cudaEventCreate(&start));
     ASSERT_CUDA(cudaEventCreate(&end));
@@ -112,9 +92,7 @@ TEST_F(StreamTest, ElapsedTime) {
     float ms = -1;
     EXPECT_EQ(cudaEventElapsedTime(&ms, start, end), cudaErrorInvalidResourceHandle);
     ASSERT_CUDA(cudaEventRecord(start, stream));
-    ASSERT_CUDA(cudaLaunchHostFunc(
-        stream, [](void*) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); },
-        nullptr));
+    ASSERT_CUDA(cudaLaunchHostFunc(stream, sleep_20_ms, nullptr));
     ASSERT_CUDA(cudaEventRecord(end, stream));
     ASSERT_CUDA(cudaEventRecord(untimed, stream));
     ASSERT_CUDA(cudaStreamSynchronize(stream));
@@ -125,24 +103,20 @@ TEST_F(StreamTest, ElapsedTime) {
 
 TEST_F(StreamTest, HostFunctionsMayNotCallTheRuntime) {
     cudaError_t seen = cudaSuccess;
-    const cudaStream_t stream = create();
-    ASSERT_CUDA(cudaLaunchHostFunc(
-        stream, [](void* out) { *static_cast<cudaError_t*>(out) = cudaDeviceSynchronize(); },
-        &seen));
-    ASSERT_CUDA(cudaStreamSynchronize(stream));
+    const auto call = [](void* out) { *static_cast<cudaError_t*>(out) = cudaDeviceSynchronize(); };
+    ASSERT_CUDA(cudaLaunchHostFunc(nullptr, call, &seen));
+    ASSERT_CUDA(cudaDeviceSynchronize());
     EXPECT_EQ(seen, cudaErrorNotPermitted);
 }
 
-TEST_F(StreamTest, ManyThreadsSubmit) {
-    DeviceArray<int> total(std::vector<int>{0});
+TEST_F(StreamTest, ThreadsKeepTheirOrderAcrossTheirStreamAndTheNullStream) {
+    constexpr int kThreads = 4, kLaunches = 50;
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            cudaStream_t stream;
-            EXPECT_CUDA(cudaStreamCreate(&stream));
-            for (int k = 0; k < 50; ++k) {
-                const cudaLaunchConfig_t c = config(2, 8, k % 10 == i ? nullptr : stream);
-                EXPECT_CUDA(cudaLaunchKernelEx(&c, count_up, total.get()));
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([this, i] {
+            const cudaStream_t stream = create_stream();
+            for (int k = 0; k < kLaunches; ++k) {
+                EXPECT_CUDA(append(k % 10 == i ? nullptr : stream, i * kLaunches + k));
             }
             EXPECT_CUDA(cudaStreamDestroy(stream));
         });
@@ -151,24 +125,33 @@ TEST_F(StreamTest, ManyThreadsSubmit) {
         thread.join();
     }
     EXPECT_CUDA(cudaDeviceSynchronize());
-    EXPECT_EQ(total.read()[0], 4 * 50 * 16);
+    std::vector<int> seen = entries(), expected(kThreads * kLaunches);
+    std::iota(expected.begin(), expected.end(), 0);
+    std::stable_sort(seen.begin(), seen.end(),
+                     [](int a, int b) { return a / kLaunches < b / kLaunches; });
+    EXPECT_EQ(seen, expected);
 }
 
-TEST_F(StreamTest, LaunchBlockingWaitsAtTheLaunch) {
+// The device reads its environment when it comes up, in the child.
+TEST_F(DeviceTest, EnvironmentMakesLaunchesWaitAndLimitsMemory) {
     EXPECT_EXIT(
         {
             setenv("CUDA_LAUNCH_BLOCKING", "1", 1);
-            // The device reads its environment when it comes up, in the child.
+            setenv("GPUSIM_MEMORY", "64M", 1);
             int* list = nullptr;
-            cudaStream_t stream;
-            cudaMallocHost(&list, 64);
+            EXPECT_CUDA(cudaMallocHost(&list, 64));
             list[0] = 0;
-            cudaStreamCreate(&stream);
-            cudaLaunchHostFunc(
-                stream, [](void*) { std::this_thread::sleep_for(std::chrono::milliseconds(50)); },
-                nullptr);
-            append_on(stream, list, 5);
-            std::_Exit(list[0] == 1 && list[1] == 5 ? 0 : 1);
+            const cudaStream_t stream = create_stream();
+            EXPECT_CUDA(cudaLaunchHostFunc(stream, sleep_20_ms, nullptr));
+            EXPECT_CUDA(launch(config(1, 1, stream), append_value, list, 5));
+            EXPECT_EQ(list[1], 5);
+            void* most = nullptr;
+            void* more = nullptr;
+            EXPECT_CUDA(cudaMalloc(&most, 60 << 20));
+            EXPECT_EQ(cudaMalloc(&more, 8 << 20), cudaErrorMemoryAllocation);
+            EXPECT_CUDA(cudaFree(most));
+            EXPECT_CUDA(cudaMalloc(&more, 8 << 20));
+            std::_Exit(HasFailure());
         },
         testing::ExitedWithCode(0), "");
 }
