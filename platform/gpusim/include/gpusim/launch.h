@@ -64,7 +64,7 @@ private:
     void run_threads(const FiberThread& self, unsigned first, unsigned last,
                      std::index_sequence<I...>) {
         // Locals, so that small arguments stay in registers from thread to thread.
-        const Kernel kernel = kernel_;
+        void (*const kernel)(P...) = kernel_;
         [[maybe_unused]] const std::tuple<P...> args = args_;
         const unsigned size_x = blockDim.x;
         const unsigned size_y = blockDim.y;
