@@ -78,8 +78,8 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Places, BlasTest, kAllPlaces, name_of_place);
 
 TEST_P(BlasTest, Products) {
-    const int shapes[][3] = {{1, 1, 1},  {1, 33, 17}, {31, 1, 5}, {64, 70, 33}, {5, 300, 129},
-                             {1, 40, 1}, {40, 33, 1}, {1, 0, 4},  {3, 0, 4}};
+    const int shapes[][3] = {{1, 1, 1},   {1, 33, 17}, {31, 1, 5}, {64, 70, 33}, {5, 300, 129},
+                             {1, 140, 1}, {40, 33, 1}, {3, 4, 5},  {1, 0, 4},    {3, 0, 4}};
     for (const auto& [m, k, n] : shapes) {
         if (k != 0 || !pitched()) {  // a view has columns
             expect_products(1, m, k, n);
