@@ -6,17 +6,19 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <vector>
 
 #include "vorn/tensor/buffer.h"
 
 /// Floors measured in the same run as the work, so that a ratio means the same on any machine.
-/// Work and floor take turns, and the fastest turns of both are compared: what else the machine
-/// does, and how fast it happens to run, hits them alike.
+/// Work and floor take turns, and each turn is compared with its neighbour: what else the machine
+/// does, and how fast it happens to run, hits both alike.
 namespace vorn {
 namespace bench {
 
 struct Turns {
-    double work, floor;  ///< Seconds of one call in the fastest turn of each.
+    double floor;  ///< Seconds of one call in the floor's fastest turn.
+    double ratio;  ///< Of work to floor, in the median of neighbouring turns.
 };
 
 /// Calls `work` and `floor` in turns of a few milliseconds each.
@@ -41,7 +43,8 @@ void against_flops(benchmark::State& state, double flops, Work&& work);
 
 double now();
 
-/// Seconds of one of the calls that fill a few milliseconds.
+/// Seconds of one of the calls that fill a few milliseconds. The clock is read after 1, 2, 4 and
+/// so on more calls, which makes its cost vanish beside calls of a few nanoseconds.
 template <typename F>
 double seconds_of(F&& call) {
     call();
@@ -49,9 +52,11 @@ double seconds_of(F&& call) {
     const double start = now();
     double elapsed;
     do {
-        call();
-        benchmark::ClobberMemory();
-        ++calls;
+        for (int more = calls + 1; more > 0; --more) {
+            call();
+            benchmark::ClobberMemory();
+        }
+        calls += calls + 1;
         elapsed = now() - start;
     } while (elapsed < 2e-3);
     return elapsed / calls;
@@ -59,26 +64,29 @@ double seconds_of(F&& call) {
 
 template <typename Work, typename Floor>
 Turns take_turns(Work&& work, Floor&& floor) {
-    constexpr int kMinTurns = 3, kMaxTurns = 15;
+    constexpr size_t kMinTurns = 3, kMaxTurns = 75;
     constexpr double kEnough = 0.4;
-    Turns best{1e30, 1e30};
+    std::vector<double> ratios;
+    double fastest = 1e30;
     const double start = now();
-    for (int turn = 0; turn < kMaxTurns && (turn < kMinTurns || now() - start < kEnough); ++turn) {
-        best.work = std::min(best.work, seconds_of(work));
-        best.floor = std::min(best.floor, seconds_of(floor));
+    while (ratios.size() < kMinTurns || (ratios.size() < kMaxTurns && now() - start < kEnough)) {
+        const double of_work = seconds_of(work), of_floor = seconds_of(floor);
+        fastest = std::min(fastest, of_floor);
+        ratios.push_back(of_work / of_floor);
     }
-    return best;
+    std::nth_element(ratios.begin(), ratios.begin() + ratios.size() / 2, ratios.end());
+    return {fastest, ratios[ratios.size() / 2]};
 }
 
 template <typename Work, typename Floor>
 void against(benchmark::State& state, Work&& work, Floor&& floor, double scale) {
-    const Turns best = take_turns(work, floor);
+    const Turns turns = take_turns(work, floor);
     for (auto _ : state) {
         work();
         benchmark::ClobberMemory();
     }
-    state.counters["floor_us"] = best.floor * scale * 1e6;
-    state.counters["x_floor"] = best.work / (best.floor * scale);
+    state.counters["floor_us"] = turns.floor * scale * 1e6;
+    state.counters["x_floor"] = turns.ratio / scale;
 }
 
 /// A copy of so many bytes from one buffer to another.

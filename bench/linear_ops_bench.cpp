@@ -28,12 +28,20 @@ void max_out_backward(benchmark::State& state) {
 }
 BENCHMARK(max_out_backward)->Name("maxout backward 4096 x 256, groups of")->Arg(2)->Arg(4);
 
+// In cache and in memory.
 void append_columns(benchmark::State& state) {
-    const Tensor<float> in = random_tensor(Dim(4096, 320), -1, 1);
-    Tensor<float> out = random_tensor(Dim(4096, 640), -1, 1);
+    const Tensor<float> in = random_tensor(Dim(state.range(0), 320), -1, 1);
+    Tensor<float> out = random_tensor(Dim(state.range(0), 640), -1, 1);
     against_copy(state, in.count() * 8.0, [&] { out.col_append(in, 320); });
 }
-BENCHMARK(append_columns)->Name("append 320 of 640 columns, 4096 rows");
+BENCHMARK(append_columns)->Name("append 320 of 640 columns, rows")->Arg(1024)->Arg(32768);
+
+void deappend_columns(benchmark::State& state) {
+    const Tensor<float> in = random_tensor(Dim(state.range(0), 640), -1, 1);
+    Tensor<float> out = random_tensor(Dim(state.range(0), 320), -1, 1);
+    against_copy(state, out.count() * 8.0, [&] { out.col_deappend(in, 320); });
+}
+BENCHMARK(deappend_columns)->Name("take 320 of 640 columns, rows")->Arg(1024)->Arg(32768);
 
 }  // namespace
 }  // namespace bench

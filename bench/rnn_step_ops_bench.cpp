@@ -13,6 +13,7 @@ namespace {
 struct Operands {
     index_t rows, cells;
     Tensor<float> gates, block[4], x[5], out, w;
+    float alpha = 1, beta = 1;
 
     explicit Operands(const benchmark::State& state)
         : rows(state.range(0)),
@@ -70,10 +71,10 @@ void against_plain_loop(benchmark::State& state, F work, Plain plain, Call one) 
             out[k] = one(in[k]);
         }
     };
-    const Turns alone = take_turns([&] { work(o); }, calls);
+    const Turns against_calls = take_turns([&] { work(o); }, calls);
     against(
         state, [&] { work(o); }, [&] { plain(o, out); });
-    state.counters["x_calls"] = alone.work / alone.floor;
+    state.counters["x_calls"] = against_calls.ratio;
 }
 
 void ld_mul_diag_mat_sigmoid(benchmark::State& state) {
@@ -83,13 +84,17 @@ void ld_mul_diag_mat_sigmoid(benchmark::State& state) {
             const float *in = o.x[2].get_row(i), *bak = o.block[1].get_row(i);
 #pragma GCC ivdep
             for (index_t j = 0; j < o.cells; ++j) {
-                out[j] = 1.0f / (1.0f + expf(-(in[j] * w[j] + bak[j])));
+                const float x = o.alpha * in[j] * w[j] + o.beta * bak[j];
+                out[j] = 1.0f / (1.0f + expf(x < -64 ? 64 : -x));
             }
         }
     };
     against_plain_loop(
-        state, [](Operands& o) { o.out.ld_mul_diag_mat_sigmoid(o.x[2], o.w, o.block[1]); }, plain,
-        [](float x) { return 1.0f / (1.0f + expf(-x)); });
+        state,
+        [](Operands& o) {
+            o.out.ld_mul_diag_mat_sigmoid(o.x[2], o.w, o.block[1], o.alpha, o.beta);
+        },
+        plain, [](float x) { return 1.0f / (1.0f + expf(-x)); });
 }
 BENCHMARK(ld_mul_diag_mat_sigmoid)->Apply(sizes);
 
@@ -110,7 +115,7 @@ void elem_mul_tanh(benchmark::State& state) {
 }
 BENCHMARK(elem_mul_tanh)->Apply(sizes);
 
-/// `rows` frames of 16 sequences.
+/// Frames of 16 sequences.
 void mask_reverse(benchmark::State& state) {
     const int batch = 16, frames = static_cast<int>(state.range(0));
     Operands o(state);
@@ -121,7 +126,22 @@ void mask_reverse(benchmark::State& state) {
     against_copy(state, 2.0 * in.count() * sizeof(float),
                  [&] { out.mask_reverse(in, lengths, batch, frames); });
 }
-BENCHMARK(mask_reverse)->ArgNames({"rows", "cells"})->Args({100, 40})->Args({100, 1024});
+// Sizes well inside and well beyond a cache of 512 KiB, which `in` and `out` share.
+BENCHMARK(mask_reverse)
+    ->ArgNames({"frames", "cells"})
+    ->Args({50, 40})
+    ->Args({400, 40})
+    ->Args({100, 1024});
+
+/// Reads only, but for a count per sequence.
+void count_valid_label(benchmark::State& state) {
+    const int batch = static_cast<int>(state.range(0)), frames = static_cast<int>(state.range(1));
+    Tensor<int> mask(Dim(frames, batch)), lengths{Dim(batch)};
+    mask.set_element(1);
+    against_copy(state, 1.0 * mask.count() * sizeof(int),
+                 [&] { lengths.count_valid_label(mask, batch, frames); });
+}
+BENCHMARK(count_valid_label)->ArgNames({"batch", "frames"})->Args({32, 1000})->Args({512, 2000});
 
 }  // namespace
 }  // namespace bench

@@ -51,34 +51,11 @@ inline CBLAS_TRANSPOSE blas_op(bool transposed) {
     return transposed ? CblasTrans : CblasNoTrans;
 }
 
-/// A product of so few multiplications is done before a BLAS has looked at its arguments.
-constexpr int64_t kTinyProduct = 128;
-
-/// c = alpha * op(a) * op(b) + beta * c in a plain loop; c is not read if beta is 0.
-inline void tiny_gemm(bool a_t, bool b_t, int dim_m, int dim_n, int dim_k, DType alpha,
-                      const float* a, int lda, const float* b, int ldb, DType beta, float* c,
-                      int ldc) {
-    const int a_row = a_t ? 1 : lda, a_col = a_t ? lda : 1;
-    const int b_row = b_t ? 1 : ldb, b_col = b_t ? ldb : 1;
-    for (int i = 0; i < dim_m; ++i, a += a_row, c += ldc) {
-        for (int j = 0; j < dim_n; ++j) {
-            float sum = 0;
-            for (int k = 0; k < dim_k; ++k) {
-                sum += a[k * a_col] * b[k * b_row + j * b_col];
-            }
-            c[j] = alpha * sum + (beta == 0 ? 0 : beta * c[j]);
-        }
-    }
-}
-
 /// c = alpha * op(a) * op(b) + beta * c for a c of dim_m x dim_n. A product with a single row or
 /// column streams through one matrix only, which BLAS does about four times as fast when told so.
-/// With an alpha of 0, BLAS doesn't read a and b.
 inline void gemm(bool a_t, bool b_t, int dim_m, int dim_n, int dim_k, DType alpha, const float* a,
                  int lda, const float* b, int ldb, DType beta, float* c, int ldc) {
-    if (static_cast<int64_t>(dim_m) * dim_n * dim_k <= kTinyProduct && alpha != 0) {
-        tiny_gemm(a_t, b_t, dim_m, dim_n, dim_k, alpha, a, lda, b, ldb, beta, c, ldc);
-    } else if (dim_m == 1 && dim_k > 0) {
+    if (dim_m == 1 && dim_k > 0) {
         cblas_sgemv(CblasRowMajor, blas_op(!b_t), b_t ? dim_n : dim_k, b_t ? dim_k : dim_n, alpha,
                     b, ldb, a, a_t ? lda : 1, beta, c, 1);
     } else if (dim_n == 1 && dim_k > 0) {
