@@ -26,12 +26,12 @@ inline int leading_dimension(const Tensor<float>& matrix) {
 /// How a tensor divides into matrices of `stride` elements each: the last axis is their columns.
 /// `step` is the distance between two of them in memory, which in a pitched tensor is more.
 struct MatrixBatch {
-    int rows, columns;
+    int columns, rows;
     int64_t step;
 
     MatrixBatch(const Tensor<float>& t, int64_t stride)
-        : rows(static_cast<int>(stride / static_cast<int64_t>(t.get_w()))),
-          columns(static_cast<int>(t.get_w())),
+        : columns(static_cast<int>(t.get_w())),
+          rows(columns == 0 ? 0 : static_cast<int>(stride / columns)),
           step(rows * static_cast<int64_t>(t.ld())) {}
 };
 
