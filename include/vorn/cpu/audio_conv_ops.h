@@ -38,7 +38,7 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
                 if (stream) {
                     stream_copy(out_p, run, patch);
                 } else {
-                    cpu::vorn_memcpy(out_p, run, patch * sizeof(float));
+                    copy_run(out_p, run, patch);
                 }
             }
         }

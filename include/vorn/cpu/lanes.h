@@ -1,6 +1,7 @@
 #ifndef VORN_CPU_LANES_H_
 #define VORN_CPU_LANES_H_
 
+#include <algorithm>
 #include <cstring>
 
 /// Small vectors of the compiler's own, for the host loops that it does not vectorise by itself.
@@ -31,6 +32,23 @@ inline void store(T* p, const V& lanes) {
 template <typename V, typename T>
 inline void splat(V& lanes, T x) {
     lanes = x - V{};  // x + 0 would lose the sign of -0
+}
+
+/// Copies n elements to another place. A call of memcpy costs as much as a short row.
+template <typename T>
+inline void copy_run(T* out, const T* in, size_t n) {
+    constexpr size_t kFull = Lanes<T>::kFull;
+    if (n < kFull) {
+        std::copy_n(in, n, out);
+        return;
+    }
+    typename Lanes<T>::Full lanes;
+    for (size_t i = 0; i < n - kFull; i += kFull) {
+        load(lanes, in + i);
+        store(out + i, lanes);
+    }
+    load(lanes, in + n - kFull);  // the last full lanes, some of them again
+    store(out + n - kFull, lanes);
 }
 
 /// Transposes four by four elements in each half of a register: lanes 0 to 3 of `v[k]` become lane

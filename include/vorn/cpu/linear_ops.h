@@ -1,7 +1,7 @@
 #ifndef VORN_CPU_LINEAR_OPS_H_
 #define VORN_CPU_LINEAR_OPS_H_
 
-#include "vorn/cpu/memory.h"
+#include "vorn/cpu/lanes.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the linear layer helpers, on dense matrices.
@@ -54,7 +54,7 @@ inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t
     const float* in_p = in.get_ptr();
     float* out_p = out.get_ptr() + offset;
     for (index_t i = 0; i < dimM; ++i, in_p += in_dimN, out_p += dimN) {
-        cpu::vorn_memcpy(out_p, in_p, in_dimN * sizeof(float));
+        copy_run(out_p, in_p, in_dimN);
     }
 }
 
@@ -63,7 +63,7 @@ inline void vorn_col_deappend(const Tensor<float>& in, Tensor<float>& out, index
     const float* in_p = in.get_ptr() + offset;
     float* out_p = out.get_ptr();
     for (index_t i = 0; i < dimM; ++i, in_p += in_dimN, out_p += dimN) {
-        cpu::vorn_memcpy(out_p, in_p, dimN * sizeof(float));
+        copy_run(out_p, in_p, dimN);
     }
 }
 

@@ -2,8 +2,9 @@
 #define VORN_CPU_RNN_STEP_OPS_H_
 
 #include <algorithm>
-#include <cstring>
 
+#include "vorn/cpu/lanes.h"
+#include "vorn/cpu/reduce.h"
 #include "vorn/ops/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
@@ -173,37 +174,31 @@ inline void vorn_mask_reverse(const Tensor<float>& in, const Tensor<int>& batch_
     if (seq_len < 1) {
         return;
     }
-    const index_t bytes = in.get_size(1) * sizeof(float);
-    const int in_step = batch_size * static_cast<int>(in.get_stride()),
-              out_step = batch_size * static_cast<int>(out.get_stride());
+    const int* lengths = batch_seq_len.get_ptr();
     for (int b = 0; b < batch_size; ++b) {
-        const int cur_seq_len = batch_seq_len.get_ptr()[b];
-        out.get_row((std::max(cur_seq_len, seq_len) - 1) * batch_size + b);
-        const float* in_b = in.get_row(b);
-        float* out_b = out.get_row(b);
-        for (int s = 0; s < seq_len; ++s) {
-            const int target = s < cur_seq_len ? cur_seq_len - 1 - s : s;
-            std::memcpy(out_b + target * out_step, in_b + s * in_step, bytes);
+        out.get_row((std::max(lengths[b], seq_len) - 1) * batch_size + b);
+    }
+    const index_t feature_size = in.get_size(1), in_ld = in.get_stride(), out_ld = out.get_stride();
+    const float* in_row = in.get_ptr();
+    float* out_p = out.get_ptr();
+    for (int s = 0; s < seq_len; ++s) {
+        for (int b = 0; b < batch_size; ++b, in_row += in_ld) {
+            const index_t target = s < lengths[b] ? lengths[b] - 1 - s : s;
+            copy_run(out_p + (target * batch_size + b) * out_ld, in_row, feature_size);
         }
     }
 }
 
-/// Blocks of sequences, so that the mask is read along its rows.
+struct CountNonzero {
+    int identity() const { return 0; }
+    int combine(int count, int label) const { return count + (label != 0); }
+};
+
 inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
                                    int batch_size, int sub_frame_len) {
-    constexpr int kBlock = 1024;
-    for (int start = 0; start < batch_size; start += kBlock) {
-        const int n = std::min(kBlock, batch_size - start);
-        int count[kBlock];
-        std::fill_n(count, n, 0);
-        for (int t = 0; t < sub_frame_len; ++t) {
-            const int* row = mask.get_ptr() + t * batch_size + start;
-            for (int b = 0; b < n; ++b) {
-                count[b] += row[b] != 0;
-            }
-        }
-        std::copy_n(count, n, batch_seq_len.get_ptr() + start);
-    }
+    int* out_p = batch_seq_len.get_ptr();
+    fold_columns(CountNonzero(), mask.get_ptr(), sub_frame_len, batch_size, batch_size,
+                 [=](index_t b, int count) { out_p[b] = count; });
 }
 
 }  // namespace cpu
