@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <iterator>
+#include <numeric>
+
 #include "device_test.h"
 
 namespace vorn {
@@ -14,7 +18,7 @@ struct Layout {
 };
 
 // One group, touching, overlapping, with gaps, a filter of one tap; sizes beyond a tile of 32.
-const Layout kLayouts[] = {
+const std::vector<Layout> kLayouts = {
     {3, 2, 3, 10, 4, {0}, {6}},
     {5, 1, 2, 12, 3, {0, 4}, {3, 9}},
     {33, 3, 1, 9, 2, {1, 3}, {4, 7}},
@@ -24,10 +28,25 @@ const Layout kLayouts[] = {
     {1300, 11, 3, 40, 3, {0, 11}, {10, 37}},  // patches beyond the host's caches, of odd width
 };
 
+// Groups in ascending order of their start, anywhere.
+Layout random_layout(std::mt19937& random) {
+    const auto up_to = [&](int max) { return static_cast<int>(random() % (max + 1)); };
+    const int filter = 1 + up_to(6), last = 5 + up_to(20);
+    Layout layout{1 + up_to(40), 1 + up_to(2), 1 + up_to(2), last + filter, filter, {}, {}};
+    for (int start = up_to(last); layout.start.size() < 4 && start <= last; start += up_to(5)) {
+        layout.start.push_back(start);
+        layout.end.push_back(start + up_to(last - start));
+    }
+    return layout;
+}
+
 // Patches are copies; errors sum onto the features that the patches read: the host adds to the
 // output, a GPU replaces it.
 TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
-    for (const Layout& on : kLayouts) {
+    std::vector<Layout> layouts = kLayouts;
+    std::mt19937 random(3);
+    std::generate_n(std::back_inserter(layouts), 20, [&] { return random_layout(random); });
+    for (const Layout& on : layouts) {
         const int temporal = on.context * on.delta, width = temporal * on.fbank,
                   patch = temporal * on.filter;
         std::vector<int> sources;  // of the elements of all patches
@@ -44,11 +63,12 @@ TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
         const Dim all(on.frames, width), out_size(static_cast<int>(sources.size()) / patch, patch);
         const Values features = random_values(all.product(), 1),
                      errors = random_values(sources.size(), 2), old(features.size(), 3);
-        Values patches;
+        Values patches, readers(features.size());
         Doubles sums(features.size(), on_gpu() ? 0 : 3);
         for (size_t k = 0; k < sources.size(); ++k) {
             patches.push_back(features[sources[k]]);
             sums[sources[k]] += errors[k];
+            ++readers[sources[k]];
         }
         const Tensor<int> start = make(on.start), end = make(on.end);
         TensorF out = poisoned(out_size), back = make(all, old);
@@ -56,6 +76,19 @@ TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
         EXPECT_EQ(values_of(out), patches);
         back.shrink_errors(make(out_size, errors), on.fbank, on.delta, 0, on.filter, start, end);
         expect_close(values_of(back), sums, 1e-5, 1e-5);
+
+        // <expand(x), y> = <x, shrink(y)>, and each feature is summed as often as it is read.
+        back.zero();
+        back.shrink_errors(make(out_size, errors), on.fbank, on.delta, 0, on.filter, start, end);
+        const auto dot = [](const Values& a, const Values& b) {
+            return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
+        };
+        EXPECT_NEAR(dot(values_of(out), errors), dot(features, values_of(back)),
+                    1e-7 * sources.size());
+        out.ones();
+        back.zero();
+        back.shrink_errors(out, on.fbank, on.delta, 0, on.filter, start, end);
+        EXPECT_EQ(values_of(back), readers);
     }
 }
 
@@ -116,7 +149,8 @@ TEST_P(AudioConvTest, PoolingInsideGroups) {
             base += size * frames;
             position += size / pool;
         }
-        const int filter_num = filters * static_cast<int>(sizes.size());
+        // The host takes the number of filters from the matrices.
+        const int filter_num = on_gpu() ? filters * static_cast<int>(sizes.size()) : -1;
         TensorF out = poisoned(out_size), dx = make(in_size, Values(in.size(), 10));
         Tensor<int> idx = poisoned<int>(out_size);
         out.max_pooling(make(in_size, in), make(sizes), filter_num, pool, idx, 2, 0.5);

@@ -10,6 +10,13 @@ static index_t last_axis(const Dim& size) {
 
 // ---- Construction
 
+/// Of `size`, which is tested before anything is allocated.
+template <typename T>
+static size_t byte_size_of(const Dim& size) {
+    size.product_check();
+    return product(size) * sizeof(T);
+}
+
 template <typename T>
 Tensor<T>::Tensor() : Tensor(vorn::get_device()) {}
 
@@ -19,7 +26,7 @@ Tensor<T>::Tensor(const Device& device)
 
 template <typename T>
 Tensor<T>::Tensor(const Dim& size, const Device& device)
-    : _buffer(std::make_shared<Buffer>(product(size) * sizeof(T), device)),
+    : _buffer(std::make_shared<Buffer>(byte_size_of<T>(size), device)),
       _size(size),
       _stride(last_axis(size)),
       _ptr(static_cast<T*>(_buffer->ptr())),
@@ -139,9 +146,10 @@ Tensor<T> Tensor<T>::range_col(index_t start, index_t stop) const {
 
 template <typename T>
 void Tensor<T>::reshape(const Dim& size) {
+    const index_t stride = size[-1];  // a shape without axes stops here, whatever the tensor holds
     CHECK(is_contiguous()) << "memory not contiguous";
     CHECK(product(_size) == product(size)) << "memory size not match " << _size << " vs " << size;
-    _stride = size[-1];
+    _stride = stride;
     _size = size;
 }
 

@@ -130,13 +130,14 @@ __global__ void KeAudioBatchNormBp(const float* x, const float* dy, const float*
     sum_tile_row(b_s[ty]);
     sum_tile_row(s_s[ty]);
     __syncthreads();
-    if (!inside) {
-        return;
-    }
     const float bias_error = b_s[tx][0], scale_error = s_s[tx][0];
-    if (ty == 0) {
+    if (inside && ty == 0) {
         dbias[col] = bias_error;
         dscale[col] = scale_error;
+    }
+    __syncthreads();
+    if (!inside) {
+        return;
     }
     const float factor = scale[col] * inv_std;
     for (size_t r = ty; r < rows; r += VT) {

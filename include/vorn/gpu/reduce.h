@@ -99,7 +99,7 @@ template <typename Reducer, typename In, typename Out>
 void reduce_2d_col(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
     const int NT = 32;
     const int VT = 32;
-    const index_t h = in.get_h(), w = in.get_w();
+    const index_t h = in.get_h(), w = in.get_w();  // not of `out`, which may have any shape
     const int grid_size = div_up(static_cast<int>(w), NT);
     if (grid_size == 0) {
         return;

@@ -64,6 +64,7 @@ struct Dim {
     const int* end() const { return dims + dimension; }
 
     int get_size() const { return dimension; }
+    int get_size(int idx) const { return (*this)[idx]; }
     int get_axis() const { return dimension; }
 
     int& operator[](int idx) { return dims[canonical_axis_index(idx)]; }

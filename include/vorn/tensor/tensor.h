@@ -41,9 +41,9 @@ void vorn_norm2(const Tensor<float>& in, DType* res);
 /// called an abort here logs a message and a stack trace and stops the process.
 ///
 /// Element types: `float` has every member. `int` has resize, element access, `add(T)`, `mul(T)`,
-/// `elem_add`, `col_sum`, `row_sum`, `sum`, `transpose` and the file and debug forms; `unsigned
-/// long` has resize; and all five (`unsigned char` and `short` too) have construction, shape
-/// queries, copies and fills. Any other use does not link.
+/// `elem_add`, `col_sum`, `row_sum`, `sum`, `transpose`, `count_valid_label` and the file and debug
+/// forms; `unsigned long` has resize; and all five (`unsigned char` and `short` too) have
+/// construction, shape queries, copies and fills. Any other use does not link.
 template <typename T>
 class Tensor {
 public:
@@ -65,6 +65,11 @@ public:
     Tensor(T* ptr, const Dim& size, const Device& device);
     /// A dense copy of `other` on `device`.
     Tensor(const Tensor& other, const Device& device);
+
+    // Declared, so that there is no move, which would leave a tensor without its Buffer.
+    Tensor(const Tensor&) = default;
+    Tensor& operator=(const Tensor&) = default;
+    ~Tensor() = default;
 
     // ---- Views: blocks that share this tensor's Buffer ----------------------------------------
     // A view of an external tensor is an external tensor.
