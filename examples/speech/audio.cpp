@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
 #include <limits>
 #include <memory>
 #include <string>
@@ -43,6 +46,21 @@ SoundFile open_sound(const std::filesystem::path& file, SF_INFO* info) {
     return sound;
 }
 
+/// Nothing but libsndfile's log tells of a WAV file that was cut off. Where programs write to a
+/// pipe they claim almost 2 GiB or more.
+void warn_when_cut(SNDFILE* sound, const std::filesystem::path& file) {
+    constexpr unsigned long stream = 0x7fff0000;
+    char log[4096] = "";
+    sf_command(sound, SFC_GET_LOG_INFO, log, sizeof log);
+    const char* data = std::strstr(log, "\ndata : ");
+    unsigned long told, there;
+    if (data != nullptr && std::sscanf(data, " data : %lu (should be %lu)", &told, &there) == 2 &&
+        there < told && told < stream) {
+        std::cerr << "warning: " + file.string() + ": is cut off: " + std::to_string(there) +
+                         " bytes of sound of the " + std::to_string(told) + " in its header\n";
+    }
+}
+
 }  // namespace
 
 AudioInfo probe_audio(const std::filesystem::path& file) {
@@ -54,6 +72,7 @@ AudioInfo probe_audio(const std::filesystem::path& file) {
 std::vector<float> read_audio(const std::filesystem::path& file, int rate) {
     SF_INFO info;
     const SoundFile sound = open_sound(file, &info);
+    warn_when_cut(sound.get(), file);
 
     // The header's length is not to be trusted with an allocation: read block by block.
     constexpr sf_count_t block = 1 << 16;

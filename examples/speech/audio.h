@@ -23,7 +23,8 @@ AudioInfo probe_audio(const std::filesystem::path& file);
 
 /// Reads a whole sound file, averages its channels and brings it to `rate` samples a second.
 /// Full scale is 1. Throws Error as probe_audio() does, and when the file breaks off
-/// in the middle of compressed sound or holds a value that is not finite.
+/// in the middle of compressed sound or holds a value that is not finite. Warns on standard error
+/// of a WAV file that is shorter than its header says and is not a streamed one.
 std::vector<float> read_audio(const std::filesystem::path& file, int rate);
 
 /// Band-limited change of the sampling rate; round(samples * to / from) samples, a copy when the

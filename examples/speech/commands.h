@@ -21,9 +21,9 @@ struct TrainOptions {
     std::filesystem::path picture;    ///< --picture; empty: none
     std::string device = "cpu";       ///< cpu or gpu
     std::string kind = "conv-blstm";  ///< --model
-    std::optional<int> epochs;  ///< the kind's own number where not given
-    int batch = 16;             ///< utterances
-    std::optional<int> hidden;  ///< the kind's own number where not given
+    std::optional<int> epochs;        ///< the kind's own number where not given
+    int batch = 16;                   ///< utterances
+    std::optional<int> hidden;        ///< the kind's own number where not given
     int layers = 2;
     double learning_rate = 4e-3;
     std::uint64_t seed = 1;
@@ -41,8 +41,8 @@ struct RecogniseOptions {
     std::string device = "cpu";
 };
 
-/// Validates both lists and prints a summary of each. Warns of utterances with more labels than
-/// their frames can carry, and of test files that are trained on.
+/// Validates both lists and all sound files, and prints a summary of each list. Warns of utterances
+/// with more labels than their frames can carry, and of test files that are trained on.
 int run_corpus(const CorpusOptions& options);
 
 /// Trains on train.tsv, but for a slice that is held out to choose the best epoch by, and writes

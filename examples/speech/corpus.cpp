@@ -13,6 +13,10 @@ namespace speech {
 namespace {
 
 Utterance parse_line(std::string_view line, const std::filesystem::path& folder) {
+    // As UTF-16 has them.
+    if (line.find('\0') != std::string_view::npos) {
+        throw Error("is not UTF-8 text");
+    }
     const std::size_t tab = line.find('\t');
     if (tab == std::string_view::npos) {
         throw Error("no tab between the file and its transcript");
@@ -38,6 +42,10 @@ std::vector<Utterance> read_list(const std::filesystem::path& list) {
     std::vector<Utterance> utterances;
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {
+        constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+        if (number == 1 && line.compare(0, byte_order_mark.size(), byte_order_mark) == 0) {
+            line.erase(0, byte_order_mark.size());
+        }
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }

@@ -22,9 +22,9 @@ struct Corpus {
 };
 
 /// Reads a list. Each line is the path of a sound file, absolute or relative to the list's folder,
-/// a tab, and the digit words of the transcript. Blank lines are skipped; line ends may be those
-/// of Windows. The header of every sound file is read. Throws Error, with the list and the line,
-/// at the first thing that is wrong, and when there is no utterance.
+/// a tab, and the digit words of the transcript. Blank lines are skipped; line ends and the
+/// byte order mark may be those of Windows. The header of every sound file is read. Throws Error,
+/// with the list and the line, at the first thing that is wrong, and when there is no utterance.
 std::vector<Utterance> read_list(const std::filesystem::path& list);
 
 /// Reads both lists of the folder. Throws Error as read_list() does.

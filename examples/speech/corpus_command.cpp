@@ -89,6 +89,9 @@ int run_corpus(const CorpusOptions& options) {
     warn_of_short(corpus.train, features);
     warn_of_short(corpus.test, features);
     warn_of_overlap(corpus);
+    // So that training and testing find no fault in a file that is not named here.
+    extract_all(corpus.train, features);
+    extract_all(corpus.test, features);
     return 0;
 }
 

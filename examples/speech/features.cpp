@@ -250,6 +250,10 @@ FrameMatrix FeatureExtractor::extract_file(const std::filesystem::path& file) {
     if (frames.rows == 0) {
         throw Error(file.string() + ": is shorter than one analysis window");
     }
+    if (!std::all_of(frames.values.begin(), frames.values.end(),
+                     [](float x) { return std::isfinite(x); })) {
+        throw Error(file.string() + ": is too loud: its features are not finite");
+    }
     return frames;
 }
 

@@ -88,7 +88,8 @@ public:
     /// `samples` at the options' rate. A signal shorter than one window gives no rows.
     FrameMatrix extract(const std::vector<float>& samples);
 
-    /// The features of a sound file. Throws Error when it cannot be read or is too short.
+    /// The features of a sound file. Throws Error when it cannot be read, is too short, or is so
+    /// loud that the features are not finite.
     FrameMatrix extract_file(const std::filesystem::path& file);
 
 private:

@@ -11,6 +11,7 @@
 
 #include "digits.h"
 #include "error.h"
+#include "output_file.h"
 
 namespace speech {
 
@@ -156,29 +157,18 @@ Model read_model(std::ifstream& in, std::uintmax_t file_size, vorn::Device devic
 }  // namespace
 
 void save_model(const std::filesystem::path& file, const Model& model) {
-    std::filesystem::path unfinished = file;
-    unfinished += ".part";
-    {
-        std::ofstream out(unfinished, std::ios::binary);
-        out << std::setprecision(std::numeric_limits<float>::max_digits10) << kMagic << '\n';
-        visit_fields(model.features, model.shape, [&](const char* name, const auto& value) {
-            out << name << ' ' << value << '\n';
-        });
-        out << kEndOfHead << '\n';
-        to_tensor(model.normaliser.mean()).write(out);
-        to_tensor(model.normaliser.inverse_deviation()).write(out);
-        for (const NamedTensor& stored : stored_tensors(model.network.get())) {
-            stored.tensor->write(out);
-        }
-        if (!out.flush()) {
-            throw Error(unfinished.string() + ": cannot be written");
-        }
+    OutputFile output(file);
+    std::ofstream& out = output.stream();
+    out << std::setprecision(std::numeric_limits<float>::max_digits10) << kMagic << '\n';
+    visit_fields(model.features, model.shape,
+                 [&](const char* name, const auto& value) { out << name << ' ' << value << '\n'; });
+    out << kEndOfHead << '\n';
+    to_tensor(model.normaliser.mean()).write(out);
+    to_tensor(model.normaliser.inverse_deviation()).write(out);
+    for (const NamedTensor& stored : stored_tensors(model.network.get())) {
+        stored.tensor->write(out);
     }
-    std::error_code error;
-    std::filesystem::rename(unfinished, file, error);
-    if (error) {
-        throw Error(file.string() + ": cannot be written");
-    }
+    output.finish();
 }
 
 Model load_model(const std::filesystem::path& file, vorn::Device device) {

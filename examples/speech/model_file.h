@@ -19,8 +19,7 @@ struct Model {
 
 /// Writes a model file: a head of text lines, then the tensors in the library's plain binary form,
 /// first the mean and the inverse deviation of the features, then the network's parameters and
-/// statistics. The file appears under its name when it is whole. Throws Error when it cannot be
-/// written.
+/// statistics. Writes as OutputFile does and throws Error as that does.
 void save_model(const std::filesystem::path& file, const Model& model);
 
 /// Reads a model file onto either device. Throws Error, naming the file, when it cannot be read,

@@ -6,14 +6,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <string_view>
 
 #include "digits.h"
-#include "error.h"
+#include "output_file.h"
 #include "scoring.h"
 
 extern char** environ;
@@ -73,15 +72,36 @@ void write_data(std::ostream& out, const std::vector<EpochPoint>& epochs,
     out << "END\n";
 }
 
+/// The range of an axis: gnuplot's own choice, but where all values are alike, of which it would
+/// warn. These lie at the middle, or lower where there is more room above.
+template <typename Value>
+std::string range_of(const std::vector<EpochPoint>& epochs, int room, Value value) {
+    const bool vary = std::any_of(epochs.begin(), epochs.end(), [&](const EpochPoint& point) {
+        return value(point) != value(epochs.front());
+    });
+    if (vary || epochs.empty()) {
+        return "[*:*]";
+    }
+    std::ostringstream range;
+    range << '[' << value(epochs.front()) / 2 << ':' << value(epochs.front()) * room << ']';
+    return range.str();
+}
+
 void write_curves(std::ostream& out, const std::vector<EpochPoint>& epochs) {
     const int last = epochs.empty() ? 1 : epochs.back().epoch;
     const bool few = epochs.size() <= 60;
+    const std::string losses =
+        range_of(epochs, 2, [](const EpochPoint& point) { return point.loss; });
+    const std::string rates = range_of(epochs, 4, [](const EpochPoint& point) {
+        return std::max(100 * point.digit_error_rate, kLeastShown);
+    });
     out << "set origin 0, 0.5\nset size 1, 0.5\n"
         << "set title 'Learning to read spoken digits' font ',17' offset 0, -0.2\n"
         << "set xrange [" << (epochs.empty() ? 0 : epochs.front().epoch) - 0.5 << ":" << last + 0.5
-        << "]\nset logscale y\nset logscale y2\nset yrange [*:*]\nset y2range [*:*]\n"
-        << "set xtics 0, " << epoch_step(last) << "\nset ytics " << kTics << " nomirror textcolor '"
-        << kColours[2] << "'\nset y2tics " << kTics << " textcolor '" << kColours[6] << "'\n"
+        << "]\nset logscale y\nset logscale y2\nset yrange " << losses << "\nset y2range " << rates
+        << "\nset xtics 0, " << epoch_step(last) << "\nset ytics " << kTics
+        << " nomirror textcolor '" << kColours[2] << "'\nset y2tics " << kTics << " textcolor '"
+        << kColours[6] << "'\n"
         << "set xlabel 'epoch'\nset ylabel 'training loss' textcolor '" << kColours[2]
         << "'\nset y2label 'digit error rate (%)' textcolor '" << kColours[6] << "'\n"
         << "set border 11\nset key top right\n";
@@ -139,6 +159,10 @@ void write_posteriors(std::ostream& out, const UtterancePicture& utterance) {
 
 }  // namespace
 
+std::filesystem::path picture_script_file(std::filesystem::path png) {
+    return png += ".gnuplot";
+}
+
 std::string picture_script(const std::filesystem::path& png, const std::vector<EpochPoint>& epochs,
                            const UtterancePicture& utterance) {
     std::ostringstream out;
@@ -158,15 +182,10 @@ std::string picture_script(const std::filesystem::path& png, const std::vector<E
 
 bool draw_picture(const std::filesystem::path& png, const std::vector<EpochPoint>& epochs,
                   const UtterancePicture& utterance) {
-    std::filesystem::path script = png;
-    script.replace_extension(".gnuplot");
-    {
-        std::ofstream out(script);
-        out << picture_script(png, epochs, utterance);
-        if (!out.flush()) {
-            throw Error(script.string() + ": cannot be written");
-        }
-    }
+    const std::filesystem::path script = picture_script_file(png);
+    OutputFile output(script);
+    output.stream() << picture_script(png, epochs, utterance);
+    output.finish();
 
     std::string program = "gnuplot";
     std::string argument = script.string();

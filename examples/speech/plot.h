@@ -30,9 +30,12 @@ struct UtterancePicture {
 std::string picture_script(const std::filesystem::path& png, const std::vector<EpochPoint>& epochs,
                            const UtterancePicture& utterance);
 
-/// Writes the script beside the picture (`png` with the ending `.gnuplot`) and runs gnuplot on
-/// it. True when the picture was made. When gnuplot is missing or fails, a line on standard error
-/// says so and names the script. Throws Error when the script cannot be written.
+/// Where the script of a picture lies: beside it, with `.gnuplot` behind its name.
+std::filesystem::path picture_script_file(std::filesystem::path png);
+
+/// Writes the script, as OutputFile does, and runs gnuplot on it. True when the picture was made.
+/// When gnuplot is missing or fails, a line on standard error says so and names the script. Throws
+/// Error when the script cannot be written.
 bool draw_picture(const std::filesystem::path& png, const std::vector<EpochPoint>& epochs,
                   const UtterancePicture& utterance);
 

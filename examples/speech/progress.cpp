@@ -127,12 +127,12 @@ void Progress::update(int epoch, std::int64_t done, double loss) {
     }
 }
 
-void Progress::finish_epoch(const std::string& summary) {
+void Progress::end_line(const std::string& text) {
     if (_line_open) {
         *_out << "\r\x1b[K";
         _line_open = false;
     }
-    *_out << summary << '\n' << std::flush;
+    *_out << text << '\n' << std::flush;
 }
 
 }  // namespace speech

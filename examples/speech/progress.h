@@ -43,8 +43,9 @@ public:
     /// `done` frames of epoch `epoch` (from 1) are done, at the given mean loss.
     void update(int epoch, std::int64_t done, double loss);
 
-    /// Ends the epoch with a line of its own that stays.
-    void finish_epoch(const std::string& summary);
+    /// Puts a line that stays, such as the summary of an epoch, in place of the one that is
+    /// redrawn.
+    void end_line(const std::string& text);
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -1,10 +1,12 @@
+#include <unistd.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "error.h"
 #include "interrupt.h"
 #include "model_file.h"
+#include "output_file.h"
 #include "plot.h"
 #include "progress.h"
 #include "recogniser.h"
@@ -44,16 +47,36 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 }
 
 /// Fails before the training and not after it.
-void check_writable(const std::filesystem::path& file) {
-    if (file.empty()) {
-        return;
+void check_outputs(const TrainOptions& options) {
+    std::vector<std::filesystem::path> outputs = {options.model};
+    if (!options.picture.empty()) {
+        outputs.insert(outputs.end(), {options.picture, picture_script_file(options.picture)});
     }
-    std::filesystem::path probe = file;
-    probe += ".part";
-    if (std::filesystem::is_directory(file) || !std::ofstream(probe)) {
-        throw Error(file.string() + ": cannot be written");
+    std::set<std::filesystem::path> distinct;
+    for (const std::filesystem::path& file : outputs) {
+        const OutputFile probe(file);
+        if (!distinct.insert(std::filesystem::weakly_canonical(file)).second) {
+            throw Error(file.string() +
+                        ": cannot be two of model, picture and the picture's script");
+        }
     }
-    std::filesystem::remove(probe);
+}
+
+/// The library ends the program where memory is lacking. What a batch takes comes on top, but it
+/// is small beside the parameters of a network that is too large.
+void check_memory(const NetworkShape& shape) {
+    // A parameter, its gradient, three values of Adam's; and the best model is read back at last.
+    constexpr int values = 2 + 3 + 2;
+    const double needed = sizeof(float) * values * static_cast<double>(parameter_count(shape));
+    const double there =
+        static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
+    if (needed > there) {
+        std::ostringstream text;
+        text << std::fixed << std::setprecision(1) << "training this network takes "
+             << needed / (1 << 30) << " GiB and more, and there are " << there / (1 << 30)
+             << "; try a lower --hidden or --layers";
+        throw Error(text.str());
+    }
 }
 
 Data prepare(const TrainOptions& options, Model* model) {
@@ -130,16 +153,16 @@ void draw(const TrainOptions& options, const Model& model, const Data& data,
 
 int run_train(const TrainOptions& options) {
     const ComputeDevice compute(options.device, true);
-    check_writable(options.model);
-    check_writable(options.picture);
+    check_outputs(options);
 
     Model model;
-    const Data data = prepare(options, &model);
     model.shape = {options.kind, model.features.columns(),
                    options.hidden.value_or(default_cells(options.kind)), options.layers,
                    kClassCount};
     model.shape.conv.bands = model.features.bands;
     model.shape.conv.channels = model.features.channels();
+    check_memory(model.shape);
+    const Data data = prepare(options, &model);
     model.network = make_network(model.shape, compute.device());
     const int epoch_count = options.epochs.value_or(default_epochs(options.kind));
     Trainer trainer(
@@ -181,14 +204,14 @@ int run_train(const TrainOptions& options) {
             best_epoch = epoch;
             save_model(options.model, model);
         }
-        progress.finish_epoch(summary(epochs.back(), held_out, speed, is_best));
+        progress.end_line(summary(epochs.back(), held_out, speed, is_best));
     }
     const double seconds = seconds_since(start);
     if (best_epoch == 0) {
         throw Error("interrupted before the first epoch was done: there is no model");
     }
     if (interrupt.requested()) {
-        std::cerr << "interrupted; the best model so far is kept\n";
+        progress.end_line("interrupted; the best model so far is kept");
     }
 
     const Model chosen = load_model(options.model, compute.device());

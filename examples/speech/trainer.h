@@ -22,7 +22,8 @@ struct TrainerOptions {
 };
 
 /// Trains a network with CTC and Adam. The same seed gives the same network, bit for bit on the
-/// host. The calling thread has its GPU context set up.
+/// host where the BLAS computes with the same number of threads. The calling thread has its GPU
+/// context set up.
 class Trainer {
 public:
     /// `samples` are normalised, and their frames can carry their labels.

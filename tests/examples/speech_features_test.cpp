@@ -152,7 +152,7 @@ TEST(SpeechFeatures, StacksAndLaysOut) {
     }
 }
 
-TEST(SpeechFeatures, CountsRowsAndRefusesShortFiles) {
+TEST(SpeechFeatures, CountsRowsAndRefusesShortAndLoudFiles) {
     FeatureOptions options;
     speech::FeatureExtractor extractor(options);
     const std::pair<int, int> counts[] = {{0, 0},   {1, 0},   {399, 0}, {400, 1},
@@ -162,9 +162,14 @@ TEST(SpeechFeatures, CountsRowsAndRefusesShortFiles) {
         EXPECT_EQ(extractor.extract(noise(samples, 3)).rows, rows) << samples;
     }
     const TemporaryFolder folder;
-    const auto file = folder.write("short.wav", wav(16000, 1, noise(399, 4)));
-    EXPECT_EQ(message_of([&] { extractor.extract_file(file); }),
-              file.string() + ": is shorter than one analysis window");
+    std::vector<float> samples = noise(399, 4);
+    const auto expect_refused = [&](const std::string& why) {
+        const auto file = folder.write("a.wav", wav(16000, 1, samples));
+        EXPECT_EQ(message_of([&] { extractor.extract_file(file); }), file.string() + why);
+    };
+    expect_refused(": is shorter than one analysis window");
+    samples.resize(400, 1e30f);
+    expect_refused(": is too loud: its features are not finite");
 
     options.high_frequency = 9000;
     EXPECT_EQ(message_of([&] { speech::FeatureExtractor refused(options); }),

@@ -42,6 +42,7 @@ protected:
 TEST_F(SpeechProgramTrained, TrainsTestsAndRecognises) {
     // 0.05 s make three analysis frames, one row.
     _folder.write("short.wav", wav(16000, 1, std::vector<std::int16_t>(800, 9)));
+    std::filesystem::create_symlink(_folder.write("there", "old"), _model);
     _folder.write("train.tsv", read_file(_folder / "train.tsv") + "short.wav\tone two\n");
     for (const std::string kind : {"lstm", "conv-blstm"}) {
         const Outcome trained = run(_folder, train("--epochs 2 --model " + kind));
@@ -59,6 +60,7 @@ TEST_F(SpeechProgramTrained, TrainsTestsAndRecognises) {
             EXPECT_EQ(run(_folder, command + " --device gpu"), on_host);
         }
     }
+    EXPECT_TRUE(std::filesystem::is_symlink(_model));
 }
 
 TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
@@ -119,11 +121,13 @@ TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
     _folder.write("model", good);
     const std::string list = (_folder / "train.tsv").string();
     const std::string bad = "printf '\\ngone\\033[2J\\tone\\n' >" + list + "; ";
+    const std::string same = (_folder / "./model").string();
     const std::pair<std::string, std::string> refused[] = {
-        {train("--epochs 0"), "--epochs: "},
         {train("--model tree"), "--model: "},
-        {train("--device tpu"), "--device: "},
-        {train("--learning-rate x"), "--learning-rate: Value x not in range"},
+        {train("--learning-rate nan"), "--learning-rate: Value nan not in range"},
+        {train("--seed -1"), "--seed: Value -1 not in range"},
+        {train("--picture /dev/null"), "/dev/null: is not a regular file"},
+        {train("--picture " + same), same + ": cannot be two of model, picture and"},
         {train("--picture /nowhere/p.png"), "/nowhere/p.png: cannot be written"},
         {kProgram + " train --out /nowhere/model" + _corpus, "/nowhere/model: cannot be written"},
         {bad + train(""), list + ":2: " + (_folder / "gone?[2J: no such file").string()},

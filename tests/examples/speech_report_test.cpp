@@ -166,7 +166,7 @@ TEST(SpeechProgress, RedrawsOnTerminalsOnly) {
                 progress->update(epoch, 50, 2);
                 progress->update(epoch, 60, 2);  // too soon after the last one
                 if (epoch == 1) {
-                    progress->finish_epoch("epoch 1: loss 2");
+                    progress->end_line("epoch 1: loss 2");
                 }
             }
         }
@@ -180,7 +180,7 @@ TEST(SpeechProgress, RedrawsOnTerminalsOnly) {
 }
 
 TEST(SpeechPicture, IsDrawnByGnuplotOrOnlyWarnedOf) {
-    const std::vector<speech::EpochPoint> epochs = {{1, 9.5, 1.0}, {2, 3.25, 0.5}, {3, 1, 0.0625}};
+    std::vector<speech::EpochPoint> epochs = {{1, 9.5, 1.0}, {2, 3.25, 0.5}, {3, 1, 0.0625}};
     speech::UtterancePicture utterance = {
         "it's {one}_two.wav", {2, 3}, speech::FrameMatrix(40, speech::kClassCount), 0.03};
     for (int t = 0; t < 40; ++t) {
@@ -203,8 +203,8 @@ TEST(SpeechPicture, IsDrawnByGnuplotOrOnlyWarnedOf) {
     EXPECT_EQ(without,
               std::make_pair(false, "warning: gnuplot is not there to draw " +
                                         (folder / "a.png").string() + "; its script is kept in " +
-                                        (folder / "a.gnuplot").string() + "\n"));
-    const std::string script = read_file(folder / "a.gnuplot");
+                                        (folder / "a.png.gnuplot").string() + "\n"));
+    const std::string script = read_file(folder / "a.png.gnuplot");
     EXPECT_NE(script.find("\n2 3.25 50\n3 1 6.25\nEND\n"), std::string::npos);
     EXPECT_NE(script.find("{/:Bold one}' at 0.315, 1.065"), std::string::npos);
     EXPECT_NE(script.find("'read: one two  (right)'"), std::string::npos);
@@ -213,6 +213,9 @@ TEST(SpeechPicture, IsDrawnByGnuplotOrOnlyWarnedOf) {
         GTEST_SKIP() << "gnuplot is not there";
     }
     EXPECT_EQ(draw(folder / "it's a picture.png"), std::make_pair(true, std::string()));
+    // Of a range without extent gnuplot would warn.
+    epochs.resize(1);
+    EXPECT_EQ(draw(folder / "b.png"), std::make_pair(true, std::string()));
     const std::string bytes = read_file(folder / "it's a picture.png");
     ASSERT_GT(bytes.size(), 10000u);
     EXPECT_EQ(bytes.substr(0, 8), "\x89PNG\r\n\x1a\n");
