@@ -3,7 +3,7 @@
 # Contraction is off because host forms round every product and every sum; kernels that fuse say
 # fmaf. NDEBUG is never defined: assertions guard labels in every build type.
 foreach(language CXX CUDA)
-  foreach(type RELEASE RELWITHDEBINFO)
+  foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
     string(REPLACE "-DNDEBUG" "" CMAKE_${language}_FLAGS_${type}
            "${CMAKE_${language}_FLAGS_${type}}")
   endforeach()
