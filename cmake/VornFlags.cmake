@@ -1,6 +1,6 @@
 # How vorn's own targets are compiled; none of it reaches a consumer.
 #
-# Contraction is off because host forms round every product and every sum; kernels that fuse say
+# Contraction is off because both forms round every product and every sum; kernels that fuse say
 # fmaf. NDEBUG is never defined: assertions guard labels in every build type.
 foreach(language CXX CUDA)
   foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
@@ -18,6 +18,7 @@ target_compile_options(vorn_flags INTERFACE
   "$<$<COMPILE_LANGUAGE:CXX>:${vorn_host_flags}>"
   "$<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-O3>"
   "$<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=${vorn_host_flags_for_nvcc}>"
+  "$<$<COMPILE_LANGUAGE:CUDA>:--fmad=false>"
   "$<$<COMPILE_LANGUAGE:CUDA>:--diag-suppress=20012,20014>")
 
 # Files with kernels are CUDA where the toolkit is the real one, and C++ on the simulated one.

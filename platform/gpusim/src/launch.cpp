@@ -1,5 +1,7 @@
 #include "gpusim/launch.h"
 
+#include <memory>
+
 #include "block_runner.h"
 #include "device.h"
 
@@ -17,9 +19,10 @@ bool fits(const dim3& v, const dim3& limit) {
 }
 
 void run(KernelCall& call, dim3 grid, dim3 block) {
-    // Its fibers stay with the thread from launch to launch.
-    thread_local BlockRunner runner;
-    const cudaError_t error = runner.run(call, grid, block);
+    // Its fibers stay with the thread from launch to launch. On the heap, because a library that is
+    // loaded while the program runs finds little room for thread-local data.
+    thread_local const auto runner = std::make_unique<BlockRunner>();
+    const cudaError_t error = runner->run(call, grid, block);
     if (error != cudaSuccess) {
         Device::get().set_fault(error);
     }
