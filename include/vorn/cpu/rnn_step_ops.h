@@ -78,15 +78,23 @@ inline void vorn_ld_sigmoid_bprop(const Tensor<float>& b, const Tensor<float>& c
     });
 }
 
-inline void vorn_ld_sigmoid_backprop(const Tensor<float>& a, const Tensor<float>& b,
-                                     const Tensor<float>& c, Tensor<float>& out) {
+/// out = rule(a, b, c)
+template <typename Rule>
+void gate_backprop(Rule rule, const Tensor<float>& a, const Tensor<float>& b,
+                   const Tensor<float>& c, Tensor<float>& out) {
     const float *a_p = a.get_ptr(), *b_p = b.get_ptr(), *c_p = c.get_ptr();
     float* out_p = out.get_ptr();
     const int width = static_cast<int>(out.get_w()), o_ld = static_cast<int>(out.get_stride());
     for_each_cell(out, [=](int i, int j) {
         const int base = i * width + j;
-        out_p[i * o_ld + j] = func::sigmoid_error(a_p[base], b_p[base], c_p[base]);
+        out_p[i * o_ld + j] = rule(a_p[base], b_p[base], c_p[base]);
     });
+}
+
+inline void vorn_ld_sigmoid_backprop(const Tensor<float>& a, const Tensor<float>& b,
+                                     const Tensor<float>& c, Tensor<float>& out) {
+    gate_backprop([](float x, float y, float z) { return func::sigmoid_error(x, y, z); }, a, b, c,
+                  out);
 }
 
 inline void vorn_ld_cell_cur_error(const Tensor<float>& m_err, const Tensor<float>& o,
@@ -123,13 +131,8 @@ inline void vorn_ld_cell_back_error(const Tensor<float>& c_err, const Tensor<flo
 
 inline void vorn_ld_tanh_backprop(const Tensor<float>& a, const Tensor<float>& b,
                                   const Tensor<float>& c, Tensor<float>& out) {
-    const float *a_p = a.get_ptr(), *b_p = b.get_ptr(), *c_p = c.get_ptr();
-    float* out_p = out.get_ptr();
-    const int width = static_cast<int>(out.get_w()), o_ld = static_cast<int>(out.get_stride());
-    for_each_cell(out, [=](int i, int j) {
-        const int base = i * width + j;
-        out_p[i * o_ld + j] = func::tanh_error(a_p[base], b_p[base], c_p[base]);
-    });
+    gate_backprop([](float x, float y, float z) { return func::tanh_error(x, y, z); }, a, b, c,
+                  out);
 }
 
 /// Per column a running sum from 0 in row order. Memory is walked by rows, two at a
