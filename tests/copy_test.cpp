@@ -102,12 +102,12 @@ TEST_P(CopyTest, CopyRow) {
     EXPECT_EQ(to.read(), expected);
 }
 
-// Large enough to be streamed, from an unaligned start to an odd end.
-TEST(FillTest, LargeHostFills) {
+// Long enough for a string store, from an unaligned start to an odd end.
+TEST(FillTest, LongHostFills) {
     for_each_type([](auto zero) {
         using T = decltype(zero);
         const T val = std::is_same<T, unsigned long>::value ? T(1ul << 40) : T(200.5);
-        const index_t count = cpu::kStreamBytes / sizeof(T) + 5;
+        const index_t count = cpu::kStringStore + 5;
         std::vector<T> values(count + 2, T(3)), expected(count + 2, val);
         expected.front() = expected.back() = T(3);
         Tensor<T>(values.data() + 1, Dim(count), CPU).set_element(val);
