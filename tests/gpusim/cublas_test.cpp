@@ -18,8 +18,7 @@ protected:
     }
     ~CublasTest() override { EXPECT_BLAS(cublasDestroy(handle_)); }
 
-    template <class Element>
-    std::vector<Element> read(const DeviceArray<Element>& array) {
+    std::vector<float> read(const DeviceArray<float>& array) {
         EXPECT_CUDA(cudaStreamSynchronize(stream_));
         return array.read();
     }
@@ -64,30 +63,22 @@ constexpr std::pair<cublasOperation_t, cublasOperation_t> kOps[] = {{N, N}, {N, 
 
 TEST_F(CublasTest, Products) {
     constexpr int m = 13, n = 9, k = 21;
-    const float alpha = 0.75f, beta = -0.5f;
-    const DeviceArray<float> scalars(std::vector<float>{alpha, beta});
     for (const auto& [ta, tb] : kOps) {
         const Matrix a(ta, m, k, 3), b(tb, k, n, 2), c(N, m, n, 4);
-        const DeviceArray<float> vector(c.values);
+        float alpha = 0.75f, beta = -0.5f;
         EXPECT_CUDA(cudaDeviceSynchronize());
+        Gate gate(stream_);
         EXPECT_BLAS(cublasSgemm(handle_, ta, tb, m, n, k, &alpha, a.device.get(), a.ld,
                                 b.device.get(), b.ld, &beta, c.device.get(), c.ld));
-        // The first column of op(B) alone.
-        EXPECT_BLAS(cublasSetPointerMode(handle_, CUBLAS_POINTER_MODE_DEVICE));
-        EXPECT_BLAS(cublasSgemv(handle_, ta, a.rows, a.cols, scalars.get(), a.device.get(), a.ld,
-                                b.device.get(), tb == N ? 1 : b.ld, scalars.get() + 1, vector.get(),
-                                1));
-        EXPECT_BLAS(cublasSetPointerMode(handle_, CUBLAS_POINTER_MODE_HOST));
-        const auto expected = [&](int row, int col) {
-            double sum = beta * c(row, col);
+        alpha = beta = 99;  // were read at the call
+        gate.open();
+        c.expect(read(c.device), [&](int row, int col) {
+            double sum = -0.5 * c(row, col);
             for (int p = 0; p < k; ++p) {
-                sum += alpha * a(row, p) * b(p, col);
+                sum += 0.75 * a(row, p) * b(p, col);
             }
             return sum;
-        };
-        c.expect(read(c.device), expected);
-        c.expect(read(vector),
-                 [&](int row, int col) { return col == 0 ? expected(row, col) : c(row, col); });
+        });
     }
 }
 
@@ -114,50 +105,28 @@ TEST_F(CublasTest, Sums) {
               CUBLAS_STATUS_INVALID_VALUE);
 }
 
-TEST_F(CublasTest, Vectors) {
+TEST_F(CublasTest, Norms) {
     constexpr int n = 1001;
-    const auto x = random_floats(2 * n, 1), y = random_floats(3 * n, 2);
+    const auto x = random_floats(2 * n, 1);
+    const DeviceArray<float> device(x);
+    EXPECT_CUDA(cudaDeviceSynchronize());
     for (const int incx : {1, 2}) {
-        const int incy = incx + 1;
-        DeviceArray<float> dx(x), dy(y), copied(y), scaled(x), device_sum(1);
-        EXPECT_CUDA(cudaDeviceSynchronize());
-        float norm = -1, sum = -1, dot = -1, alpha = 0.25f;
-        int place = -1;
-        EXPECT_BLAS(cublasSnrm2(handle_, n, dx.get(), incx, &norm));
-        EXPECT_BLAS(cublasSasum(handle_, n, dx.get(), incx, &sum));
-        EXPECT_BLAS(cublasSdot(handle_, n, dx.get(), incx, dy.get(), incy, &dot));
-        EXPECT_BLAS(cublasIsamax(handle_, n, dx.get(), incx, &place));
-        EXPECT_BLAS(cublasSaxpy(handle_, n, &alpha, dx.get(), incx, dy.get(), incy));
-        EXPECT_BLAS(cublasScopy(handle_, n, dx.get(), incx, copied.get(), incy));
-        EXPECT_BLAS(cublasSscal(handle_, n, &alpha, scaled.get(), incx));
-        alpha = 99;  // was read at the calls
-        EXPECT_BLAS(cublasSetPointerMode(handle_, CUBLAS_POINTER_MODE_DEVICE));
-        EXPECT_BLAS(cublasSasum(handle_, n, dx.get(), incx, device_sum.get()));
-        EXPECT_BLAS(cublasSetPointerMode(handle_, CUBLAS_POINTER_MODE_HOST));
-        const auto axpy = read(dy), copy = read(copied), scal = read(scaled);
-        double squares = 0, magnitudes = 0, product = 0;
-        int largest = 0;
+        float norm = -1, sum = -1;
+        EXPECT_BLAS(cublasSnrm2(handle_, n, device.get(), incx, &norm));
+        EXPECT_BLAS(cublasSasum(handle_, n, device.get(), incx, &sum));
+        double squares = 0, magnitudes = 0;
         for (int i = 0; i < n; ++i) {
-            const double xi = x[i * incx], yi = y[i * incy];
-            squares += xi * xi;
-            magnitudes += std::abs(xi);
-            product += xi * yi;
-            largest = std::abs(xi) > std::abs(x[largest * incx]) ? i : largest;
-            ASSERT_NEAR(axpy[i * incy], yi + 0.25 * xi, 1e-6);
-            ASSERT_EQ(copy[i * incy], x[i * incx]);
-            ASSERT_EQ(scal[i * incx], 0.25f * x[i * incx]);
+            squares += double{x[i * incx]} * x[i * incx];
+            magnitudes += std::abs(x[i * incx]);
         }
         EXPECT_NEAR(norm, std::sqrt(squares), 1e-4);
         EXPECT_NEAR(sum, magnitudes, 1e-2);
-        EXPECT_EQ(read(device_sum)[0], sum);
-        EXPECT_NEAR(dot, product, 1e-3);
-        EXPECT_EQ(place, largest + 1);
-        EXPECT_BLAS(cublasSnrm2(handle_, 0, dx.get(), incx, &norm));
+        EXPECT_BLAS(cublasSnrm2(handle_, 0, device.get(), incx, &norm));
         EXPECT_EQ(norm, 0.0f);
     }
 }
 
-TEST_F(CublasTest, ArgumentsAndNames) {
+TEST_F(CublasTest, BadArguments) {
     DeviceArray<float> device(16);
     std::vector<float> host(16);
     const float one = 1;
@@ -168,7 +137,6 @@ TEST_F(CublasTest, ArgumentsAndNames) {
     EXPECT_EQ(gemm(-1, 4, device.get()), CUBLAS_STATUS_INVALID_VALUE);
     EXPECT_EQ(gemm(4, 3, device.get()), CUBLAS_STATUS_INVALID_VALUE);
     EXPECT_EQ(cublasSetStream(nullptr, stream_), CUBLAS_STATUS_NOT_INITIALIZED);
-    EXPECT_STREQ(cublasGetStatusName(CUBLAS_STATUS_ARCH_MISMATCH), "CUBLAS_STATUS_ARCH_MISMATCH");
     // A GPU would read what isn't there.
     testing::internal::CaptureStderr();
     EXPECT_EQ(gemm(4, 4, host.data()), CUBLAS_STATUS_EXECUTION_FAILED);

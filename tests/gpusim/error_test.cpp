@@ -59,23 +59,6 @@ TEST_F(ErrorTest, HandlesThatAreNone) {
     EXPECT_EQ(cudaEventDestroy(event), cudaErrorInvalidResourceHandle);
 }
 
-TEST_F(ErrorTest, Device) {
-    int count = -1, major = 0;
-    cudaDeviceProp properties;
-    EXPECT_CUDA(cudaGetDeviceCount(&count));
-    EXPECT_EQ(count, 1);
-    EXPECT_CUDA(cudaDeviceGetAttribute(&major, cudaDevAttrComputeCapabilityMajor, 0));
-    EXPECT_CUDA(cudaGetDeviceProperties(&properties, 0));
-    EXPECT_EQ(properties.major, major);
-    EXPECT_EQ(cudaDeviceGetAttribute(&major, cudaDevAttrWarpSize, 1), cudaErrorInvalidDevice);
-    cudaMemPool_t pool;
-    unsigned long threshold = ~0ul, read = 0;
-    ASSERT_CUDA(cudaDeviceGetDefaultMemPool(&pool, 0));
-    EXPECT_CUDA(cudaMemPoolSetAttribute(pool, cudaMemPoolAttrReleaseThreshold, &threshold));
-    EXPECT_CUDA(cudaMemPoolGetAttribute(pool, cudaMemPoolAttrReleaseThreshold, &read));
-    EXPECT_EQ(read, threshold);
-}
-
 TEST_F(ErrorTest, OutsideAKernel) {
     const int one = 1;
     EXPECT_DEATH(assert(one == 2), "error_test.cpp.*Assertion `one == 2' failed");

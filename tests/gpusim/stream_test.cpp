@@ -26,10 +26,6 @@ private:
     DeviceArray<int> list_{std::vector<int>(256, 0)};
 };
 
-void sleep_20_ms(void*) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-}
-
 TEST_F(StreamTest, NullStreamWaitsForBlockingStreamsAndTheyForIt) {
     const cudaStream_t a = create_stream(), b = create_stream();
     Gate gate(a);
@@ -83,24 +79,6 @@ TEST_F(StreamTest, EventsOrderStreams) {
     EXPECT_CUDA(cudaEventDestroy(event));
 }
 
-TEST_F(StreamTest, ElapsedTime) {
-    const cudaStream_t stream = create_stream();
-    cudaEvent_t start, end, untimed;
-    ASSERT_CUDA(cudaEventCreate(&start));
-    ASSERT_CUDA(cudaEventCreate(&end));
-    ASSERT_CUDA(cudaEventCreateWithFlags(&untimed, cudaEventDisableTiming));
-    float ms = -1;
-    EXPECT_EQ(cudaEventElapsedTime(&ms, start, end), cudaErrorInvalidResourceHandle);
-    ASSERT_CUDA(cudaEventRecord(start, stream));
-    ASSERT_CUDA(cudaLaunchHostFunc(stream, sleep_20_ms, nullptr));
-    ASSERT_CUDA(cudaEventRecord(end, stream));
-    ASSERT_CUDA(cudaEventRecord(untimed, stream));
-    ASSERT_CUDA(cudaStreamSynchronize(stream));
-    EXPECT_CUDA(cudaEventElapsedTime(&ms, start, end));
-    EXPECT_GE(ms, 20.0f);
-    EXPECT_EQ(cudaEventElapsedTime(&ms, start, untimed), cudaErrorInvalidResourceHandle);
-}
-
 TEST_F(StreamTest, HostFunctionsMayNotCallTheRuntime) {
     cudaError_t seen = cudaSuccess;
     const auto call = [](void* out) { *static_cast<cudaError_t*>(out) = cudaDeviceSynchronize(); };
@@ -142,15 +120,16 @@ TEST_F(DeviceTest, EnvironmentMakesLaunchesWaitAndLimitsMemory) {
             EXPECT_CUDA(cudaMallocHost(&list, 64));
             list[0] = 0;
             const cudaStream_t stream = create_stream();
-            EXPECT_CUDA(cudaLaunchHostFunc(stream, sleep_20_ms, nullptr));
+            const auto sleep = [](void*) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            };
+            EXPECT_CUDA(cudaLaunchHostFunc(stream, sleep, nullptr));
             EXPECT_CUDA(launch(config(1, 1, stream), append_value, list, 5));
             EXPECT_EQ(list[1], 5);
-            void* most = nullptr;
-            void* more = nullptr;
-            EXPECT_CUDA(cudaMalloc(&most, 60 << 20));
-            EXPECT_EQ(cudaMalloc(&more, 8 << 20), cudaErrorMemoryAllocation);
-            EXPECT_CUDA(cudaFree(most));
-            EXPECT_CUDA(cudaMalloc(&more, 8 << 20));
+            size_t free = 0;
+            size_t total = 0;
+            EXPECT_CUDA(cudaMemGetInfo(&free, &total));
+            EXPECT_EQ(total, size_t{64} << 20);
             std::_Exit(HasFailure());
         },
         testing::ExitedWithCode(0), "");

@@ -2,17 +2,12 @@
 #define GPUSIM_CUBLAS_V2_H_
 
 /// The part of cuBLAS that float networks commonly use. Matrices are column-major. Work is ordered
-/// by the handle's stream; scalars behind host pointers are read at the call, and a result that
-/// goes to a host pointer is there on return.
+/// by the handle's stream; scalars are behind host pointers and are read at the call, and a scalar
+/// result is there on return.
 ///
 /// Products are true single precision in every math mode.
 
 #include "cuda_runtime.h"
-
-#define CUBLAS_VER_MAJOR 13
-#define CUBLAS_VER_MINOR 1
-#define CUBLAS_VER_PATCH 0
-#define CUBLAS_VERSION (CUBLAS_VER_MAJOR * 10000 + CUBLAS_VER_MINOR * 100 + CUBLAS_VER_PATCH)
 
 typedef struct cublasContext* cublasHandle_t;
 
@@ -30,7 +25,6 @@ typedef enum : int {
 } cublasStatus_t;
 
 typedef enum { CUBLAS_OP_N = 0, CUBLAS_OP_T = 1, CUBLAS_OP_C = 2 } cublasOperation_t;
-typedef enum { CUBLAS_POINTER_MODE_HOST = 0, CUBLAS_POINTER_MODE_DEVICE = 1 } cublasPointerMode_t;
 typedef enum {
     CUBLAS_DEFAULT_MATH = 0,
     CUBLAS_TENSOR_OP_MATH = 1,
@@ -40,60 +34,25 @@ typedef enum {
 
 #define cublasCreate cublasCreate_v2
 #define cublasDestroy cublasDestroy_v2
-#define cublasGetVersion cublasGetVersion_v2
 #define cublasSetStream cublasSetStream_v2
-#define cublasGetStream cublasGetStream_v2
-#define cublasSetPointerMode cublasSetPointerMode_v2
-#define cublasGetPointerMode cublasGetPointerMode_v2
 #define cublasSgemm cublasSgemm_v2
-#define cublasSgemv cublasSgemv_v2
-#define cublasSscal cublasSscal_v2
-#define cublasSaxpy cublasSaxpy_v2
-#define cublasScopy cublasScopy_v2
 #define cublasSnrm2 cublasSnrm2_v2
 #define cublasSasum cublasSasum_v2
-#define cublasSdot cublasSdot_v2
-#define cublasIsamax cublasIsamax_v2
 
 extern "C" {
 
-const char* cublasGetStatusName(cublasStatus_t status);
-const char* cublasGetStatusString(cublasStatus_t status);
-
 cublasStatus_t cublasCreate_v2(cublasHandle_t* handle);
 cublasStatus_t cublasDestroy_v2(cublasHandle_t handle);
-cublasStatus_t cublasGetVersion_v2(cublasHandle_t handle, int* version);
 cublasStatus_t cublasSetStream_v2(cublasHandle_t handle, cudaStream_t stream);
-cublasStatus_t cublasGetStream_v2(cublasHandle_t handle, cudaStream_t* stream);
-cublasStatus_t cublasSetPointerMode_v2(cublasHandle_t handle, cublasPointerMode_t mode);
-cublasStatus_t cublasGetPointerMode_v2(cublasHandle_t handle, cublasPointerMode_t* mode);
 cublasStatus_t cublasSetMathMode(cublasHandle_t handle, cublasMath_t mode);
-cublasStatus_t cublasGetMathMode(cublasHandle_t handle, cublasMath_t* mode);
 
-/// x = alpha x
-cublasStatus_t cublasSscal_v2(cublasHandle_t handle, int n, const float* alpha, float* x, int incx);
-/// y = alpha x + y
-cublasStatus_t cublasSaxpy_v2(cublasHandle_t handle, int n, const float* alpha, const float* x,
-                              int incx, float* y, int incy);
-/// y = x
-cublasStatus_t cublasScopy_v2(cublasHandle_t handle, int n, const float* x, int incx, float* y,
-                              int incy);
 /// result = sqrt(sum x_i^2)
 cublasStatus_t cublasSnrm2_v2(cublasHandle_t handle, int n, const float* x, int incx,
                               float* result);
 /// result = sum |x_i|
 cublasStatus_t cublasSasum_v2(cublasHandle_t handle, int n, const float* x, int incx,
                               float* result);
-/// result = sum x_i y_i
-cublasStatus_t cublasSdot_v2(cublasHandle_t handle, int n, const float* x, int incx, const float* y,
-                             int incy, float* result);
-/// result = place, counted from 1, of the first element of largest magnitude; 0 if n is 0
-cublasStatus_t cublasIsamax_v2(cublasHandle_t handle, int n, const float* x, int incx, int* result);
 
-/// y = alpha op(A) x + beta y
-cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n,
-                              const float* alpha, const float* A, int lda, const float* x, int incx,
-                              const float* beta, float* y, int incy);
 /// C = alpha op(A) op(B) + beta C
 cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
                               cublasOperation_t transb, int m, int n, int k, const float* alpha,

@@ -9,8 +9,6 @@
 
 #include "cuda_runtime.h"
 
-#define CURAND_VERSION 10400
-
 typedef struct curandGenerator_st* curandGenerator_t;
 
 typedef enum : int {
@@ -32,25 +30,18 @@ typedef enum : int {
 typedef enum {
     CURAND_RNG_PSEUDO_DEFAULT = 100,
     CURAND_RNG_PSEUDO_XORWOW = 101,
-    CURAND_RNG_PSEUDO_MRG32K3A = 121,
-    CURAND_RNG_PSEUDO_MTGP32 = 141,
-    CURAND_RNG_PSEUDO_MT19937 = 142,
-    CURAND_RNG_PSEUDO_PHILOX4_32_10 = 161,
-    CURAND_RNG_QUASI_DEFAULT = 200
+    CURAND_RNG_PSEUDO_PHILOX4_32_10 = 161
 } curandRngType_t;
 
 extern "C" {
 
 curandStatus_t curandCreateGenerator(curandGenerator_t* generator, curandRngType_t type);
 curandStatus_t curandDestroyGenerator(curandGenerator_t generator);
-curandStatus_t curandGetVersion(int* version);
 curandStatus_t curandSetStream(curandGenerator_t generator, cudaStream_t stream);
 /// Starts the sequence of `seed` at its beginning.
 curandStatus_t curandSetPseudoRandomGeneratorSeed(curandGenerator_t generator,
                                                   unsigned long long seed);
 curandStatus_t curandSetGeneratorOffset(curandGenerator_t generator, unsigned long long offset);
-/// `count` words of 32 random bits.
-curandStatus_t curandGenerate(curandGenerator_t generator, unsigned* output, size_t count);
 /// `count` draws from (0, 1]: (w + 1/2) 2^-32 of each word w, rounded to float.
 curandStatus_t curandGenerateUniform(curandGenerator_t generator, float* output, size_t count);
 /// `count` normal draws, two from each two words by Box and Muller; `count` has to be even.

@@ -12,17 +12,10 @@ using gpusim::StreamPtr;
 
 namespace {
 
-// The pool has no state beyond the device's memory and this threshold.
 char pool_tag;
-std::atomic<uint64_t> release_threshold{0};
 
 cudaMemPool_t pool_handle() {
     return reinterpret_cast<cudaMemPool_t>(&pool_tag);
-}
-
-bool is_reuse_policy(cudaMemPoolAttr attribute) {
-    return attribute >= cudaMemPoolReuseFollowEventDependencies &&
-           attribute <= cudaMemPoolReuseAllowInternalDependencies;
 }
 
 }  // namespace
@@ -110,64 +103,16 @@ cudaError_t cudaDeviceGetDefaultMemPool(cudaMemPool_t* pool, int device) {
 
 cudaError_t cudaMemPoolSetAttribute(cudaMemPool_t pool, cudaMemPoolAttr attribute, void* value) {
     return api([&](Device&) {
-        if (pool != pool_handle() || value == nullptr) {
-            return cudaErrorInvalidValue;
-        }
-        if (attribute == cudaMemPoolAttrReleaseThreshold) {
-            release_threshold = *static_cast<uint64_t*>(value);
-            return cudaSuccess;
-        }
-        return is_reuse_policy(attribute) ? cudaSuccess : cudaErrorInvalidValue;
-    });
-}
-
-cudaError_t cudaMemPoolGetAttribute(cudaMemPool_t pool, cudaMemPoolAttr attribute, void* value) {
-    return api([&](Device&) {
-        if (pool != pool_handle() || value == nullptr) {
-            return cudaErrorInvalidValue;
-        }
-        if (is_reuse_policy(attribute)) {
-            *static_cast<int*>(value) = 1;
-            return cudaSuccess;
-        }
-        auto* bytes = static_cast<uint64_t*>(value);
-        switch (attribute) {
-            case cudaMemPoolAttrReleaseThreshold:
-                *bytes = release_threshold;
-                return cudaSuccess;
-            case cudaMemPoolAttrUsedMemCurrent:
-                *bytes = Memory::get().used();
-                return cudaSuccess;
-            case cudaMemPoolAttrUsedMemHigh:
-            case cudaMemPoolAttrReservedMemCurrent:
-            case cudaMemPoolAttrReservedMemHigh:
-                *bytes = Memory::get().used_high();
-                return cudaSuccess;
-            default:
-                return cudaErrorInvalidValue;
-        }
-    });
-}
-
-cudaError_t cudaMemPoolTrimTo(cudaMemPool_t pool, size_t) {
-    return api([&](Device&) {
-        if (pool != pool_handle()) {
-            return cudaErrorInvalidValue;
-        }
-        Memory::get().trim();
-        return cudaSuccess;
+        return pool == pool_handle() && attribute == cudaMemPoolAttrReleaseThreshold &&
+                       value != nullptr
+                   ? cudaSuccess
+                   : cudaErrorInvalidValue;
     });
 }
 
 cudaError_t cudaMallocHost(void** pointer, size_t size) {
-    return cudaHostAlloc(pointer, size, cudaHostAllocDefault);
-}
-
-cudaError_t cudaHostAlloc(void** pointer, size_t size, unsigned flags) {
     return api([&](Device&) {
-        constexpr unsigned kFlags =
-            cudaHostAllocPortable | cudaHostAllocMapped | cudaHostAllocWriteCombined;
-        if (pointer == nullptr || (flags & ~kFlags) != 0) {
+        if (pointer == nullptr) {
             return cudaErrorInvalidValue;
         }
         *pointer = nullptr;
@@ -191,9 +136,8 @@ cudaError_t cudaFreeHost(void* pointer) {
 
 cudaError_t cudaHostRegister(void* pointer, size_t size, unsigned flags) {
     return api([&](Device&) {
-        constexpr unsigned kFlags = cudaHostRegisterPortable | cudaHostRegisterMapped;
-        return (flags & ~kFlags) != 0 ? cudaErrorInvalidValue
-                                      : Memory::get().register_host(pointer, size);
+        return flags != cudaHostRegisterDefault ? cudaErrorInvalidValue
+                                                : Memory::get().register_host(pointer, size);
     });
 }
 
@@ -201,17 +145,6 @@ cudaError_t cudaHostUnregister(void* pointer) {
     return api([&](Device& device) {
         device.synchronize_all();
         return Memory::get().unregister_host(pointer);
-    });
-}
-
-cudaError_t cudaHostGetDevicePointer(void** device_pointer, void* host_pointer, unsigned flags) {
-    return api([&](Device&) {
-        if (device_pointer == nullptr || flags != 0 ||
-            Memory::get().type(host_pointer) != cudaMemoryTypeHost) {
-            return cudaErrorInvalidValue;
-        }
-        *device_pointer = host_pointer;
-        return cudaSuccess;
     });
 }
 

@@ -152,12 +152,6 @@ cudaError_t cudaMemcpy2D(void* dst, size_t dpitch, const void* src, size_t spitc
     return copy_now({dst, dpitch, src, spitch, width, height, kind});
 }
 
-cudaError_t cudaMemcpy2DAsync(void* dst, size_t dpitch, const void* src, size_t spitch,
-                              size_t width, size_t height, cudaMemcpyKind kind,
-                              cudaStream_t stream) {
-    return enqueue(Copy{dst, dpitch, src, spitch, width, height, kind}, stream);
-}
-
 cudaError_t cudaMemset(void* pointer, int value, size_t count) {
     return cudaMemsetAsync(pointer, value, count, nullptr);
 }
@@ -167,10 +161,5 @@ cudaError_t cudaMemsetAsync(void* pointer, int value, size_t count, cudaStream_t
 }
 
 cudaError_t cudaMemset2D(void* pointer, size_t pitch, int value, size_t width, size_t height) {
-    return cudaMemset2DAsync(pointer, pitch, value, width, height, nullptr);
-}
-
-cudaError_t cudaMemset2DAsync(void* pointer, size_t pitch, int value, size_t width, size_t height,
-                              cudaStream_t stream) {
-    return enqueue(Fill{pointer, pitch, value, width, height}, stream);
+    return enqueue(Fill{pointer, pitch, value, width, height}, nullptr);
 }

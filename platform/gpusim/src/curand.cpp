@@ -35,10 +35,10 @@ float to_uniform(uint32_t word) {
     return static_cast<float>((word + 0.5) * k2Pow32Inverse);
 }
 
-/// Enqueues the drawing of `count` words, each of which yields a T of output.
-template <class T, class Work>
-curandStatus_t generate(const char* function, curandGenerator_t generator, T* output, size_t count,
-                        Work work) {
+/// Enqueues the drawing of `count` words, each of which yields one output.
+template <class Work>
+curandStatus_t generate(const char* function, curandGenerator_t generator, float* output,
+                        size_t count, Work work) {
     if (generator == nullptr) {
         return CURAND_STATUS_NOT_INITIALIZED;
     }
@@ -48,7 +48,7 @@ curandStatus_t generate(const char* function, curandGenerator_t generator, T* ou
     gpusim::Device& device = gpusim::Device::get();
     const gpusim::StreamPtr stream = device.find_stream(generator->stream);
     if (stream == nullptr ||
-        !gpusim::check_operand(function, "output", output, count * sizeof(T))) {
+        !gpusim::check_operand(function, "output", output, count * sizeof(float))) {
         return CURAND_STATUS_LAUNCH_FAILURE;
     }
     if (count != 0) {
@@ -85,14 +85,6 @@ curandStatus_t curandDestroyGenerator(curandGenerator_t generator) {
     return CURAND_STATUS_SUCCESS;
 }
 
-curandStatus_t curandGetVersion(int* version) {
-    if (version == nullptr) {
-        return CURAND_STATUS_OUT_OF_RANGE;
-    }
-    *version = CURAND_VERSION;
-    return CURAND_STATUS_SUCCESS;
-}
-
 curandStatus_t curandSetStream(curandGenerator_t generator, cudaStream_t stream) {
     if (generator == nullptr) {
         return CURAND_STATUS_NOT_INITIALIZED;
@@ -117,12 +109,6 @@ curandStatus_t curandSetGeneratorOffset(curandGenerator_t generator, unsigned lo
     }
     generator->offset = offset;
     return CURAND_STATUS_SUCCESS;
-}
-
-curandStatus_t curandGenerate(curandGenerator_t generator, unsigned* output, size_t count) {
-    return generate(__func__, generator, output, count, [=](uint64_t seed, uint64_t first) {
-        draw(seed, first, count, [&](size_t i, uint32_t word) { output[i] = word; });
-    });
 }
 
 curandStatus_t curandGenerateUniform(curandGenerator_t generator, float* output, size_t count) {

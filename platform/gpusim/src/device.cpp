@@ -131,7 +131,7 @@ void Device::work(const StreamPtr& stream) {
             point.stream->done.wait(lock, [&] { return point.reached(); });
         }
         lock.unlock();
-        if (fault() == cudaSuccess || task->survives_fault) {
+        if (fault() == cudaSuccess) {
             task->run();
         }
         task.reset();
@@ -212,8 +212,8 @@ void Device::set_fault(cudaError_t error) {
     fault_.compare_exchange_strong(none, error);
 }
 
-cudaEvent_t Device::create_event(bool timing) {
-    auto* event = new CUevent_st(timing);
+cudaEvent_t Device::create_event() {
+    auto* event = new CUevent_st;
     std::lock_guard<std::mutex> lock(mutex_);
     events_.insert(event);
     return event;
@@ -228,29 +228,26 @@ cudaError_t Device::destroy_event(cudaEvent_t event) {
     return cudaSuccess;
 }
 
-bool Device::find_record(cudaEvent_t event, std::shared_ptr<CUevent_st::Record>* record) {
+bool Device::find_event(cudaEvent_t event, StreamPoint* point) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (events_.count(event) == 0) {
         return false;
     }
-    *record = event->record;
+    *point = event->point;
     return true;
 }
 
 cudaError_t Device::record_event(cudaEvent_t event, const StreamPtr& stream) {
-    auto record = std::make_shared<CUevent_st::Record>();
-    auto task = make_task([record] { record->time = std::chrono::steady_clock::now(); });
-    task->survives_fault = true;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         if (events_.count(event) == 0) {
             return cudaErrorInvalidResourceHandle;
         }
     }
-    record->point = submit(stream, std::move(task));
+    const StreamPoint point = submit(stream, make_task([] {}));
     std::lock_guard<std::mutex> lock(mutex_);
     if (events_.count(event) != 0) {
-        event->record = record;
+        event->point = point;
     }
     return cudaSuccess;
 }

@@ -4,7 +4,6 @@
 // The one device: its streams, its fault state and the frame of every runtime call.
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -20,7 +19,8 @@ namespace gpusim {
 
 using StreamPtr = std::shared_ptr<CUstream_st>;
 
-/// A point in a stream: reached once the stream has completed `sequence` tasks.
+/// A point in a stream: reached once the stream has completed `sequence` tasks, and without a
+/// stream at once.
 struct StreamPoint {
     StreamPtr stream;
     uint64_t sequence = 0;
@@ -36,8 +36,6 @@ public:
 
     /// What other streams must have reached before this task runs.
     std::vector<StreamPoint> waits;
-    /// Runs even after a fault: bookkeeping that others rely on.
-    bool survives_fault = false;
 };
 
 template <class F>
@@ -68,16 +66,8 @@ struct CUstream_st {
 };
 
 struct CUevent_st {
-    explicit CUevent_st(bool timed) : timing(timed) {}
-
-    /// One recording; a wait that was enqueued keeps its own when the event is recorded again.
-    struct Record {
-        gpusim::StreamPoint point;
-        std::chrono::steady_clock::time_point time;
-    };
-
-    const bool timing;
-    std::shared_ptr<Record> record;
+    /// Where it was recorded last; a wait that was enqueued keeps its own.
+    gpusim::StreamPoint point;
 };
 
 namespace gpusim {
@@ -104,10 +94,10 @@ public:
     void synchronize_all();
     void reset();
 
-    cudaEvent_t create_event(bool timing);
+    cudaEvent_t create_event();
     cudaError_t destroy_event(cudaEvent_t event);
-    /// Latest recording; null if there is none. False if there is no such event.
-    bool find_record(cudaEvent_t event, std::shared_ptr<CUevent_st::Record>* record);
+    /// False if there is no such event.
+    bool find_event(cudaEvent_t event, StreamPoint* point);
     cudaError_t record_event(cudaEvent_t event, const StreamPtr& stream);
 
     const StreamPtr& null_stream() const { return null_stream_; }

@@ -20,7 +20,6 @@ cudaError_t attribute_value(cudaDeviceAttr attribute, int* value) {
         case cudaDevAttrMaxThreadsPerBlock:
         case cudaDevAttrMaxBlockDimX:
         case cudaDevAttrMaxBlockDimY:
-        case cudaDevAttrMaxThreadsPerMultiProcessor:
             *value = 1024;
             return cudaSuccess;
         case cudaDevAttrMaxBlockDimZ:
@@ -46,20 +45,8 @@ cudaError_t attribute_value(cudaDeviceAttr attribute, int* value) {
             *value = kMinor;
             return cudaSuccess;
         case cudaDevAttrMultiProcessorCount:
-        case cudaDevAttrAsyncEngineCount:
-        case cudaDevAttrCanMapHostMemory:
-        case cudaDevAttrConcurrentKernels:
-        case cudaDevAttrUnifiedAddressing:
-        case cudaDevAttrHostRegisterSupported:
         case cudaDevAttrMemoryPoolsSupported:
             *value = 1;
-            return cudaSuccess;
-        case cudaDevAttrIntegrated:
-        case cudaDevAttrManagedMemory:
-        case cudaDevAttrPageableMemoryAccess:
-        case cudaDevAttrConcurrentManagedAccess:
-        case cudaDevAttrCooperativeLaunch:
-            *value = 0;
             return cudaSuccess;
     }
     return cudaErrorInvalidValue;
@@ -142,22 +129,8 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
         p.major = kMajor;
         p.minor = kMinor;
         p.multiProcessorCount = attribute(cudaDevAttrMultiProcessorCount);
-        p.canMapHostMemory = attribute(cudaDevAttrCanMapHostMemory);
-        p.concurrentKernels = attribute(cudaDevAttrConcurrentKernels);
-        p.asyncEngineCount = attribute(cudaDevAttrAsyncEngineCount);
-        p.unifiedAddressing = attribute(cudaDevAttrUnifiedAddressing);
-        p.maxThreadsPerMultiProcessor = attribute(cudaDevAttrMaxThreadsPerMultiProcessor);
         p.memoryPoolsSupported = attribute(cudaDevAttrMemoryPoolsSupported);
         *properties = p;
         return cudaSuccess;
     });
-}
-
-cudaError_t cudaRuntimeGetVersion(int* version) {
-    return gpusim::record_error(version == nullptr ? cudaErrorInvalidValue
-                                                   : (*version = CUDART_VERSION, cudaSuccess));
-}
-
-cudaError_t cudaDriverGetVersion(int* version) {
-    return cudaRuntimeGetVersion(version);
 }

@@ -237,7 +237,6 @@ void Memory::collect() {
 void* Memory::take(size_t offset, size_t size, size_t reserved) {
     blocks_[offset] = {size, reserved};
     used_ += reserved;
-    used_high_ = std::max(used_high_, used_);
     return arena_.base() + offset;
 }
 
@@ -325,22 +324,9 @@ void Memory::reset() {
     }
 }
 
-void Memory::trim() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    collect();
-    for (const auto& [offset, size] : ranges_) {
-        arena_.discard(offset, size);
-    }
-}
-
 size_t Memory::used() {
     std::lock_guard<std::mutex> lock(mutex_);
     return used_;
-}
-
-size_t Memory::used_high() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return used_high_;
 }
 
 void* Memory::allocate_host(size_t size) {

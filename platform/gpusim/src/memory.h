@@ -61,7 +61,6 @@ public:
     /// For a device that is idle.
     bool free_idle(void* pointer);
     void reset();
-    void trim();
 
     void* allocate_host(size_t size);
     bool free_host(void* pointer);
@@ -77,7 +76,6 @@ public:
 
     const Arena& arena() const { return arena_; }
     size_t used();
-    size_t used_high();
 
 private:
     struct Block {
@@ -111,7 +109,6 @@ private:
     std::unordered_map<size_t, std::vector<Freed>> freed_;  // by reserved size, not yet collected
     std::map<const char*, HostRange> host_;
     size_t used_ = 0;
-    size_t used_high_ = 0;
 };
 
 /// Tells AddressSanitizer that a block begins to live. Does nothing without it.

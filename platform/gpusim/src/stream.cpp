@@ -6,6 +6,7 @@ using gpusim::api;
 using gpusim::Device;
 using gpusim::make_task;
 using gpusim::stream_api;
+using gpusim::StreamPoint;
 using gpusim::StreamPtr;
 
 cudaError_t cudaStreamCreate(cudaStream_t* stream) {
@@ -26,16 +27,6 @@ cudaError_t cudaStreamDestroy(cudaStream_t stream) {
     return api([&](Device& device) { return device.destroy_stream(stream); });
 }
 
-cudaError_t cudaStreamGetFlags(cudaStream_t stream, unsigned* flags) {
-    return stream_api(stream, [&](Device&, const StreamPtr& s) {
-        if (flags == nullptr) {
-            return cudaErrorInvalidValue;
-        }
-        *flags = s->non_blocking ? cudaStreamNonBlocking : cudaStreamDefault;
-        return cudaSuccess;
-    });
-}
-
 cudaError_t cudaStreamSynchronize(cudaStream_t stream) {
     return stream_api(stream, [](Device& device, const StreamPtr& s) {
         device.synchronize(s);
@@ -51,16 +42,16 @@ cudaError_t cudaStreamQuery(cudaStream_t stream) {
 
 cudaError_t cudaStreamWaitEvent(cudaStream_t stream, cudaEvent_t event, unsigned flags) {
     return stream_api(stream, [&](Device& device, const StreamPtr& s) {
-        std::shared_ptr<CUevent_st::Record> record;
-        if (!device.find_record(event, &record)) {
+        StreamPoint point;
+        if (!device.find_event(event, &point)) {
             return cudaErrorInvalidResourceHandle;
         }
         if (flags != cudaEventWaitDefault) {
             return cudaErrorInvalidValue;
         }
-        if (record != nullptr && !record->point.reached()) {
+        if (!point.reached()) {
             auto task = make_task([] {});
-            task->waits.push_back(record->point);
+            task->waits.push_back(point);
             device.submit(s, std::move(task));
         }
         return cudaSuccess;
@@ -86,10 +77,10 @@ cudaError_t cudaEventCreate(cudaEvent_t* event) {
 
 cudaError_t cudaEventCreateWithFlags(cudaEvent_t* event, unsigned flags) {
     return api([&](Device& device) {
-        if (event == nullptr || (flags & ~(cudaEventBlockingSync | cudaEventDisableTiming)) != 0) {
+        if (event == nullptr || (flags & ~cudaEventDisableTiming) != 0) {
             return cudaErrorInvalidValue;
         }
-        *event = device.create_event((flags & cudaEventDisableTiming) == 0);
+        *event = device.create_event();
         return cudaSuccess;
     });
 }
@@ -101,43 +92,22 @@ cudaError_t cudaEventRecord(cudaEvent_t event, cudaStream_t stream) {
 
 cudaError_t cudaEventQuery(cudaEvent_t event) {
     return api([&](Device& device) {
-        std::shared_ptr<CUevent_st::Record> record;
-        if (!device.find_record(event, &record)) {
+        StreamPoint point;
+        if (!device.find_event(event, &point)) {
             return cudaErrorInvalidResourceHandle;
         }
-        return record == nullptr || record->point.reached() ? device.fault() : cudaErrorNotReady;
+        return point.reached() ? device.fault() : cudaErrorNotReady;
     });
 }
 
 cudaError_t cudaEventSynchronize(cudaEvent_t event) {
     return api([&](Device& device) {
-        std::shared_ptr<CUevent_st::Record> record;
-        if (!device.find_record(event, &record)) {
+        StreamPoint point;
+        if (!device.find_event(event, &point)) {
             return cudaErrorInvalidResourceHandle;
         }
-        if (record != nullptr) {
-            device.wait(record->point);
-        }
+        device.wait(point);
         return device.fault();
-    });
-}
-
-cudaError_t cudaEventElapsedTime(float* milliseconds, cudaEvent_t start, cudaEvent_t end) {
-    return api([&](Device& device) {
-        std::shared_ptr<CUevent_st::Record> first, second;
-        if (milliseconds == nullptr) {
-            return cudaErrorInvalidValue;
-        }
-        if (!device.find_record(start, &first) || !device.find_record(end, &second) ||
-            !start->timing || !end->timing || first == nullptr || second == nullptr) {
-            return cudaErrorInvalidResourceHandle;
-        }
-        if (!first->point.reached() || !second->point.reached()) {
-            return cudaErrorNotReady;
-        }
-        *milliseconds =
-            std::chrono::duration<float, std::milli>(second->time - first->time).count();
-        return cudaSuccess;
     });
 }
 

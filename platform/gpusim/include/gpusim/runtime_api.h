@@ -30,8 +30,7 @@ enum cudaMemcpyKind {
 enum cudaMemoryType {
     cudaMemoryTypeUnregistered = 0,
     cudaMemoryTypeHost = 1,
-    cudaMemoryTypeDevice = 2,
-    cudaMemoryTypeManaged = 3
+    cudaMemoryTypeDevice = 2
 };
 
 struct cudaPointerAttributes {
@@ -52,19 +51,8 @@ enum cudaDeviceAttr {
     cudaDevAttrMaxSharedMemoryPerBlock = 8,
     cudaDevAttrWarpSize = 10,
     cudaDevAttrMultiProcessorCount = 16,
-    cudaDevAttrIntegrated = 18,
-    cudaDevAttrCanMapHostMemory = 19,
-    cudaDevAttrConcurrentKernels = 31,
-    cudaDevAttrMaxThreadsPerMultiProcessor = 39,
-    cudaDevAttrAsyncEngineCount = 40,
-    cudaDevAttrUnifiedAddressing = 41,
     cudaDevAttrComputeCapabilityMajor = 75,
     cudaDevAttrComputeCapabilityMinor = 76,
-    cudaDevAttrManagedMemory = 83,
-    cudaDevAttrPageableMemoryAccess = 88,
-    cudaDevAttrConcurrentManagedAccess = 89,
-    cudaDevAttrCooperativeLaunch = 95,
-    cudaDevAttrHostRegisterSupported = 99,
     cudaDevAttrMemoryPoolsSupported = 115
 };
 
@@ -79,39 +67,16 @@ struct cudaDeviceProp {
     int major;
     int minor;
     int multiProcessorCount;
-    int integrated;
-    int canMapHostMemory;
-    int concurrentKernels;
-    int asyncEngineCount;
-    int unifiedAddressing;
-    int maxThreadsPerMultiProcessor;
-    int managedMemory;
     int memoryPoolsSupported;
 };
 
-enum cudaMemPoolAttr {
-    cudaMemPoolReuseFollowEventDependencies = 1,
-    cudaMemPoolReuseAllowOpportunistic = 2,
-    cudaMemPoolReuseAllowInternalDependencies = 3,
-    cudaMemPoolAttrReleaseThreshold = 4,
-    cudaMemPoolAttrReservedMemCurrent = 5,
-    cudaMemPoolAttrReservedMemHigh = 6,
-    cudaMemPoolAttrUsedMemCurrent = 7,
-    cudaMemPoolAttrUsedMemHigh = 8
-};
+enum cudaMemPoolAttr { cudaMemPoolAttrReleaseThreshold = 4 };
 
-#define cudaHostAllocDefault 0x00
-#define cudaHostAllocPortable 0x01
-#define cudaHostAllocMapped 0x02
-#define cudaHostAllocWriteCombined 0x04
 #define cudaHostRegisterDefault 0x00
-#define cudaHostRegisterPortable 0x01
-#define cudaHostRegisterMapped 0x02
 #define cudaStreamDefault 0x00
 #define cudaStreamNonBlocking 0x01
 #define cudaStreamLegacy ((cudaStream_t)0x1)
 #define cudaEventDefault 0x00
-#define cudaEventBlockingSync 0x01
 #define cudaEventDisableTiming 0x02
 #define cudaEventWaitDefault 0x00
 
@@ -133,8 +98,6 @@ cudaError_t cudaDeviceSynchronize();
 cudaError_t cudaDeviceReset();
 cudaError_t cudaDeviceGetAttribute(int* value, cudaDeviceAttr attribute, int device);
 cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device);
-cudaError_t cudaRuntimeGetVersion(int* version);
-cudaError_t cudaDriverGetVersion(int* version);
 
 // Memory. `GPUSIM_MEMORY` in the environment (bytes, or with a K, M or G behind) sets the size of
 // the device's memory; 16G if it is absent.
@@ -144,15 +107,12 @@ cudaError_t cudaFree(void* pointer);
 cudaError_t cudaMallocAsync(void** pointer, size_t size, cudaStream_t stream);
 cudaError_t cudaFreeAsync(void* pointer, cudaStream_t stream);
 cudaError_t cudaDeviceGetDefaultMemPool(cudaMemPool_t* pool, int device);
+/// Changes nothing: the pool has no state beyond the device's memory.
 cudaError_t cudaMemPoolSetAttribute(cudaMemPool_t pool, cudaMemPoolAttr attribute, void* value);
-cudaError_t cudaMemPoolGetAttribute(cudaMemPool_t pool, cudaMemPoolAttr attribute, void* value);
-cudaError_t cudaMemPoolTrimTo(cudaMemPool_t pool, size_t bytes_to_keep);
 cudaError_t cudaMallocHost(void** pointer, size_t size);
-cudaError_t cudaHostAlloc(void** pointer, size_t size, unsigned flags);
 cudaError_t cudaFreeHost(void* pointer);
 cudaError_t cudaHostRegister(void* pointer, size_t size, unsigned flags);
 cudaError_t cudaHostUnregister(void* pointer);
-cudaError_t cudaHostGetDevicePointer(void** device_pointer, void* host_pointer, unsigned flags);
 cudaError_t cudaPointerGetAttributes(cudaPointerAttributes* attributes, const void* pointer);
 cudaError_t cudaMemGetInfo(size_t* free_bytes, size_t* total_bytes);
 
@@ -164,20 +124,14 @@ cudaError_t cudaMemcpyAsync(void* dst, const void* src, size_t count, cudaMemcpy
                             cudaStream_t stream = nullptr);
 cudaError_t cudaMemcpy2D(void* dst, size_t dpitch, const void* src, size_t spitch, size_t width,
                          size_t height, cudaMemcpyKind kind);
-cudaError_t cudaMemcpy2DAsync(void* dst, size_t dpitch, const void* src, size_t spitch,
-                              size_t width, size_t height, cudaMemcpyKind kind,
-                              cudaStream_t stream = nullptr);
 cudaError_t cudaMemset(void* pointer, int value, size_t count);
 cudaError_t cudaMemsetAsync(void* pointer, int value, size_t count, cudaStream_t stream = nullptr);
 cudaError_t cudaMemset2D(void* pointer, size_t pitch, int value, size_t width, size_t height);
-cudaError_t cudaMemset2DAsync(void* pointer, size_t pitch, int value, size_t width, size_t height,
-                              cudaStream_t stream = nullptr);
 
 // Streams.
 cudaError_t cudaStreamCreate(cudaStream_t* stream);
 cudaError_t cudaStreamCreateWithFlags(cudaStream_t* stream, unsigned flags);
 cudaError_t cudaStreamDestroy(cudaStream_t stream);
-cudaError_t cudaStreamGetFlags(cudaStream_t stream, unsigned* flags);
 cudaError_t cudaStreamSynchronize(cudaStream_t stream);
 cudaError_t cudaStreamQuery(cudaStream_t stream);
 cudaError_t cudaStreamWaitEvent(cudaStream_t stream, cudaEvent_t event, unsigned flags = 0);
@@ -190,7 +144,6 @@ cudaError_t cudaEventCreateWithFlags(cudaEvent_t* event, unsigned flags);
 cudaError_t cudaEventRecord(cudaEvent_t event, cudaStream_t stream = nullptr);
 cudaError_t cudaEventQuery(cudaEvent_t event);
 cudaError_t cudaEventSynchronize(cudaEvent_t event);
-cudaError_t cudaEventElapsedTime(float* milliseconds, cudaEvent_t start, cudaEvent_t end);
 cudaError_t cudaEventDestroy(cudaEvent_t event);
 
 }  // extern "C"
@@ -204,15 +157,8 @@ cudaError_t cudaMallocAsync(T** pointer, size_t size, cudaStream_t stream) {
     return ::cudaMallocAsync(reinterpret_cast<void**>(pointer), size, stream);
 }
 template <class T>
-cudaError_t cudaMallocHost(T** pointer, size_t size, unsigned flags = 0) {
-    return ::cudaHostAlloc(reinterpret_cast<void**>(pointer), size, flags);
-}
-template <class T>
-cudaError_t cudaHostAlloc(T** pointer, size_t size, unsigned flags) {
-    return ::cudaHostAlloc(reinterpret_cast<void**>(pointer), size, flags);
-}
-inline cudaError_t cudaEventCreate(cudaEvent_t* event, unsigned flags) {
-    return ::cudaEventCreateWithFlags(event, flags);
+cudaError_t cudaMallocHost(T** pointer, size_t size) {
+    return ::cudaMallocHost(reinterpret_cast<void**>(pointer), size);
 }
 
 #endif  // GPUSIM_GPUSIM_RUNTIME_API_H_

@@ -1,4 +1,5 @@
-// Matrix operations of cuBLAS.
+#include "cublas_v2.h"
+
 #include <cblas.h>
 #include <lapacke.h>
 
@@ -6,17 +7,77 @@
 #include <memory>
 #include <vector>
 
-#include "cublas_handle.h"
+#include "library.h"
 
 using gpusim::check_operand;
-using gpusim::enqueue;
-using gpusim::for_blas;
-using gpusim::matrix_bytes;
-using gpusim::Scalar;
-using gpusim::valid;
-using gpusim::vector_bytes;
+
+struct cublasContext {
+    cudaStream_t stream = nullptr;
+};
 
 namespace {
+
+size_t matrix_bytes(int rows, int cols, int ld) {
+    return rows <= 0 || cols <= 0 ? 0
+                                  : (static_cast<size_t>(cols - 1) * static_cast<size_t>(ld) +
+                                     static_cast<size_t>(rows)) *
+                                        sizeof(float);
+}
+
+/// The address at which threads of the BLAS library may use an operand.
+template <class T>
+T* for_blas(T* pointer) {
+    return gpusim::Memory::get().arena().alias(pointer);
+}
+
+/// Enqueues `work` on the handle's stream; waits for it where `wait` is set.
+template <class F>
+cublasStatus_t enqueue(cublasHandle_t handle, bool wait, F work) {
+    if (gpusim::call_barrier() != cudaSuccess) {
+        return CUBLAS_STATUS_EXECUTION_FAILED;
+    }
+    gpusim::Device& device = gpusim::Device::get();
+    const gpusim::StreamPtr stream = device.find_stream(handle->stream);
+    if (stream == nullptr) {
+        return CUBLAS_STATUS_EXECUTION_FAILED;
+    }
+    const gpusim::StreamPoint point = device.submit(stream, gpusim::make_task(std::move(work)));
+    if (wait || device.launch_blocking()) {
+        device.wait(point);
+        if (device.fault() != cudaSuccess) {
+            return CUBLAS_STATUS_EXECUTION_FAILED;
+        }
+    }
+    return CUBLAS_STATUS_SUCCESS;
+}
+
+/// result = norm(n, x, incx), which is 0 without elements.
+template <class Norm>
+cublasStatus_t reduce(cublasHandle_t handle, const char* function, int n, const float* x, int incx,
+                      float* result, Norm norm) {
+    if (handle == nullptr) {
+        return CUBLAS_STATUS_NOT_INITIALIZED;
+    }
+    if (result == nullptr) {
+        return CUBLAS_STATUS_INVALID_VALUE;
+    }
+    // A row of a matrix whose columns are `incx` apart.
+    const int count = incx > 0 ? std::max(n, 0) : 0;
+    if (!check_operand(function, "x", x, matrix_bytes(1, count, incx))) {
+        return CUBLAS_STATUS_EXECUTION_FAILED;
+    }
+    float value = 0;
+    const cublasStatus_t status =
+        enqueue(handle, true, [=, &value] { value = norm(count, for_blas(x), incx); });
+    if (status == CUBLAS_STATUS_SUCCESS) {
+        *result = value;
+    }
+    return status;
+}
+
+bool valid(cublasOperation_t op) {
+    return op == CUBLAS_OP_N || op == CUBLAS_OP_T || op == CUBLAS_OP_C;
+}
 
 /// For pointers that are known only when the work runs: by then the host may have freed their block
 /// behind it in the stream's order, so that all of the device's memory is allowed.
@@ -102,31 +163,45 @@ void add_matrices(float alpha, Operand a, float beta, Operand b, float* c, int l
 
 }  // namespace
 
-cublasStatus_t cublasSgemv_v2(cublasHandle_t handle, cublasOperation_t trans, int m, int n,
-                              const float* alpha, const float* A, int lda, const float* x, int incx,
-                              const float* beta, float* y, int incy) {
+cublasStatus_t cublasCreate_v2(cublasHandle_t* handle) {
+    if (handle == nullptr) {
+        return CUBLAS_STATUS_INVALID_VALUE;
+    }
+    if (gpusim::call_barrier() != cudaSuccess) {
+        return CUBLAS_STATUS_NOT_INITIALIZED;
+    }
+    *handle = new cublasContext;
+    return CUBLAS_STATUS_SUCCESS;
+}
+
+cublasStatus_t cublasDestroy_v2(cublasHandle_t handle) {
     if (handle == nullptr) {
         return CUBLAS_STATUS_NOT_INITIALIZED;
     }
-    if (!valid(trans) || m < 0 || n < 0 || lda < std::max(1, m) || incx == 0 || incy == 0 ||
-        alpha == nullptr || beta == nullptr) {
-        return CUBLAS_STATUS_INVALID_VALUE;
+    delete handle;
+    return CUBLAS_STATUS_SUCCESS;
+}
+
+cublasStatus_t cublasSetStream_v2(cublasHandle_t handle, cudaStream_t stream) {
+    if (handle == nullptr) {
+        return CUBLAS_STATUS_NOT_INITIALIZED;
     }
-    if (m == 0 || n == 0) {
-        return CUBLAS_STATUS_SUCCESS;
-    }
-    const Scalar a(handle, alpha), b(handle, beta);
-    const int in = trans == CUBLAS_OP_N ? n : m;
-    const int out = trans == CUBLAS_OP_N ? m : n;
-    if ((!a.surely_zero() && (!check_operand(__func__, "A", A, matrix_bytes(m, n, lda)) ||
-                              !check_operand(__func__, "x", x, vector_bytes(in, incx)))) ||
-        !check_operand(__func__, "y", y, vector_bytes(out, incy))) {
-        return CUBLAS_STATUS_EXECUTION_FAILED;
-    }
-    return enqueue(handle, false, [=] {
-        cblas_sgemv(CblasColMajor, blas_op(trans), m, n, a.get(), for_blas(A), lda, for_blas(x),
-                    incx, b.get(), for_blas(y), incy);
-    });
+    handle->stream = stream;
+    return CUBLAS_STATUS_SUCCESS;
+}
+
+cublasStatus_t cublasSetMathMode(cublasHandle_t handle, cublasMath_t) {
+    return handle == nullptr ? CUBLAS_STATUS_NOT_INITIALIZED : CUBLAS_STATUS_SUCCESS;
+}
+
+cublasStatus_t cublasSnrm2_v2(cublasHandle_t handle, int n, const float* x, int incx,
+                              float* result) {
+    return reduce(handle, __func__, n, x, incx, result, &cblas_snrm2);
+}
+
+cublasStatus_t cublasSasum_v2(cublasHandle_t handle, int n, const float* x, int incx,
+                              float* result) {
+    return reduce(handle, __func__, n, x, incx, result, &cblas_sasum);
 }
 
 cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
@@ -155,8 +230,8 @@ cublasStatus_t cublasSgemmStridedBatched(cublasHandle_t handle, cublasOperation_
     if (m == 0 || n == 0 || batchCount == 0) {
         return CUBLAS_STATUS_SUCCESS;
     }
-    const Scalar al(handle, alpha), be(handle, beta);
-    const bool product = k != 0 && !al.surely_zero();
+    const float al = *alpha, be = *beta;
+    const bool product = k != 0 && al != 0;
     for (int i = 0; i < batchCount; ++i) {
         if ((product && (!check_operand(__func__, "A", A + i * strideA, a.bytes()) ||
                          !check_operand(__func__, "B", B + i * strideB, b.bytes()))) ||
@@ -166,8 +241,8 @@ cublasStatus_t cublasSgemmStridedBatched(cublasHandle_t handle, cublasOperation_
     }
     return enqueue(handle, false, [=] {
         for (int i = 0; i < batchCount; ++i) {
-            cblas_sgemm(CblasColMajor, blas_op(transa), blas_op(transb), m, n, k, al.get(),
-                        for_blas(A) + i * strideA, lda, for_blas(B) + i * strideB, ldb, be.get(),
+            cblas_sgemm(CblasColMajor, blas_op(transa), blas_op(transb), m, n, k, al,
+                        for_blas(A) + i * strideA, lda, for_blas(B) + i * strideB, ldb, be,
                         for_blas(C) + i * strideC, ldc);
         }
     });
@@ -185,10 +260,10 @@ cublasStatus_t cublasSgeam(cublasHandle_t handle, cublasOperation_t transa,
         ldc < std::max(1, m)) {
         return CUBLAS_STATUS_INVALID_VALUE;
     }
-    const Scalar al(handle, alpha), be(handle, beta);
-    const auto usable = [&](const Scalar& factor, const Operand& in) {
+    const float al = *alpha, be = *beta;
+    const auto usable = [&](float factor, const Operand& in) {
         const bool in_place_ok = in.data != C || (in.op == CUBLAS_OP_N && in.ld == ldc);
-        return factor.surely_zero() || (in.data != nullptr && in.valid_ld() && in_place_ok);
+        return factor == 0 || (in.data != nullptr && in.valid_ld() && in_place_ok);
     };
     if (!usable(al, a) || !usable(be, b)) {
         return CUBLAS_STATUS_INVALID_VALUE;
@@ -196,12 +271,12 @@ cublasStatus_t cublasSgeam(cublasHandle_t handle, cublasOperation_t transa,
     if (m == 0 || n == 0) {
         return CUBLAS_STATUS_SUCCESS;
     }
-    if ((!al.surely_zero() && !check_operand(__func__, "A", A, a.bytes())) ||
-        (!be.surely_zero() && !check_operand(__func__, "B", B, b.bytes())) ||
+    if ((al != 0 && !check_operand(__func__, "A", A, a.bytes())) ||
+        (be != 0 && !check_operand(__func__, "B", B, b.bytes())) ||
         !check_operand(__func__, "C", C, matrix_bytes(m, n, ldc))) {
         return CUBLAS_STATUS_EXECUTION_FAILED;
     }
-    return enqueue(handle, false, [=] { add_matrices(al.get(), a, be.get(), b, C, ldc); });
+    return enqueue(handle, false, [=] { add_matrices(al, a, be, b, C, ldc); });
 }
 
 cublasStatus_t cublasSgelsBatched(cublasHandle_t handle, cublasOperation_t trans, int m, int n,
