@@ -1,7 +1,10 @@
 #ifndef VORN_CPU_LINEAR_OPS_H_
 #define VORN_CPU_LINEAR_OPS_H_
 
+#include <algorithm>
+
 #include "vorn/cpu/lanes.h"
+#include "vorn/cpu/memory.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the linear layer helpers, on dense matrices.
@@ -49,22 +52,33 @@ inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Te
     }
 }
 
-inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t offset) {
-    const index_t dimM = out.row(), dimN = out.get_w(), in_dimN = in.get_w();
-    const float* in_p = in.get_ptr();
-    float* out_p = out.get_ptr() + offset;
-    for (index_t i = 0; i < dimM; ++i, in_p += in_dimN, out_p += dimN) {
-        copy_run(out_p, in_p, in_dimN);
+/// Copies `rows` rows of n floats. The first lines of the next row are fetched ahead: the processor
+/// foresees a row, but not where the next one starts.
+inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
+                      index_t n) {
+    constexpr index_t kLine = 16, kAhead = 32 * kLine;
+    const bool stream = rows * n * sizeof(float) >= kStreamBytes;
+    for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
+        for (index_t j = 0; j < std::min(n, kAhead); j += kLine) {
+            __builtin_prefetch(in + ld_in + j);
+        }
+        if (stream) {
+            stream_copy(out, in, n);
+        } else {
+            copy_run(out, in, n);
+        }
     }
+    _mm_sfence();  // streamed stores are not ordered with what follows
+}
+
+inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t offset) {
+    const index_t dimN = out.get_w(), in_dimN = in.get_w();
+    copy_rows(in.get_ptr(), in_dimN, out.get_ptr() + offset, dimN, out.row(), in_dimN);
 }
 
 inline void vorn_col_deappend(const Tensor<float>& in, Tensor<float>& out, index_t offset) {
-    const index_t dimM = out.row(), dimN = out.get_w(), in_dimN = in.get_w();
-    const float* in_p = in.get_ptr() + offset;
-    float* out_p = out.get_ptr();
-    for (index_t i = 0; i < dimM; ++i, in_p += in_dimN, out_p += dimN) {
-        copy_run(out_p, in_p, dimN);
-    }
+    const index_t dimN = out.get_w(), in_dimN = in.get_w();
+    copy_rows(in.get_ptr() + offset, in_dimN, out.get_ptr(), dimN, out.row(), dimN);
 }
 
 }  // namespace cpu
