@@ -104,7 +104,7 @@ TEST_P(BlasTest, Transpose) {
 // The rows of a large output are aligned here, unlike those of the fixture's views.
 TEST(BlasHostTest, TransposeIntoLargeAlignedBlockKeepsPadding) {
     const int rows = 2063, cols = 2047, pitch = 2072;
-    ASSERT_GE(rows * cols * sizeof(float), static_cast<size_t>(cpu::kTransposeStreamBytes));
+    ASSERT_GE(rows * cols * sizeof(float), cpu::kStreamBytes);
     const Values values = random_values(rows * cols, 5);
     TensorF whole(Dim(cols, pitch), CPU);
     whole.set_element(777);

@@ -102,16 +102,22 @@ TEST_P(CopyTest, CopyRow) {
     EXPECT_EQ(to.read(), expected);
 }
 
-// Long enough for a string store, from an unaligned start to an odd end.
-TEST(FillTest, LongHostFills) {
+// Dense and pitched, from starts that cut a cache line, and with rows on both sides of what the
+// loops take at a time. The last one goes past the caches.
+TEST(FillTest, HostFills) {
     for_each_type([](auto zero) {
         using T = decltype(zero);
         const T val = std::is_same<T, unsigned long>::value ? T(1ul << 40) : T(200.5);
-        const index_t count = cpu::kStringStore + 5;
-        std::vector<T> values(count + 2, T(3)), expected(count + 2, val);
-        expected.front() = expected.back() = T(3);
-        Tensor<T>(values.data() + 1, Dim(count), CPU).set_element(val);
-        EXPECT_TRUE(values == expected);
+        for (const Dim& size : {Dim(3, 0), Dim(3, 1), Dim(5, 31), Dim(3, 129), Dim(4100, 1029)}) {
+            for (int left : {0, 1, 3}) {
+                Block<T> block(size, CPU, left);
+                block.write(std::vector<T>(block.count(), T(3)));
+                block.tensor.set_element(val);
+                EXPECT_TRUE(values_of(block.tensor) == std::vector<T>(size.product(), val))
+                    << size << " behind " << left;
+                block.expect_beside(T(3));
+            }
+        }
     });
 }
 

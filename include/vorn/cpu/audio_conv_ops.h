@@ -30,10 +30,13 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
     float* out_p = out.get_ptr();
     for (index_t g = 0; g < group_num; ++g) {
         const int start = conv_start.get_ptr()[g], end = conv_end.get_ptr()[g];
+        const index_t share = in_dimN / std::max(1, end - start + 1) + 1;
         for (index_t n = 0; n < in_dimM; ++n) {
             transpose_matrix(feat.get_ptr() + n * in_dimN, fbank, frame.data(), temporal_dim, fbank,
                              temporal_dim);
-            for (int c = start; c <= end; ++c, out_p += dimN) {
+            const float* ahead = feat.get_ptr() + (n + 1) * in_dimN;  // read beside the writing
+            for (int c = start; c <= end; ++c, out_p += dimN, ahead += share) {
+                prefetch_run(ahead, share);
                 const float* run = frame.data() + c * temporal_dim;
                 if (stream) {
                     stream_copy(out_p, run, patch);
@@ -43,7 +46,7 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
             }
         }
     }
-    _mm_sfence();  // streamed stores are not ordered with what follows
+    _mm_sfence();
 }
 
 inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int, int filter_size,

@@ -5,6 +5,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "vorn/cpu/memory.h"
 #include "vorn/cpu/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
@@ -26,14 +27,6 @@ void iterate(F f, index_t count) {
 // One run of elements. The rule comes by value: were it a reference, every store might change its
 // members. `ivdep` says that an element depends on its own position only, without which an output
 // that is its own input would not vectorise.
-template <typename Op, typename Out>
-void generate_row(Op f, Out* out, index_t n) {
-#pragma GCC ivdep
-    for (index_t i = 0; i < n; ++i) {
-        out[i] = f();
-    }
-}
-
 template <typename Op, typename In, typename Out>
 void unary_row(Op f, const In* in, Out* out, index_t n) {
 #pragma GCC ivdep
@@ -90,17 +83,23 @@ void trinary_inplace_row(Op f, const In1* in1, const In2* in2, Out* out, index_t
     }
 }
 
-/// out = f()
+/// out = f(): without operands, a rule has one value.
 template <typename Op, typename OutT>
 void generate(Op f, Tensor<OutT>& out) {
-    if (out.is_contiguous()) {
-        generate_row(f, out.get_ptr(), out.count());
-        return;
-    }
-    const index_t dimM = out.row(), dimN = out.col(), out_ld = out.ld();
+    const OutT val = f();
+    const bool is_flat = out.is_contiguous();
+    const index_t dimM = is_flat ? 1 : out.row(), dimN = is_flat ? out.count() : out.col();
+    const index_t out_ld = out.ld();
     OutT* out_p = out.get_ptr();
-    for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
-        generate_row(f, out_p, dimN);
+    if (dimM * dimN * sizeof(OutT) < kStreamBytes) {
+        for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
+            fill_run(out_p, val, dimN);
+        }
+    } else {
+        for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
+            stream_fill(out_p, val, dimN);
+        }
+        _mm_sfence();
     }
 }
 

@@ -42,13 +42,24 @@ inline void copy_run(T* out, const T* in, size_t n) {
         std::copy_n(in, n, out);
         return;
     }
-    typename Lanes<T>::Full lanes;
-    for (size_t i = 0; i < n - kFull; i += kFull) {
-        load(lanes, in + i);
-        store(out + i, lanes);
+    typename Lanes<T>::Full a, b, c, d;
+    size_t i = 0;
+    for (; i + 4 * kFull <= n; i += 4 * kFull) {  // whole cache lines at a time
+        load(a, in + i);
+        load(b, in + i + kFull);
+        load(c, in + i + 2 * kFull);
+        load(d, in + i + 3 * kFull);
+        store(out + i, a);
+        store(out + i + kFull, b);
+        store(out + i + 2 * kFull, c);
+        store(out + i + 3 * kFull, d);
     }
-    load(lanes, in + n - kFull);  // the last full lanes, some of them again
-    store(out + n - kFull, lanes);
+    for (; i + kFull < n; i += kFull) {
+        load(a, in + i);
+        store(out + i, a);
+    }
+    load(a, in + n - kFull);  // the last full lanes, some of them again
+    store(out + n - kFull, a);
 }
 
 /// Transposes four by four elements in each half of a register: lanes 0 to 3 of `v[k]` become lane

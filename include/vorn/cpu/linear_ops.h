@@ -56,19 +56,17 @@ inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Te
 /// foresees a row, but not where the next one starts.
 inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
                       index_t n) {
-    constexpr index_t kLine = 16, kAhead = 32 * kLine;
+    constexpr index_t kAhead = 512;
     const bool stream = rows * n * sizeof(float) >= kStreamBytes;
     for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
-        for (index_t j = 0; j < std::min(n, kAhead); j += kLine) {
-            __builtin_prefetch(in + ld_in + j);
-        }
+        prefetch_run(in + ld_in, std::min(n, kAhead));
         if (stream) {
             stream_copy(out, in, n);
         } else {
             copy_run(out, in, n);
         }
     }
-    _mm_sfence();  // streamed stores are not ordered with what follows
+    _mm_sfence();
 }
 
 inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t offset) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "vorn/base.h"
+#include "vorn/cpu/memory.h"
 
 /// Transposition of four-byte elements in the host's memory, of any shape and pitch.
 ///
@@ -20,9 +21,6 @@ namespace cpu {
 
 const index_t kTransposeTile = 16;
 const index_t kTransposeBand = 256;
-/// An output of this many bytes will not be found in a core's own cache afterwards; it is written
-/// past the cache, which spares reading it first.
-const index_t kTransposeStreamBytes = 16 << 20;
 
 template <bool stream>
 inline void store_row(float* to, __m128 row) {
@@ -110,9 +108,9 @@ void transpose_matrix(const T* in, index_t ld_in, T* out, index_t ld_out, index_
                       index_t cols) {
     static_assert(sizeof(T) == 4, "elements of four bytes");
     const bool aligned = reinterpret_cast<uintptr_t>(out) % 16 == 0 && ld_out % 4 == 0;
-    if (aligned && rows * cols * sizeof(T) >= kTransposeStreamBytes) {
+    if (aligned && rows * cols * sizeof(T) >= kStreamBytes) {
         transpose_bands<true>(in, ld_in, out, ld_out, rows, cols);
-        _mm_sfence();  // streamed stores are not ordered with what follows
+        _mm_sfence();
     } else {
         transpose_bands<false>(in, ld_in, out, ld_out, rows, cols);
     }

@@ -64,8 +64,6 @@ template <typename T>
 void vorn_fill(Tensor<T>& a, T val) {
     if (val == 0 && a.is_contiguous()) {
         cpu::vorn_memset(a.get_ptr(), 0, a.get_element_count() * sizeof(T));
-    } else if (a.is_contiguous() && a.get_element_count() >= kStringStore) {
-        cpu::string_fill(a.get_ptr(), val, a.get_element_count());
     } else {
         cpu::generate(func::constant<T>(val), a);
     }
