@@ -16,7 +16,12 @@ namespace cpu {
 
 // Seen with frequency outside and the temporal index inside, a frame holds every patch in one
 // piece: the patch at position c is the run of filter_size * temporal_dim elements from c *
-// temporal_dim on. Frames are therefore transposed once, and patches copied or added as runs.
+// temporal_dim on. Frames are therefore transposed once, and patches copied or added as runs, with
+// a share of the next frame fetched beside each.
+
+inline index_t share_of(int start, int end, index_t frame) {
+    return frame / std::max(1, end - start + 1) + 1;
+}
 
 inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int filter_size,
                              const Tensor<int>& conv_start, const Tensor<int>& conv_end,
@@ -30,11 +35,11 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
     float* out_p = out.get_ptr();
     for (index_t g = 0; g < group_num; ++g) {
         const int start = conv_start.get_ptr()[g], end = conv_end.get_ptr()[g];
-        const index_t share = in_dimN / std::max(1, end - start + 1) + 1;
+        const index_t share = share_of(start, end, in_dimN);
         for (index_t n = 0; n < in_dimM; ++n) {
             transpose_matrix(feat.get_ptr() + n * in_dimN, fbank, frame.data(), temporal_dim, fbank,
                              temporal_dim);
-            const float* ahead = feat.get_ptr() + (n + 1) * in_dimN;  // read beside the writing
+            const float* ahead = feat.get_ptr() + (n + 1) * in_dimN;
             for (int c = start; c <= end; ++c, out_p += dimN, ahead += share) {
                 prefetch_run(ahead, share);
                 const float* run = frame.data() + c * temporal_dim;
@@ -56,14 +61,19 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int,
     const index_t group = conv_start.get_element_count();
     const int temporal_dim = static_cast<int>(dimN) / filter_size;
     std::vector<float> frame(static_cast<size_t>(fbank) * temporal_dim);
+    constexpr index_t kAhead = 4;  // patches
     const float* patch = expand.get_ptr();
     for (index_t g = 0; g < group; ++g) {
         const int start = conv_start.get_ptr()[g], end = conv_end.get_ptr()[g];
+        const index_t share = share_of(start, end, o_dimN);
         for (index_t n = 0; n < o_dimM; ++n) {
             float* out_row = out.get_ptr() + n * o_dimN;
+            const float* ahead = out_row + o_dimN;
             transpose_matrix(out_row, fbank, frame.data(), temporal_dim, fbank, temporal_dim);
             float* sum = frame.data() + start * temporal_dim;
-            for (int c = start; c <= end; ++c, sum += temporal_dim, patch += dimN) {
+            for (int c = start; c <= end; ++c, sum += temporal_dim, patch += dimN, ahead += share) {
+                prefetch_run(ahead, share);
+                prefetch_run(patch + kAhead * dimN, dimN);
 #pragma GCC ivdep
                 for (index_t j = 0; j < dimN; ++j) {
                     sum[j] += patch[j];
