@@ -108,7 +108,8 @@ TEST(FillTest, HostFills) {
     for_each_type([](auto zero) {
         using T = decltype(zero);
         const T val = std::is_same<T, unsigned long>::value ? T(1ul << 40) : T(200.5);
-        for (const Dim& size : {Dim(3, 1), Dim(5, 31), Dim(3, 129), Dim(4100, 1029)}) {
+        const Dim large(cpu::kStreamBytes / (1029 * sizeof(T)) + 1, 1029);
+        for (const Dim& size : {Dim(3, 1), Dim(5, 31), Dim(3, 129), large}) {
             for (int left : {0, 1, 3}) {
                 Block<T> block(size, CPU, left);
                 block.write(std::vector<T>(block.count(), T(3)));

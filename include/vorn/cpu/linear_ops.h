@@ -56,7 +56,7 @@ inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Te
 /// foresees a row, but not where the next one starts.
 inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
                       index_t n) {
-    constexpr index_t kAhead = 512;
+    constexpr index_t kAhead = 512;  // elements
     const bool stream = rows * n * sizeof(float) >= kStreamBytes;
     for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
         prefetch_run(in + ld_in, std::min(n, kAhead));
