@@ -1,14 +1,8 @@
 # How vorn's own targets are compiled; none of it reaches a consumer.
 #
 # Contraction is off because both forms round every product and every sum; kernels that fuse say
-# fmaf. NDEBUG is never defined: assertions guard labels in every build type.
-foreach(language CXX CUDA)
-  foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
-    string(REPLACE "-DNDEBUG" "" CMAKE_${language}_FLAGS_${type}
-           "${CMAKE_${language}_FLAGS_${type}}")
-  endforeach()
-endforeach()
-
+# fmaf. NDEBUG is never defined, whatever the build type or an enclosing project says: assertions
+# guard labels in every build.
 set(vorn_host_flags -march=${VORN_MARCH} -ffp-contract=off -fno-math-errno -fno-trapping-math
                     -Wall -Wextra -Wno-sign-compare -Wno-unknown-pragmas)
 list(JOIN vorn_host_flags "," vorn_host_flags_for_nvcc)
@@ -19,6 +13,7 @@ target_compile_options(vorn_flags INTERFACE
   "$<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-O3>"
   "$<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=${vorn_host_flags_for_nvcc}>"
   "$<$<COMPILE_LANGUAGE:CUDA>:--fmad=false>"
+  "-UNDEBUG"
   "$<$<COMPILE_LANGUAGE:CUDA>:--diag-suppress=20012,20014>")
 
 # Files with kernels are CUDA where the toolkit is the real one, and C++ on the simulated one.

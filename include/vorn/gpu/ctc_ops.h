@@ -232,9 +232,8 @@ inline void vorn_find_row_max_id(const Tensor<float>& in, Tensor<int>& max_id_ve
 inline void vorn_vec_mask(const Tensor<float>& in, const Tensor<int>& mask, Tensor<float>& out) {
     const int NT = 256;
     const index_t dimM = out.row(), dimN = out.get_w();
-    const dim3 grid(div_up(static_cast<int>(dimN), NT),
-                    std::min(static_cast<int>(dimM), kMaxGridSize), 1);
-    launch<KeDoVecMask>(grid, NT, in.get_ptr(), mask.get_ptr(), out.get_ptr(), dimM, dimN);
+    launch<KeDoVecMask>(matrix_grid(dimM, dimN, NT), NT, in.get_ptr(), mask.get_ptr(),
+                        out.get_ptr(), dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 

@@ -3,6 +3,7 @@
 
 #include <cuda_runtime.h>
 
+#include <algorithm>
 #include <type_traits>
 #include <utility>
 
@@ -19,6 +20,13 @@ const int wrap_size = 32;        ///< Threads of a warp.
 const int kMaxGridSize = 40960;  ///< Cap of grids over rows or items; kernels step over the rest.
 
 namespace gpu {
+
+/// A grid over a matrix: x covers the columns by blocks of `threads`, y the rows, of which a kernel
+/// steps over those beyond the cap.
+inline dim3 matrix_grid(index_t rows, index_t cols, int threads) {
+    return dim3(div_up(static_cast<int>(cols), threads),
+                static_cast<unsigned>(std::min<index_t>(rows, kMaxGridSize)), 1);
+}
 
 /// The one door for kernels: queues `kernel` on the calling thread's `default_stream`, without
 /// dynamic shared memory. The result is the caller's tail's to see: every operation ends with

@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
@@ -15,26 +16,6 @@ namespace vorn {
 namespace gpu {
 
 // ---- Forward
-
-/// dfMax_s[0] = the fold of all kThreads elements, by halving: dfMax_s[t] = fold(dfMax_s[t],
-/// dfMax_s[t + d]). Thread 0 may read it behind this, the others behind a further barrier.
-template <int kThreads, typename Fold>
-__device__ void block_fold(float* dfMax_s, Fold fold) {
-    const int t = threadIdx.x;
-    for (int d = kThreads / 2; d > 0; d /= 2) {
-        __syncthreads();
-        if (t < d) {
-            dfMax_s[t] = fold(dfMax_s[t], dfMax_s[t + d]);
-        }
-    }
-}
-
-struct FoldMax {
-    __device__ float operator()(float x, float y) const { return x < y ? y : x; }
-};
-struct FoldSum {
-    __device__ float operator()(float x, float y) const { return x + y; }
-};
 
 /// Rows of `channel` elements, block b on row b.
 template <int kThreads>
@@ -50,7 +31,9 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
             dfMax_s[t] = in[row + col];
         }
     }
-    block_fold<kThreads>(dfMax_s, FoldMax());
+    block_fold<kThreads>([&](int to, int from) {
+        dfMax_s[to] = dfMax_s[to] < dfMax_s[from] ? dfMax_s[from] : dfMax_s[to];
+    });
     if (t == 0) {
         max = dfMax_s[0];
     }
@@ -65,7 +48,7 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
         sum += out[row + col];
     }
     dfMax_s[t] = sum;
-    block_fold<kThreads>(dfMax_s, FoldSum());
+    block_fold<kThreads>([&](int to, int from) { dfMax_s[to] += dfMax_s[from]; });
     __syncthreads();
 
     for (int col = t; col < channel; col += kThreads) {
@@ -190,10 +173,9 @@ inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<flo
     const index_t max_blocks = kMaxGridSize;
     if (inner == 1) {
         const int NT = 512;
-        const dim3 grid(div_up(static_cast<int>(channel), NT),
-                        static_cast<unsigned>(std::min(outer, max_blocks)), 1);
-        launch<KeSoftmaxBackwardNormal>(grid, NT, dst_grad_p, out_p, src_grad_p, sum_buf_p, outer,
-                                        static_cast<int>(channel), alpha, beta);
+        launch<KeSoftmaxBackwardNormal>(matrix_grid(outer, channel, NT), NT, dst_grad_p, out_p,
+                                        src_grad_p, sum_buf_p, outer, static_cast<int>(channel),
+                                        alpha, beta);
     } else {
         const int NT = 128;
         const unsigned grid = static_cast<unsigned>(std::min(outer * channel, max_blocks));

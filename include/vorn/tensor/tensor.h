@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <vector>
 
 #include "vorn/base.h"
 #include "vorn/tensor/buffer.h"
@@ -155,6 +156,23 @@ public:
     void zero();
     void ones();
 
+    // ---- Random fills, of contiguous tensors ---------------------------------------------------
+    // Uniform and normal numbers are drawn on the host, also for a GPU tensor, which then costs a
+    // copy. All abort on a pitched tensor and change nothing then.
+
+    /// Uniform in [lo, hi]: u * (hi - lo) + lo with u = 2^-32 times a draw of the thread's Mersenne
+    /// twister, so that a seed (`seed_thread_context`) gives known numbers. Rounding lets u
+    /// reach 1.
+    void random(DType lo = 0, DType hi = 1);
+    void uniform_random();
+    /// Normal, by the polar method (Marsaglia and Bray, 1964) from the process-wide `rand()`, which
+    /// the caller seeds by `srand`. Aborts unless std_deviation > 0.
+    void gauss_random(DType mean = 0, DType std_deviation = 1);
+    /// A mask: 0 where a uniform draw lies below `mask_prob`, else 1. A GPU draws its own numbers.
+    void zero_random(float mask_prob);
+    /// The mask with ones at a share of `one_prob`: zero_random(1 - one_prob).
+    void one_random(float one_prob);
+
     // ---- Copies, complete for the host on return ----------------------------------------------
 
     /// *this = src, across devices and pitches. Aborts unless the sizes are equal.
@@ -299,6 +317,95 @@ public:
                            index_t outer, index_t channel, index_t inner, DType alpha = 1,
                            DType beta = 0);
     void softmax_bp_normal(const Tensor& output, const Tensor& src_grad, Tensor& softmax_sum,
+                           DType alpha = 1, DType beta = 0);
+
+    // ---- Training objectives ------------------------------------------------------------------
+    // All operands are dense, which nothing tests. Nothing is divided by the number of items or
+    // rows: scale by `alpha`.
+
+    /// The output of the labelled class, for each item (o, k) of an `output` read as in softmax:
+    /// alpha * output(o, label, k) + beta * old where the mask is 1, else beta * old. This tensor,
+    /// `label` and `mask` have an element per item. It takes no logarithm: hand it one. A label is
+    /// a class index, truncated towards zero; a negative one aborts, whatever its mask, and one of
+    /// `channel` or more is the caller's to avoid. Without extents, the rows of a matrix are items.
+    void cross_entropy(const Tensor& output, const Tensor& label, const Tensor<int>& mask,
+                       index_t outer, index_t channel, index_t inner, DType alpha = 1,
+                       DType beta = 0);
+    void cross_entropy(const Tensor& output, const Tensor& label, const Tensor<int>& mask,
+                       DType alpha = 1, DType beta = 0);
+    /// alpha * (t - output) + beta * old with t = 1 at the labelled class and 0 elsewhere, on a
+    /// tensor of the size of `output`; beta * old for items whose mask is 0. With alpha = -1 that
+    /// is the derivative of -log softmax with respect to the inputs of the softmax.
+    void cross_entropy_bp(const Tensor& output, const Tensor& label, const Tensor<int>& mask,
+                          index_t outer, index_t channel, index_t inner, DType alpha = 1,
+                          DType beta = 0);
+    void cross_entropy_bp(const Tensor& output, const Tensor& label, const Tensor<int>& mask,
+                          DType alpha = 1, DType beta = 0);
+    /// Per row: alpha / 2 * sum over j of (output(i, j) - label(i, j))^2 + beta * old where mask[i]
+    /// is 1, else beta * old. This tensor and `mask` have an element per row.
+    void mean_squre_error(const Tensor& output, const Tensor& label, const Tensor<int>& mask,
+                          DType alpha = 1, DType beta = 0);
+    /// alpha * (label - output) + beta * old in rows whose mask is 1, else beta * old: the negative
+    /// of the derivative of the sum above.
+    void mean_squre_error_bp(const Tensor& output, const Tensor& label, const Tensor<int>& mask,
+                             DType alpha = 1, DType beta = 0);
+    /// The cost of a noise mask in [0, 1], per row: alpha * sum over j of w c + beta * old where
+    /// mask[i] is 1, else beta * old, with p = y_pred(i, j), t = y_true(i, j) and
+    ///   w = min(p + 1, 1),  e = (sqrt(t) - sqrt(p))^2,  c = 10 e e + e - 0.01 ce,
+    ///   l = log(t / (1 - t)) with t limited to [1e-6, 1 - 1e-6],
+    ///   ce = max(l, 0) - p l + log(1 + exp(-|l|)).
+    /// A p or t below 0 makes the row NaN. Comparing square roots of band gains is from Valin, "A
+    /// hybrid DSP/deep learning approach to real-time full-band speech enhancement", MMSP 2018.
+    void rnnoise(const Tensor& y_pred, const Tensor& y_true, const Tensor<int>& mask,
+                 DType alpha = 1, DType beta = 0);
+    /// Its derivative with respect to y_true, so what is trained goes in as y_true: alpha * d +
+    /// beta * old in rows whose mask is 1, else beta * old.
+    void rnnoise_bp(const Tensor& y_pred, const Tensor& y_true, const Tensor<int>& mask,
+                    DType alpha = 1, DType beta = 0);
+    /// Each column rounded to levels of -128 to 127 and back: level / scale with scale = 127 / max,
+    /// halves away from zero. `max` is the column's largest magnitude on the host, its largest
+    /// value on a GPU. Pitches are honoured; `tensor` may be this one.
+    void fixed_loss(const Tensor& tensor);
+    void fixed_loss();
+    /// sigma2 x^2 / 2 where |x| < 1 / sigma2, else |x| - 1 / (2 sigma2), and its derivative.
+    /// Element rules without a blend. After Girshick, "Fast R-CNN", ICCV 2015.
+    void smooth_l1(const Tensor& obj, DType sigma2);
+    void smooth_l1_bp(const Tensor& obj, DType sigma2);
+
+    // ---- Label statistics ---------------------------------------------------------------------
+    // Host forms set *count before they return. GPU forms only queue its delivery: *count is valid
+    // once the thread's stream has passed it, and the variable lives until then. All operands are
+    // dense; labels are class indices as floats; the mask counts as on where it is 1.
+
+    /// *count = the number of elements of this tensor that are not `ignore_label_val`, of those
+    /// with the mask on unless `mask` has no axes. Aborts unless the element counts are equal.
+    void count_valid_label(const Tensor<int>& mask, DType ignore_label_val, size_t* count);
+    /// Per row of the class scores `in`: max_idx = the class of the largest score, this = that
+    /// score; and *count = the number of rows with the mask on whose class is the label and whose
+    /// label is not `ignore_label_val`. Among equal scores the host takes the lowest class, a GPU
+    /// the first in the bit-reversed order of its 128 threads. The host compares class and label as
+    /// floats, a GPU as integers.
+    void cal_classify_acu_target(const Tensor<float>& in, const Tensor<float>& label,
+                                 const Tensor<int>& mask, Tensor<int>& max_idx,
+                                 DType ignore_label_val, size_t* count);
+
+    // ---- Slices of an axis, and concatenation along channels ----------------------------------
+
+    /// This becomes index `index` of axis `dim` of `obj`, whose other axes it shares; its own axis
+    /// `dim` is 1. Dense operands.
+    void shrink(const Tensor& obj, size_t dim, size_t index);
+    /// Index `index` of axis `dim` of this tensor becomes `obj`; all else keeps its value.
+    void shrink_bp(const Tensor& obj, size_t dim, size_t index);
+    /// The sources (N, C_i, H, W), one after the other along the channels of this tensor:
+    /// alpha * source + beta * old. `ptr` is work space on this tensor's device, resized as needed,
+    /// in which a GPU finds the sources. Pitches are honoured on the host; a GPU aborts unless all
+    /// tensors are contiguous. Batch, height, width and the sum of the channels are the caller's.
+    void channel_append(const std::vector<Tensor<float>*>& src_vec, Tensor<unsigned long>& ptr,
+                        DType alpha = 1, DType beta = 0);
+    /// Takes this concatenation apart: alpha * its channels + beta * old in each destination whose
+    /// filter is set. Those without keep their place and their values.
+    void channel_append_bp(const std::vector<Tensor<float>*>& dst_vec,
+                           const std::vector<bool>& filters, Tensor<unsigned long>& ptr,
                            DType alpha = 1, DType beta = 0);
 
     // ---- LSTM with peepholes, one time step for all rows of a batch ---------------------------
