@@ -1,0 +1,7 @@
+#ifndef VORN_GPU_MATH_OPS_H_
+#define VORN_GPU_MATH_OPS_H_
+
+#include "vorn/gpu/channel_ops.h"
+#include "vorn/gpu/label_ops.h"
+
+#endif  // VORN_GPU_MATH_OPS_H_
