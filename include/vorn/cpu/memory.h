@@ -122,6 +122,12 @@ inline void stream_copy(float* out, const float* in, size_t n) {
 /// foresees a row, but not where the next one starts.
 inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
                       index_t n) {
+    if (n == 1) {
+        for (index_t i = 0; i < rows; ++i) {
+            out[i * ld_out] = in[i * ld_in];
+        }
+        return;
+    }
     constexpr index_t kAhead = 512;  // elements
     const bool stream = rows * n * sizeof(float) >= kStreamBytes;
     for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
