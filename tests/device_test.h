@@ -201,8 +201,27 @@ protected:
         return make(size, std::vector<T>(size.product(), T(kPoison)), right);
     }
 
-    /// Fails if an operation wrote beside a pitched matrix made by this test.
+    /// A dense tensor of poison between guards.
+    template <typename T = float>
+    Tensor<T> guarded(const Dim& size) {
+        const int count = size.product();
+        Tensor<T> all(Dim(kGuard + count + kGuard), device());
+        all.set_element(T(kGuardValue));
+        _guards.push_back([=] {
+            std::vector<T> values = values_of(all);
+            values.erase(values.begin() + kGuard, values.end() - kGuard);
+            EXPECT_EQ(values, std::vector<T>(2 * kGuard, T(kGuardValue)));
+        });
+        Tensor<T> tensor(all.get_ptr() + kGuard, size, device());
+        tensor.set_element(T(kPoison));
+        return tensor;
+    }
+
+    /// Fails if an operation wrote beside a tensor made by this test.
     void TearDown() override {
+        for (const std::function<void()>& check : _guards) {
+            check();
+        }
         for (const Block<float>& guarded : _guarded) {
             guarded.expect_beside(kGuardValue);
         }
@@ -214,6 +233,7 @@ private:
 
     ThreadContextScope _context;
     std::vector<Block<float>> _guarded;
+    std::vector<std::function<void()>> _guards;
 };
 
 /// |actual - expected| <= absolute + relative * |expected|, element by element; NaN equals NaN.

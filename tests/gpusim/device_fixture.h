@@ -6,10 +6,10 @@
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <random>
-#include <thread>
 #include <vector>
+
+#include "gate.h"
 
 #define EXPECT_CUDA(call) EXPECT_EQ(call, cudaSuccess)
 #define ASSERT_CUDA(call) ASSERT_EQ(call, cudaSuccess)
@@ -75,28 +75,6 @@ public:
 private:
     size_t size_;
     T* data_ = nullptr;
-};
-
-/// Holds a stream until the gate is opened.
-class Gate {
-public:
-    explicit Gate(cudaStream_t stream) {
-        EXPECT_CUDA(cudaLaunchHostFunc(stream, &Gate::wait, this));
-    }
-    /// The stream must be past the gate before the gate goes.
-    ~Gate() {
-        open();
-        cudaDeviceSynchronize();
-    }
-    void open() { open_ = true; }
-
-private:
-    static void wait(void* self) {
-        while (!static_cast<Gate*>(self)->open_) {
-            std::this_thread::yield();
-        }
-    }
-    std::atomic<bool> open_{false};
 };
 
 inline std::vector<float> random_floats(size_t size, unsigned seed) {

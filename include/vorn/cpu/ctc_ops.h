@@ -2,7 +2,6 @@
 #define VORN_CPU_CTC_OPS_H_
 
 #include <algorithm>
-#include <limits>
 
 #include "vorn/cpu/reduce.h"
 #include "vorn/tensor/tensor.h"
@@ -25,31 +24,6 @@ inline void vorn_compute_ctc_err(const Tensor<float>&, const Tensor<float>&, con
                                  const Tensor<int>&, const Tensor<float>&, Tensor<float>&) {
     LOG_FATAL << "Not Implemented Yet";
 }
-
-/// The lowest column of the largest element above the lowest finite float, else -1, in each lane.
-struct MaxIdFold {
-    using Element = float;
-    using Result = int;
-    struct Acc {
-        Lanes<float>::Full max;
-        Lanes<int>::Full id, column;
-    };
-
-    Acc start() const {
-        Acc acc;
-        splat(acc.max, std::numeric_limits<float>::lowest());
-        splat(acc.id, -1);
-        splat(acc.column, 0);
-        return acc;
-    }
-    void fold(Acc& acc, const Lanes<float>::Full& column) const {
-        const Lanes<int>::Full above = column > acc.max;
-        acc.max = above ? column : acc.max;
-        acc.id = above ? acc.column : acc.id;
-        acc.column += 1;
-    }
-    void finish(const Acc& acc, int* result) const { store(result, acc.id); }
-};
 
 inline void vorn_find_row_max_id(const Tensor<float>& in, Tensor<int>& max_id_vec) {
     const index_t dimM = in.row(), dimN = in.get_w();

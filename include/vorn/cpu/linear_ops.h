@@ -1,9 +1,6 @@
 #ifndef VORN_CPU_LINEAR_OPS_H_
 #define VORN_CPU_LINEAR_OPS_H_
 
-#include <algorithm>
-
-#include "vorn/cpu/lanes.h"
 #include "vorn/cpu/memory.h"
 #include "vorn/tensor/tensor.h"
 
@@ -50,23 +47,6 @@ inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Te
         float& winner = out_p[index * pooling_size + idx_p[index]];
         winner = alpha * in_p[index] + beta * winner;
     }
-}
-
-/// Copies `rows` rows of n floats. The first lines of the next row are fetched ahead: the processor
-/// foresees a row, but not where the next one starts.
-inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
-                      index_t n) {
-    constexpr index_t kAhead = 512;  // elements
-    const bool stream = rows * n * sizeof(float) >= kStreamBytes;
-    for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
-        prefetch_run(in + ld_in, std::min(n, kAhead));
-        if (stream) {
-            stream_copy(out, in, n);
-        } else {
-            copy_run(out, in, n);
-        }
-    }
-    _mm_sfence();
 }
 
 inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t offset) {

@@ -9,6 +9,9 @@
 #include <cstring>
 #include <iterator>
 
+#include "vorn/base.h"
+#include "vorn/cpu/lanes.h"
+
 namespace vorn {
 
 const size_t MALLOC_ALIGNED = 32;  ///< The least alignment of host blocks, in bytes.
@@ -113,6 +116,29 @@ inline void stream_copy(float* out, const float* in, size_t n) {
         std::copy_n(in, count, p);
         in += count;
     });
+}
+
+/// Copies `rows` rows of n floats. The first lines of the next row are fetched ahead: the processor
+/// foresees a row, but not where the next one starts.
+inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
+                      index_t n) {
+    if (n == 1) {
+        for (index_t i = 0; i < rows; ++i) {
+            out[i * ld_out] = in[i * ld_in];
+        }
+        return;
+    }
+    constexpr index_t kAhead = 512;  // elements
+    const bool stream = rows * n * sizeof(float) >= kStreamBytes;
+    for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
+        prefetch_run(in + ld_in, std::min(n, kAhead));
+        if (stream) {
+            stream_copy(out, in, n);
+        } else {
+            copy_run(out, in, n);
+        }
+    }
+    _mm_sfence();
 }
 
 }  // namespace cpu

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <limits>
 
 #include "vorn/cpu/lanes.h"
 #include "vorn/ops/reduce_functors.h"
@@ -180,6 +181,31 @@ void fold_rows(F f, const T* in, index_t dim_m, index_t dim_n, index_t ld, Save 
         }
     }
 }
+
+/// The lowest column of the largest element above the lowest finite float, else -1, in each lane.
+struct MaxIdFold {
+    using Element = float;
+    using Result = int;
+    struct Acc {
+        Lanes<float>::Full max;
+        Lanes<int>::Full id, column;
+    };
+
+    Acc start() const {
+        Acc acc;
+        splat(acc.max, std::numeric_limits<float>::lowest());
+        splat(acc.id, -1);
+        splat(acc.column, 0);
+        return acc;
+    }
+    void fold(Acc& acc, const Lanes<float>::Full& column) const {
+        const Lanes<int>::Full above = column > acc.max;
+        acc.max = above ? column : acc.max;
+        acc.id = above ? acc.column : acc.id;
+        acc.column += 1;
+    }
+    void finish(const Acc& acc, int* result) const { store(result, acc.id); }
+};
 
 /// out[i] = save(fold of row i of `in`)
 template <typename Reducer, typename In, typename Out>
