@@ -103,6 +103,22 @@ void rnnoise(benchmark::State& state) {
 }
 BENCHMARK(rnnoise)->Apply(extents);
 
+// The same loop over rows.
+void rnnoise_scalar(benchmark::State& state) {
+    Rows t(state);
+    const int dim_n = t.size[1];
+    against_copy(state, 8.0 * t.in.count(), [&] {
+        for (int i = 0; i < t.size[0]; ++i) {
+            float sum = 0;
+            for (int j = i * dim_n; j < (i + 1) * dim_n; ++j) {
+                sum += func::rnnoise_cost(t.in.get_ptr()[j], t.label.get_ptr()[j]);
+            }
+            t.cost.get_ptr()[i] = sum;
+        }
+    });
+}
+BENCHMARK(rnnoise_scalar)->Apply(extents);
+
 void rnnoise_backward(benchmark::State& state) {
     Rows t(state);
     against_copy(state, 16.0 * t.in.count(),
