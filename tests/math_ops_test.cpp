@@ -44,10 +44,10 @@ const struct {
      [](TensorF& t, const TensorF* in) { in ? t.limit(*in, -2.5f, 4) : t.limit(-2.5f, 4); }},
     {"smooth_l1", -0.5f, 0.5f, kHalfUlp,
      [](double x) { return std::abs(x) < 1 / 9.0 ? 4.5 * x * x : std::abs(x) - 1 / 18.0; },
-     [](TensorF& t, const TensorF* in) { unary_op(func::smooth_l1(9), in ? *in : t, t); }},
+     [](TensorF& t, const TensorF* in) { t.smooth_l1(in ? *in : t, 9); }},
     {"smooth_l1_bp", -0.5f, 0.5f, kHalfUlp,
      [](double x) { return std::abs(x) < 1 / 9.0 ? 9 * x : (x > 0) - (x < 0); },
-     [](TensorF& t, const TensorF* in) { unary_op(func::smooth_l1_bp(9), in ? *in : t, t); }},
+     [](TensorF& t, const TensorF* in) { t.smooth_l1_bp(in ? *in : t, 9); }},
 };
 
 class MathOpsTest : public DeviceTest {

@@ -4,6 +4,7 @@
 #include "vml.h"
 #include "vorn/cpu/channel_ops.h"
 #include "vorn/cpu/label_ops.h"
+#include "vorn/cpu/loss_ops.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms that leave the frame for a vector library. All operands are contiguous and of the

@@ -10,6 +10,7 @@
 #include "vorn/gpu/math_ops.h"
 #include "vorn/ops/channel_ops.h"
 #include "vorn/ops/label_ops.h"
+#include "vorn/ops/loss_ops.h"
 #include "vorn/ops/ops.h"
 
 /// The element rules: each picks its rule and its way through the frame, whose tests of sizes and
