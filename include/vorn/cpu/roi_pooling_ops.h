@@ -35,9 +35,9 @@ struct RoiBins {
     std::vector<func::Span> rows, cols;
 };
 
-/// Channels whose maxima are taken together, their values at a cell side by side. The few columns
-/// of a bin in one channel are a slow chain of dependent steps: six times as slow, measured with
-/// regions of all sizes on a map of 38 x 50.
+/// Channels whose maxima are taken together, their values at a cell side by side. One channel at a
+/// time, the few columns of a bin are a chain of dependent steps: seven times as slow, measured
+/// with regions of all sizes on a map of 38 x 50.
 constexpr int kRoiLanes = 32;
 
 /// The maximum of a bin in each lane, and its place, the first in row-major order among equals.
