@@ -165,6 +165,10 @@ static __global__ void KeMaskReverse(const float* in, const int* batch_seq_len, 
     }
 }
 
+// Apart, because label_ops.h has a template of the same name, and nvcc doesn't choose from several
+// functions where a kernel is a template argument.
+namespace rnn_step {
+
 /// mask: (sub_frame_len x batch_size), batch_seq_len: batch_size. One thread a sequence.
 static __global__ void KeCountValidLabel(const int* mask, int* batch_seq_len, int batch_size,
                                          int sub_frame_len) {
@@ -176,6 +180,8 @@ static __global__ void KeCountValidLabel(const int* mask, int* batch_seq_len, in
         batch_seq_len[b] = count;
     }
 }
+
+}  // namespace rnn_step
 
 inline dim3 cell_grid(const Tensor<float>& out, int threads) {
     return dim3(div_up(static_cast<int>(out.get_w()), threads), static_cast<int>(out.row()), 1);
@@ -283,10 +289,9 @@ inline void vorn_mask_reverse(const Tensor<float>& in, const Tensor<int>& batch_
 
 inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
                                    int batch_size, int sub_frame_len) {
-    // A template of label_ops.h has the kernel's name too; the type says which is meant.
-    constexpr void (*kernel)(const int*, int*, int, int) = KeCountValidLabel;
-    launch<kernel>(std::min(div_up(batch_size, kRnnStepThreads), kMaxGridSize), kRnnStepThreads,
-                   mask.get_ptr(), batch_seq_len.get_ptr(), batch_size, sub_frame_len);
+    launch<rnn_step::KeCountValidLabel>(std::min(div_up(batch_size, kRnnStepThreads), kMaxGridSize),
+                                        kRnnStepThreads, mask.get_ptr(), batch_seq_len.get_ptr(),
+                                        batch_size, sub_frame_len);
     VORN_KERNEL_TAIL();
 }
 
