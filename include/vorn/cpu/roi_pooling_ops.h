@@ -204,7 +204,7 @@ inline void vorn_psroi_pool_diff(const PSROIPoolingDesc& desc, const Tensor<floa
                                  Tensor<float>& out) {
     const Dim &map = out.get_size(), &grid = diff.get_size();
     const int channels = map[-3], height = map[-2], width = map[-1];
-    const int num_rois = grid[-4], output_dim = grid[-3];
+    const int num_rois = get_reverse<-4>(grid), output_dim = grid[-3];
     const float* diff_p = diff.get_ptr();
     const int* channel_p = map_channel.get_ptr();
     for (int n = 0; n < num_rois; ++n) {
