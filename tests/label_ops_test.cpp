@@ -145,8 +145,8 @@ protected:
     }
 
     static bool copies_wait() {
-        Gate gate(default_stream, std::chrono::seconds(1));
         size_t count;
+        Gate gate(default_stream, std::chrono::seconds(1));
         cudaMemcpyAsync(&count, t_ctx->cpu_mem, sizeof(count), cudaMemcpyHostToHost,
                         default_stream);
         return !gate.holds();
@@ -157,9 +157,10 @@ protected:
         out.cal_classify_acu_target(scores, zeros, mask, max_idx, kIgnore, count);
     }
 
-    TensorF label{Dim(900), GPU}, zeros{Dim(900), GPU}, out{Dim(900), GPU};
-    TensorF scores{Dim(900, 4), GPU};
-    Tensor<int> mask{Dim(900), GPU}, max_idx{Dim(900), GPU};
+    const Device device = has_gpu() ? GPU : CPU;  // without one, SetUp skips the test
+    TensorF label{Dim(900), device}, zeros{Dim(900), device}, out{Dim(900), device};
+    TensorF scores{Dim(900, 4), device};
+    Tensor<int> mask{Dim(900), device}, max_idx{Dim(900), device};
 };
 
 TEST_F(AsyncCountTest, ACallDoesNotWaitForItsCount) {
