@@ -207,10 +207,10 @@ TEST_P(ConvTest, Bias) {
     }
 }
 
-TEST_P(ConvTest, TransposeChannelHeight) {
-    if (GetParam() == Place::kGpuPitched) {
-        GTEST_SKIP() << "dense only";
-    }
+class TransposeChannelHeightTest : public DeviceTest {};
+INSTANTIATE_TEST_SUITE_P(Places, TransposeChannelHeightTest, kDensePlaces, name_of_place);
+
+TEST_P(TransposeChannelHeightTest, ExchangesTwoAxes) {
     // On both sides of a block's 128 x 4 threads and of the grid's cap; and nothing at all.
     for (const Dim& size : {Dim(2, 3, 4, 5), Dim(1, 1, 1, 1), Dim(2, 3, 5, 129), Dim(3, 2, 9, 31),
                             Dim(40961, 1, 2, 1), Dim(0, 3, 4, 5), Dim(2, 3, 4, 0)}) {
