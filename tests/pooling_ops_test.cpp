@@ -206,25 +206,36 @@ TEST_F(HostPoolingTest, RegionsOutsideTheImage) {
     EXPECT_EQ(values_of(dx), Values({0, 5, 0, 0}));
 }
 
-// Float sums in row-major order of the region, on both ways through the loops.
+// Float sums of a region in row-major order, on both ways through the loops, and of an element's
+// gradient in the order of its regions.
 TEST_F(HostPoolingTest, SumsAreRoundedInOrder) {
     const int side = 41;
     const Values x = random_values(side * side, 5);
     const float alpha = 0.3f, beta = 0.7f;
     for (const auto& [window, stride] : {std::pair<int, int>{5, 1}, {5, 2}, {5, 3}, {41, 1}}) {
-        const int count = (side - window) / stride + 1;
-        Values expected;
+        const int count = (side - window) / stride + 1, size = window * window;
+        const Values dy = random_values(count * count, 6);
+        Values expected, gradient = x;
+        for (float& value : gradient) {
+            value *= beta;
+        }
         for (int at = 0; at < count * count; ++at) {
             float sum = 0;
-            for (int i = 0; i < window * window; ++i) {
+            for (int i = 0; i < size; ++i) {
                 const int h = at / count * stride + i / window,
                           w = at % count * stride + i % window;
                 sum += x[h * side + w];
+                gradient[h * side + w] += (dy[at] * alpha) / size;
             }
-            expected.push_back((sum * alpha) / (window * window) + beta * 10);
+            expected.push_back((sum * alpha) / size + beta * 10);
         }
         const PoolingDesc desc(window, window, stride, stride, AVG_POOLING_TYPE_INCLUDE_PADDING);
-        expect_same_bits(pool(desc, Dim(side, side), x, Dim(count, count), alpha, beta), expected);
+        const Dim pooled(count, count);
+        expect_same_bits(pool(desc, Dim(side, side), x, pooled, alpha, beta), expected);
+        TensorF dx = dense(Dim(side, side), x, CPU);
+        const TensorF dy_in = dense(pooled, dy, CPU);
+        dx.pool_bp(desc, dy_in, dy_in, dx, alpha, beta);
+        expect_same_bits(values_of(dx), gradient);
     }
 }
 
