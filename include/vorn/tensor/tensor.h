@@ -382,10 +382,10 @@ public:
     void count_valid_label(const Tensor<int>& mask, DType ignore_label_val, size_t* count);
     /// Per row of the class scores `in`: max_idx = the class of the largest score, this = that
     /// score; and *count = the number of rows with the mask on whose class is the label and whose
-    /// label is not `ignore_label_val`. Among equal scores the host takes the lowest class. On a GPU
-    /// class c is read by thread c % 128, and that of the first thread in bit-reversed order wins:
-    /// 0, then 64, 32, 96 and so on. The host compares class and label as floats, a GPU as integers.
-    /// Aborts unless `in` is a matrix and the element counts fit its rows.
+    /// label is not `ignore_label_val`. Among equal scores the host takes the lowest class. On a
+    /// GPU class c is read by thread c % 128, and that of the first thread in bit-reversed order
+    /// wins: 0, then 64, 32, 96 and so on. The host compares class and label as floats, a GPU as
+    /// integers. Aborts unless `in` is a matrix and the element counts fit its rows.
     void cal_classify_acu_target(const Tensor<float>& in, const Tensor<float>& label,
                                  const Tensor<int>& mask, Tensor<int>& max_idx,
                                  DType ignore_label_val, size_t* count);
