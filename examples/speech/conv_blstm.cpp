@@ -18,7 +18,7 @@ ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device devic
     }
 }
 
-void ConvBlstmNetwork::initialise(Random* random) {
+void ConvBlstmNetwork::initialise(common::Random* random) {
     _conv.initialise(random);
     _norm.initialise();
     for (const auto& layer : _layers) {
@@ -51,9 +51,9 @@ void ConvBlstmNetwork::backward(const FrameBatch& batch, const vorn::Tensor<floa
     _conv.backward(*layer_error);
 }
 
-std::vector<Parameter*> ConvBlstmNetwork::parameters() {
-    std::vector<Parameter*> all = _conv.parameters();
-    const auto append = [&all](const std::vector<Parameter*>& its) {
+std::vector<common::Parameter*> ConvBlstmNetwork::parameters() {
+    std::vector<common::Parameter*> all = _conv.parameters();
+    const auto append = [&all](const std::vector<common::Parameter*>& its) {
         all.insert(all.end(), its.begin(), its.end());
     };
     append(_norm.parameters());

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "common/parameter.h"
 #include "conv_layer.h"
 #include "ctc_batch.h"
-#include "parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -53,16 +53,16 @@ public:
     Network(const Network&) = delete;
     Network& operator=(const Network&) = delete;
 
-    virtual void initialise(Random* random) = 0;
+    virtual void initialise(common::Random* random) = 0;
     /// The posteriors, batch.rows() x classes; good until the next call.
     virtual const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass pass) = 0;
     /// After a training forward() of the same batch: sets the gradients of all parameters from the
     /// gradient of the loss with respect to the softmax inputs.
     virtual void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) = 0;
     /// All parameters, in the order in which a model file holds them.
-    virtual std::vector<Parameter*> parameters() = 0;
+    virtual std::vector<common::Parameter*> parameters() = 0;
     /// What the network has learnt besides its parameters; stands behind them in a model file.
-    virtual std::vector<NamedTensor> statistics() { return {}; }
+    virtual std::vector<common::NamedTensor> statistics() { return {}; }
 
     vorn::Device device() const { return _device; }
 

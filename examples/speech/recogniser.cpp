@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <numeric>
 
-#include "error.h"
+#include "common/error.h"
 
 namespace speech {
 
@@ -42,7 +42,7 @@ std::vector<std::vector<int>> recognise(Network* network, const std::vector<Samp
         best.copy_to(classes.data(), 0, classes.size());
         // A row of NaN has no maximum.
         if (*std::min_element(classes.begin(), classes.end()) < 0) {
-            throw Error("the network's posteriors are not numbers; its model is damaged");
+            throw common::Error("the network's posteriors are not numbers; its model is damaged");
         }
         for (int n = 0; n < batch.size; ++n) {
             labels[order[begin + n]] =

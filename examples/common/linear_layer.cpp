@@ -1,8 +1,8 @@
-#include "linear_layer.h"
+#include "common/linear_layer.h"
 
 #include <cmath>
 
-namespace speech {
+namespace common {
 
 LinearLayer::LinearLayer(const std::string& name, int inputs, int outputs, vorn::Device device)
     : _weight(name + ".weight", vorn::Dim(inputs, outputs), device),
@@ -31,4 +31,4 @@ vorn::Tensor<float>& LinearLayer::backward(const vorn::Tensor<float>& in,
     return _in_error;
 }
 
-}  // namespace speech
+}  // namespace common

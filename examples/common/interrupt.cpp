@@ -1,6 +1,6 @@
-#include "interrupt.h"
+#include "common/interrupt.h"
 
-namespace speech {
+namespace common {
 
 namespace {
 
@@ -29,4 +29,4 @@ bool InterruptScope::requested() const {
     return g_interrupted != 0;
 }
 
-}  // namespace speech
+}  // namespace common

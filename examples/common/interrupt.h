@@ -1,9 +1,9 @@
-#ifndef SPEECH_INTERRUPT_H_
-#define SPEECH_INTERRUPT_H_
+#ifndef COMMON_INTERRUPT_H_
+#define COMMON_INTERRUPT_H_
 
 #include <csignal>
 
-namespace speech {
+namespace common {
 
 /// Turns the first Ctrl-C (SIGINT) within a scope into a request; a second one ends the program.
 class InterruptScope {
@@ -19,6 +19,6 @@ private:
     struct sigaction _previous;
 };
 
-}  // namespace speech
+}  // namespace common
 
-#endif  // SPEECH_INTERRUPT_H_
+#endif  // COMMON_INTERRUPT_H_

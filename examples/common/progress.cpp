@@ -1,4 +1,4 @@
-#include "progress.h"
+#include "common/progress.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -7,8 +7,11 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <utility>
 
-namespace speech {
+#include "common/format.h"
+
+namespace common {
 
 namespace {
 
@@ -30,11 +33,10 @@ std::string format(const char* pattern, Args... args) {
     return text;
 }
 
-std::string format_rate(double frames_per_second) {
-    if (frames_per_second >= 10000) {
-        return format("%.0fk frames/s", frames_per_second / 1000);
-    }
-    return format("%.0f frames/s", frames_per_second);
+std::string format_rate(double per_second, const std::string& unit) {
+    const bool thousands = per_second >= 10000;
+    return format("%.0f", thousands ? per_second / 1000 : per_second) + (thousands ? "k " : " ") +
+           unit + "/s";
 }
 
 double seconds_between(std::chrono::steady_clock::time_point from,
@@ -44,26 +46,12 @@ double seconds_between(std::chrono::steady_clock::time_point from,
 
 }  // namespace
 
-std::string format_duration(double seconds) {
-    if (!std::isfinite(seconds) || seconds >= 1e8) {
-        return "-";
-    }
-    const long whole = std::lround(std::max(seconds, 0.0));
-    if (whole < 60) {
-        return format("%ld s", whole);
-    }
-    if (whole < 3600) {
-        return format("%ld min %02ld s", whole / 60, whole % 60);
-    }
-    return format("%ld h %02ld min", whole / 3600, whole / 60 % 60);
-}
-
 std::string progress_line(const ProgressState& state, int width) {
     const double share = std::clamp(
         static_cast<double>(state.done) / std::max<std::int64_t>(state.total, 1), 0.0, 1.0);
     const std::string head = format("epoch %d/%d ", state.epoch, state.epochs);
     const std::string tail = format(" %3.0f%%  loss %.3f  ", std::floor(100 * share), state.loss) +
-                             format_rate(state.frames_per_second) + "  " +
+                             format_rate(state.per_second, state.unit) + "  " +
                              format_duration(state.seconds_left) + " left";
 
     std::string bar;
@@ -80,14 +68,15 @@ std::string progress_line(const ProgressState& state, int width) {
     return (head + bar + tail).substr(0, std::max(width, 0));
 }
 
-Progress::Progress(int epochs, std::int64_t frames_per_epoch)
-    : Progress(epochs, frames_per_epoch, &std::cerr, isatty(STDERR_FILENO) == 1,
+Progress::Progress(int epochs, std::int64_t per_epoch, const std::string& unit)
+    : Progress(epochs, per_epoch, unit, &std::cerr, isatty(STDERR_FILENO) == 1,
                terminal_width() - 1) {}
 
-Progress::Progress(int epochs, std::int64_t frames_per_epoch, std::ostream* out, bool terminal,
-                   int width)
+Progress::Progress(int epochs, std::int64_t per_epoch, std::string unit, std::ostream* out,
+                   bool terminal, int width)
     : _epochs(epochs),
-      _frames_per_epoch(frames_per_epoch),
+      _per_epoch(per_epoch),
+      _unit(std::move(unit)),
       _out(out),
       _terminal(terminal),
       _width(width) {}
@@ -106,17 +95,18 @@ void Progress::update(int epoch, std::int64_t done, double loss) {
     _last_drawn = now;
 
     const double elapsed = seconds_between(_start, now);
-    const double frames = static_cast<double>(epoch - 1) * static_cast<double>(_frames_per_epoch) +
-                          static_cast<double>(done);
-    const double all = static_cast<double>(_epochs) * static_cast<double>(_frames_per_epoch);
+    const double done_in_all = static_cast<double>(epoch - 1) * static_cast<double>(_per_epoch) +
+                               static_cast<double>(done);
+    const double all = static_cast<double>(_epochs) * static_cast<double>(_per_epoch);
     ProgressState state;
     state.epoch = epoch;
     state.epochs = _epochs;
     state.done = done;
-    state.total = _frames_per_epoch;
+    state.total = _per_epoch;
+    state.unit = _unit;
     state.loss = loss;
-    state.frames_per_second = elapsed > 0 ? frames / elapsed : 0;
-    state.seconds_left = (all - frames) / state.frames_per_second;
+    state.per_second = elapsed > 0 ? done_in_all / elapsed : 0;
+    state.seconds_left = (all - done_in_all) / state.per_second;
 
     if (_terminal) {
         // Erasing to the end of the line clears what a longer line left there.
@@ -135,4 +125,4 @@ void Progress::end_line(const std::string& text) {
     *_out << text << '\n' << std::flush;
 }
 
-}  // namespace speech
+}  // namespace common

@@ -1,13 +1,13 @@
-#ifndef SPEECH_LINEAR_LAYER_H_
-#define SPEECH_LINEAR_LAYER_H_
+#ifndef COMMON_LINEAR_LAYER_H_
+#define COMMON_LINEAR_LAYER_H_
 
 #include <string>
 #include <vector>
 
-#include "parameter.h"
+#include "common/parameter.h"
 #include "vorn/vorn.h"
 
-namespace speech {
+namespace common {
 
 /// out = in * weight + bias, row by row.
 class LinearLayer {
@@ -27,6 +27,6 @@ private:
     vorn::Tensor<float> _in_error;
 };
 
-}  // namespace speech
+}  // namespace common
 
-#endif  // SPEECH_LINEAR_LAYER_H_
+#endif  // COMMON_LINEAR_LAYER_H_

@@ -1,14 +1,16 @@
-#include "optimizer.h"
+#include "common/optimizer.h"
 
+#include <algorithm>
 #include <cmath>
 
-namespace speech {
+namespace common {
 
 namespace {
 
 constexpr double kMeanDecay = 0.9;
 constexpr double kSquareDecay = 0.99;
 constexpr double kEpsilon = 1e-8;
+constexpr std::int64_t kWarmUpUpdates = 100;
 
 }  // namespace
 
@@ -25,6 +27,12 @@ double clip_gradients(const std::vector<Parameter*>& parameters, double limit) {
         }
     }
     return norm;
+}
+
+double scheduled_rate(double highest, std::int64_t update, std::int64_t planned) {
+    const double warm_up = std::min(1.0, static_cast<double>(update + 1) / kWarmUpUpdates);
+    const double done = static_cast<double>(update) / static_cast<double>(planned);
+    return highest * warm_up * 0.5 * (1 + std::cos(M_PI * std::min(done, 1.0)));
 }
 
 Adam::Adam(const std::vector<Parameter*>& parameters) : _parameters(parameters) {
@@ -56,4 +64,4 @@ void Adam::step(double rate) {
     }
 }
 
-}  // namespace speech
+}  // namespace common

@@ -1,22 +1,14 @@
-#ifndef SPEECH_PARAMETER_H_
-#define SPEECH_PARAMETER_H_
+#ifndef COMMON_PARAMETER_H_
+#define COMMON_PARAMETER_H_
 
-#include <cstdint>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "common/random.h"
 #include "vorn/vorn.h"
 
-namespace speech {
-
-using Random = std::mt19937_64;
-
-/// Evenly distributed in [0, 1), the same on every platform.
-inline double uniform(Random* random) {
-    return static_cast<double>((*random)() >> 11) * 0x1p-53;
-}
+namespace common {
 
 /// A tensor that a model file holds.
 struct NamedTensor {
@@ -43,6 +35,6 @@ struct Parameter {
     }
 };
 
-}  // namespace speech
+}  // namespace common
 
-#endif  // SPEECH_PARAMETER_H_
+#endif  // COMMON_PARAMETER_H_

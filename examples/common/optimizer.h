@@ -1,16 +1,21 @@
-#ifndef SPEECH_OPTIMIZER_H_
-#define SPEECH_OPTIMIZER_H_
+#ifndef COMMON_OPTIMIZER_H_
+#define COMMON_OPTIMIZER_H_
 
+#include <cstdint>
 #include <vector>
 
-#include "parameter.h"
+#include "common/parameter.h"
 #include "vorn/vorn.h"
 
-namespace speech {
+namespace common {
 
 /// Scales all gradients by one factor so that their joint Euclidean norm is at most `limit`.
 /// Returns the norm before.
 double clip_gradients(const std::vector<Parameter*>& parameters, double limit);
+
+/// The learning rate of update number `update`, from 0: rises to `highest` over the first hundred,
+/// then falls to zero at `planned` updates on half a cosine wave.
+double scheduled_rate(double highest, std::int64_t update, std::int64_t planned);
 
 /// Adam (Kingma and Ba, 2015): each value moves by
 ///
@@ -33,6 +38,6 @@ private:
     int _steps = 0;
 };
 
-}  // namespace speech
+}  // namespace common
 
-#endif  // SPEECH_OPTIMIZER_H_
+#endif  // COMMON_OPTIMIZER_H_
