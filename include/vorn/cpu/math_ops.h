@@ -2,6 +2,7 @@
 #define VORN_CPU_MATH_OPS_H_
 
 #include "vml.h"
+#include "vorn/cpu/loss_ops.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms that leave the frame for a vector library. All operands are contiguous and of the

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
 #include "vorn/cpu/vector_math.h"
 #include "vorn/tensor/tensor.h"
@@ -18,8 +19,6 @@ namespace cpu {
 
 inline constexpr int kRowGroup = 8;              ///< Rows whose sums run side by side.
 inline constexpr index_t kColumnChunk = 256;     ///< Columns of such rows, for the L1 cache.
-inline constexpr index_t kPositionChunk = 512;   ///< Positions of all channels, for the L2 cache.
-inline constexpr index_t kNarrow = 64;           ///< Shorter channels are joined into longer runs.
 inline constexpr index_t kBackwardPart = 32768;  ///< Elements of the backward pass, for the L2.
 
 // ---- Loops on runs of elements
@@ -108,36 +107,6 @@ template <typename F>
 void for_each_row_group(index_t dim_m, F group) {
     for (index_t i = 0; i < dim_m; i += kRowGroup) {
         group(i, static_cast<int>(std::min<index_t>(kRowGroup, dim_m - i)));
-    }
-}
-
-/// Calls part(first element, positions in it, channels per run) for the parts of one outer index,
-/// which hold all channels of some of its positions.
-template <typename F>
-void for_each_part(index_t channel, index_t inner, F part) {
-    if (inner < kNarrow) {
-        part(0, inner, std::min(channel, kNarrow / std::max<index_t>(1, inner)));
-        return;
-    }
-    for (index_t k = 0; k < inner; k += kPositionChunk) {
-        part(k, std::min(kPositionChunk, inner - k), 1);
-    }
-}
-
-/// Calls run(first element, length) for the elements of a part: `n` positions of each of `channel`
-/// channels that lie `inner` apart. `repeat` channels at a time form one run, so that a short
-/// channel still fills vectors; above 1 the part has all positions, which makes such runs dense.
-template <typename F>
-void for_each_run(index_t channel, index_t inner, index_t n, index_t repeat, F run) {
-    for (index_t c = 0; c < channel; c += repeat) {
-        run(c * inner, std::min(repeat, channel - c) * n);
-    }
-}
-
-/// Lays the values of `n` positions out for a run of `repeat` channels.
-inline void repeat_positions(float* values, index_t n, index_t repeat) {
-    for (index_t k = n; k < repeat * n; ++k) {
-        values[k] = values[k - n];
     }
 }
 

@@ -7,6 +7,7 @@
 #include "vorn/cpu/blas_ops.h"
 #include "vorn/cpu/math_ops.h"
 #include "vorn/gpu/blas_ops.h"
+#include "vorn/ops/loss_ops.h"
 #include "vorn/ops/ops.h"
 
 /// The element rules: each picks its rule and its way through the frame, whose tests of sizes and
