@@ -283,9 +283,10 @@ inline void vorn_mask_reverse(const Tensor<float>& in, const Tensor<int>& batch_
 
 inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
                                    int batch_size, int sub_frame_len) {
-    launch<KeCountValidLabel>(std::min(div_up(batch_size, kRnnStepThreads), kMaxGridSize),
-                              kRnnStepThreads, mask.get_ptr(), batch_seq_len.get_ptr(), batch_size,
-                              sub_frame_len);
+    // A template of label_ops.h has the kernel's name too; the type says which is meant.
+    constexpr void (*kernel)(const int*, int*, int, int) = KeCountValidLabel;
+    launch<kernel>(std::min(div_up(batch_size, kRnnStepThreads), kMaxGridSize), kRnnStepThreads,
+                   mask.get_ptr(), batch_seq_len.get_ptr(), batch_size, sub_frame_len);
     VORN_KERNEL_TAIL();
 }
 
