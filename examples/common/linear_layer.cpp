@@ -10,8 +10,8 @@ LinearLayer::LinearLayer(const std::string& name, int inputs, int outputs, vorn:
       _out(device),
       _in_error(device) {}
 
-void LinearLayer::initialise(Random* random) {
-    _weight.randomise(1 / std::sqrt(static_cast<float>(_weight.value.get_h())), random);
+void LinearLayer::initialise(Random* random, float gain) {
+    _weight.randomise(gain / std::sqrt(static_cast<float>(_weight.value.get_h())), random);
     _bias.value.zero();
 }
 

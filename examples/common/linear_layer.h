@@ -14,7 +14,8 @@ class LinearLayer {
 public:
     LinearLayer(const std::string& name, int inputs, int outputs, vorn::Device device);
 
-    void initialise(Random* random);
+    /// Weights evenly distributed up to gain / sqrt(inputs), biases 0.
+    void initialise(Random* random, float gain = 1);
     const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in);
     /// Sets the gradients from the error at the output, and returns the error at the input.
     vorn::Tensor<float>& backward(const vorn::Tensor<float>& in, const vorn::Tensor<float>& error);

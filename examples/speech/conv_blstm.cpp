@@ -27,12 +27,12 @@ void ConvBlstmNetwork::initialise(common::Random* random) {
     _linear.initialise(random);
 }
 
-const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, Pass pass) {
+const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, common::Pass pass) {
     _lengths.resize(vorn::Dim(batch.size));
     _lengths.count_valid_label(batch.mask, batch.size, batch.frames);
     _conv_out = _conv.forward(batch.features);
-    _inputs.assign(
-        1, pass == Pass::kTraining ? _norm.train(_conv_out, batch) : _norm.infer(_conv_out, batch));
+    _inputs.assign(1, pass == common::Pass::kTraining ? _norm.train(_conv_out, batch)
+                                                      : _norm.infer(_conv_out, batch));
     for (const auto& layer : _layers) {
         _inputs.push_back(layer->forward(_inputs.back(), batch, _lengths));
     }

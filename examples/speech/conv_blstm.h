@@ -19,7 +19,7 @@ public:
     ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device);
 
     void initialise(common::Random* random) override;
-    const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass pass) override;
+    const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass pass) override;
     void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) override;
     std::vector<common::Parameter*> parameters() override;
     std::vector<common::NamedTensor> statistics() override { return _norm.statistics(); }

@@ -35,7 +35,7 @@ public:
         _linear.initialise(random);
     }
 
-    const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass) override {
+    const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass) override {
         // Views of each layer's input, for the way back.
         _inputs.assign(1, batch.features);
         for (const auto& layer : _layers) {

@@ -71,7 +71,7 @@ double Trainer::train_batch(const std::vector<const Sample*>& batch) {
     const FrameBatch frames = make_frame_batch(features_of(batch), _network->device());
     const LabelBatch labels = make_label_batch(labels_of(batch), frames);
     const double loss =
-        _loss.compute(_network->forward(frames, Pass::kTraining), frames, labels, &_error);
+        _loss.compute(_network->forward(frames, common::Pass::kTraining), frames, labels, &_error);
     _network->backward(frames, _error);
     const double norm = common::clip_gradients(_parameters, kGradientLimit);
     if (!std::isfinite(loss) || !std::isfinite(norm)) {
@@ -122,7 +122,7 @@ double Trainer::mean_loss(const std::vector<Sample>& samples) {
         }
         const FrameBatch frames = make_frame_batch(features_of(batch), _network->device());
         const LabelBatch labels = make_label_batch(labels_of(batch), frames);
-        loss += _loss.compute(_network->forward(frames, Pass::kInference), frames, labels);
+        loss += _loss.compute(_network->forward(frames, common::Pass::kInference), frames, labels);
     }
     return loss / static_cast<double>(samples.size());
 }

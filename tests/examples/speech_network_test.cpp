@@ -88,7 +88,7 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
                 transcripts.push_back(&labels[n]);
             }
             const speech::FrameBatch batch = speech::make_frame_batch(features, device);
-            computed = ctc.compute(network->forward(batch, speech::Pass::kTraining), batch,
+            computed = ctc.compute(network->forward(batch, common::Pass::kTraining), batch,
                                    speech::make_label_batch(transcripts, batch), &error);
             network->backward(batch, error);
         }

@@ -1,0 +1,188 @@
+#include "digit_images/render.h"
+
+#include <ft2build.h>
+#include FT_FREETYPE_H
+#include FT_GLYPH_H
+#include FT_OUTLINE_H
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+#include "common/error.h"
+#include "common/random.h"
+
+namespace digit_images {
+
+namespace {
+
+constexpr double kFixed = 65536;  // of FreeType's 16.16 numbers
+constexpr double kPixel = 64;     // of its 26.6 coordinates
+
+/// How a digit is drawn. Plain by default.
+struct Pose {
+    double height = 20;    ///< pixels of an unrotated digit
+    double rotation = 0;   ///< radians
+    double slant = 0;      ///< shift to the right for each pixel upwards
+    double width = 1;      ///< times that of the design
+    double thickness = 0;  ///< pixels that a stroke gains, or loses
+    double right = 0;      ///< pixels off the centre
+    double down = 0;
+    double noise = 0;  ///< standard deviation of a pixel, 1 = full scale
+};
+
+Pose draw_pose(common::Random* random) {
+    const auto between = [random](double low, double high) {
+        return low + (high - low) * common::uniform(random);
+    };
+    Pose pose;
+    pose.height = between(15, 21);
+    pose.rotation = between(-0.26, 0.26);
+    pose.slant = between(-0.2, 0.4);
+    pose.width = between(0.8, 1.25);
+    pose.thickness = between(-0.8, 1.6);
+    pose.right = between(-2.5, 2.5);
+    pose.down = between(-2.5, 2.5);
+    pose.noise = between(0, 0.1);
+    return pose;
+}
+
+/// A normal number by the polar method (Marsaglia and Bray, 1964), the same on every platform.
+double normal(common::Random* random) {
+    double x, y, square;
+    do {
+        x = 2 * common::uniform(random) - 1;
+        y = 2 * common::uniform(random) - 1;
+        square = x * x + y * y;
+    } while (square >= 1 || square == 0);
+    return x * std::sqrt(-2 * std::log(square) / square);
+}
+
+class Library {
+public:
+    Library() {
+        if (FT_Init_FreeType(&_library) != 0) {
+            throw common::Error("FreeType cannot be started");
+        }
+    }
+    ~Library() { FT_Done_FreeType(_library); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+
+    FT_Library get() const { return _library; }
+
+private:
+    FT_Library _library = nullptr;
+};
+
+class Font {
+public:
+    Font(FT_Library library, const std::filesystem::path& file) : _library(library), _file(file) {
+        // Outlines are scaled by hand: a large size keeps the design's proportions.
+        FT_Face face = nullptr;
+        require(FT_New_Face(library, file.c_str(), 0, &face) == 0, "is no font that can be read");
+        _face.reset(face);
+        require(FT_IS_SCALABLE(face) && FT_Set_Pixel_Sizes(face, 0, 256) == 0,
+                "has no outlines to scale");
+    }
+
+    /// Draws a digit into an empty image.
+    void draw(int digit, const Pose& pose, std::uint8_t* image, common::Random* random) const {
+        const FT_UInt glyph = FT_Get_Char_Index(_face.get(), '0' + digit);
+        require(
+            glyph != 0 &&
+                FT_Load_Glyph(_face.get(), glyph, FT_LOAD_NO_HINTING | FT_LOAD_NO_BITMAP) == 0 &&
+                _face->glyph->format == FT_GLYPH_FORMAT_OUTLINE,
+            "lacks the digit " + std::to_string(digit));
+        FT_Outline& outline = _face->glyph->outline;
+        place(pose, &outline);
+
+        FT_Bitmap bitmap{};
+        bitmap.rows = bitmap.width = kRenderedSide;
+        bitmap.pitch = kRenderedSide;
+        bitmap.buffer = image;
+        bitmap.num_grays = 256;
+        bitmap.pixel_mode = FT_PIXEL_MODE_GRAY;
+        require(FT_Outline_Get_Bitmap(_library, &outline, &bitmap) == 0, "cannot be drawn");
+        if (pose.noise > 0) {
+            for (int i = 0; i < kRenderedSide * kRenderedSide; ++i) {
+                const double value = image[i] + 255 * pose.noise * normal(random);
+                image[i] = static_cast<std::uint8_t>(std::clamp(value, 0.0, 255.0));
+            }
+        }
+    }
+
+private:
+    void require(bool good, const std::string& otherwise) const {
+        if (!good) {
+            throw common::Error(_file.string() + ": " + otherwise);
+        }
+    }
+
+    static FT_BBox box_of(FT_Outline* outline) {
+        FT_BBox box;
+        FT_Outline_Get_CBox(outline, &box);
+        return box;
+    }
+
+    void place(const Pose& pose, FT_Outline* outline) const {
+        const FT_BBox design = box_of(outline);
+        require(design.yMax > design.yMin && design.xMax > design.xMin, "draws nothing");
+        const double scale = pose.height * kPixel / static_cast<double>(design.yMax - design.yMin);
+        const double c = std::cos(pose.rotation) * scale, s = std::sin(pose.rotation) * scale;
+        const auto fixed = [](double value) {
+            return static_cast<FT_Fixed>(std::lround(value * kFixed));
+        };
+        // Rotation times slant and width.
+        const FT_Matrix matrix = {fixed(c * pose.width), fixed(c * pose.slant - s),
+                                  fixed(s * pose.width), fixed(s * pose.slant + c)};
+        FT_Outline_Transform(outline, &matrix);
+        if (pose.thickness != 0) {
+            FT_Outline_Embolden(outline, std::lround(pose.thickness * kPixel));
+        }
+        const FT_BBox box = box_of(outline);
+        const double middle = kRenderedSide * kPixel / 2;
+        FT_Outline_Translate(
+            outline, std::lround(middle + pose.right * kPixel - (box.xMin + box.xMax) / 2.0),
+            std::lround(middle - pose.down * kPixel - (box.yMin + box.yMax) / 2.0));
+    }
+
+    FT_Library _library;
+    std::filesystem::path _file;
+    std::unique_ptr<std::remove_pointer_t<FT_Face>, FT_Error (*)(FT_Face)> _face{nullptr,
+                                                                                 FT_Done_Face};
+};
+
+}  // namespace
+
+ImageSet render_digits(const std::vector<std::filesystem::path>& fonts, int count,
+                       std::uint64_t seed) {
+    const Library library;
+    std::vector<Font> open;
+    for (const std::filesystem::path& file : fonts) {
+        open.emplace_back(library.get(), file);
+    }
+    common::Random random(seed);
+    ImageSet set(kRenderedSide, kRenderedSide);
+    for (int i = 0; i < count; ++i) {
+        const int digit = i % kDigits;
+        const auto font = static_cast<std::size_t>(common::uniform(&random) * open.size());
+        const Pose pose = draw_pose(&random);
+        open[font].draw(digit, pose, set.add(static_cast<std::uint8_t>(digit)), &random);
+    }
+    return set;
+}
+
+ImageSet render_plain(const std::filesystem::path& font) {
+    const Library library;
+    const Font open(library.get(), font);
+    ImageSet set(kRenderedSide, kRenderedSide);
+    for (int digit = 0; digit < kDigits; ++digit) {
+        open.draw(digit, Pose(), set.add(static_cast<std::uint8_t>(digit)), nullptr);
+    }
+    return set;
+}
+
+}  // namespace digit_images
