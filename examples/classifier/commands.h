@@ -16,12 +16,12 @@ struct TrainOptions {
     std::filesystem::path model;    ///< --out
     std::filesystem::path picture;  ///< --picture; empty: none
     std::string device = "cpu";     ///< cpu or gpu
-    int epochs = 15;
+    int epochs = 12;
     int batch = 128;  ///< images
     int hidden = 512;
     int layers = 2;
     std::string activation = "relu";  ///< or maxout
-    double dropout = 0.2;
+    double dropout = 0.1;
     double learning_rate = 2e-3;
 };
 
