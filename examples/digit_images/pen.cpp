@@ -11,9 +11,9 @@ namespace digit_images {
 
 namespace {
 
-constexpr double kHeight = 1 << 14;     // of a form, in FreeType's coordinates
-constexpr double kJitter = 0.09;        // of a point, each way, where a form is 1 high
-constexpr double kThinnestPen = 0.025;  // radius
+constexpr double kHeight = 1 << 14;    // of a form, in FreeType's coordinates
+constexpr double kJitter = 0.09;       // of a point, each way, where a form is 1 high
+constexpr double kThinnestPen = 0.03;  // radius
 constexpr double kThickestPen = 0.12;
 
 struct Point {

@@ -47,7 +47,8 @@ Pose draw_pose(Part part, common::Random* random) {
     pose.rotation = training ? between(-0.25, 0.25) : between(-0.2, 0.2);
     pose.slant = training ? between(-0.3, 0.45) : between(-0.1, 0.25);
     pose.width = training ? std::exp(between(-0.5, 0.5)) : between(0.85, 1.2);
-    pose.thickness = training ? between(-0.8, 2.2) : between(-0.6, 1.4);
+    // A thin stroke must not vanish.
+    pose.thickness = pose.height * between(-0.015, training ? 0.11 : 0.07);
     pose.right = between(-2.5, 2.5);
     pose.down = between(-2.5, 2.5);
     pose.noise = between(0, 0.1);
