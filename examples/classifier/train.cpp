@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <iostream>
@@ -22,6 +23,13 @@
 namespace classifier {
 
 namespace {
+
+/// Passes over a training set after which a network hardly learns more: a small set takes more.
+int default_epochs(int images, int batch) {
+    constexpr int least = 12, least_updates = 4000;
+    const int updates = (images + batch - 1) / batch;
+    return std::max(least, (least_updates + updates - 1) / updates);
+}
 
 double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -59,17 +67,19 @@ int run_train(const TrainOptions& options) {
     const digit_images::Data data = digit_images::load_data(options.data);
 
     Network network(shape, static_cast<float>(options.dropout), compute.device());
+    const int epoch_count =
+        options.epochs.value_or(default_epochs(data.train.count(), options.batch));
     Trainer trainer(&network, &data.train,
-                    {options.epochs, options.batch, options.learning_rate, options.data.seed});
+                    {epoch_count, options.batch, options.learning_rate, options.data.seed});
     std::cout << "training on " << data.train.count() << " images, testing on " << data.test.count()
               << std::endl;
 
     const common::InterruptScope interrupt;
     const auto start = std::chrono::steady_clock::now();
-    common::Progress progress(options.epochs, data.train.count(), "images");
+    common::Progress progress(epoch_count, data.train.count(), "images");
     std::vector<common::EpochPoint> epochs;
     Evaluation evaluation;
-    for (int epoch = 1; epoch <= options.epochs; ++epoch) {
+    for (int epoch = 1; epoch <= epoch_count; ++epoch) {
         const auto epoch_start = std::chrono::steady_clock::now();
         const TrainingState training = trainer.run_epoch([&](const TrainingState& state) {
             progress.update(epoch, state.images, state.loss);
