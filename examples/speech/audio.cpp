@@ -13,7 +13,7 @@
 #include <string>
 #include <system_error>
 
-#include "error.h"
+#include "common/error.h"
 
 namespace speech {
 
@@ -24,11 +24,11 @@ using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 SoundFile open_sound(const std::filesystem::path& file, SF_INFO* info) {
     std::error_code ignored;
     if (!std::filesystem::exists(file, ignored)) {
-        throw Error(file.string() + ": no such file");
+        throw common::Error(file.string() + ": no such file");
     }
     // A pipe would block, and none of the formats could be searched in it.
     if (!std::filesystem::is_regular_file(file, ignored)) {
-        throw Error(file.string() + ": is not a regular file");
+        throw common::Error(file.string() + ": is not a regular file");
     }
     *info = SF_INFO{};
     SoundFile sound(sf_open(file.c_str(), SFM_READ, info), sf_close);
@@ -38,10 +38,10 @@ SoundFile open_sound(const std::filesystem::path& file, SF_INFO* info) {
             reason.pop_back();
         }
         std::replace(reason.begin(), reason.end(), '\n', ' ');
-        throw Error(file.string() + ": not a readable sound file (" + reason + ")");
+        throw common::Error(file.string() + ": not a readable sound file (" + reason + ")");
     }
     if (info->frames <= 0 || info->samplerate <= 0 || info->channels <= 0) {
-        throw Error(file.string() + ": holds no samples");
+        throw common::Error(file.string() + ": holds no samples");
     }
     return sound;
 }
@@ -91,16 +91,16 @@ std::vector<float> read_audio(const std::filesystem::path& file, int rate) {
         }
     }
     if (static_cast<sf_count_t>(mono.size()) != info.frames) {
-        throw Error(file.string() + ": ends after " + std::to_string(mono.size()) + " of " +
-                    std::to_string(info.frames) + " samples");
+        throw common::Error(file.string() + ": ends after " + std::to_string(mono.size()) + " of " +
+                            std::to_string(info.frames) + " samples");
     }
     if (!std::all_of(mono.begin(), mono.end(), [](float x) { return std::isfinite(x); })) {
-        throw Error(file.string() + ": holds a sample that is not finite");
+        throw common::Error(file.string() + ": holds a sample that is not finite");
     }
     try {
         return resample(mono, info.samplerate, rate);
-    } catch (const Error& error) {
-        throw Error(file.string() + ": " + error.what());
+    } catch (const common::Error& error) {
+        throw common::Error(file.string() + ": " + error.what());
     }
 }
 
@@ -111,8 +111,8 @@ std::vector<float> resample(const std::vector<float>& samples, int from, int to)
     const double ratio = static_cast<double>(to) / from;
     const double length = std::round(static_cast<double>(samples.size()) * ratio);
     if (src_is_valid_ratio(ratio) == 0 || length > std::numeric_limits<int>::max()) {
-        throw Error("cannot resample from " + std::to_string(from) + " to " + std::to_string(to) +
-                    " Hz");
+        throw common::Error("cannot resample from " + std::to_string(from) + " to " +
+                            std::to_string(to) + " Hz");
     }
     std::vector<float> result(static_cast<std::size_t>(length));
     SRC_DATA data{};
@@ -122,7 +122,7 @@ std::vector<float> resample(const std::vector<float>& samples, int from, int to)
     data.output_frames = static_cast<long>(result.size());
     data.src_ratio = ratio;
     if (const int error = src_simple(&data, SRC_SINC_MEDIUM_QUALITY, 1); error != 0) {
-        throw Error(std::string("cannot resample: ") + src_strerror(error));
+        throw common::Error(std::string("cannot resample: ") + src_strerror(error));
     }
     // The converter may end a sample early; what it left is zero already.
     return result;

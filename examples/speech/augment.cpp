@@ -14,8 +14,8 @@ constexpr int kTimeMasks = 2;
 constexpr int kLongestTimeMask = 3;  // rows
 
 /// A whole number in [0, most].
-int draw(int most, Random* random) {
-    return static_cast<int>(uniform(random) * (most + 1));
+int draw(int most, common::Random* random) {
+    return static_cast<int>(common::uniform(random) * (most + 1));
 }
 
 /// Runs of `bands` columns, one per stacked frame and delta channel, read at stretched positions.
@@ -38,7 +38,7 @@ void warp_bands(int bands, double factor, FrameMatrix* frames) {
     }
 }
 
-void mask_bands(int bands, FrameMatrix* frames, Random* random) {
+void mask_bands(int bands, FrameMatrix* frames, common::Random* random) {
     const int width = std::min(draw(kWidestBandMask, random), bands);
     const int begin = draw(bands - width, random);
     for (std::size_t run = 0; run < frames->values.size(); run += bands) {
@@ -46,7 +46,7 @@ void mask_bands(int bands, FrameMatrix* frames, Random* random) {
     }
 }
 
-void mask_time(FrameMatrix* frames, Random* random) {
+void mask_time(FrameMatrix* frames, common::Random* random) {
     const int length = std::min(draw(kLongestTimeMask, random), frames->rows);
     const int begin = draw(frames->rows - length, random);
     std::fill_n(frames->row(begin), length * frames->columns, 0.0f);
@@ -54,8 +54,8 @@ void mask_time(FrameMatrix* frames, Random* random) {
 
 }  // namespace
 
-void augment(const FeatureOptions& options, FrameMatrix* frames, Random* random) {
-    warp_bands(options.bands, 1 + kLargestWarp * (2 * uniform(random) - 1), frames);
+void augment(const FeatureOptions& options, FrameMatrix* frames, common::Random* random) {
+    warp_bands(options.bands, 1 + kLargestWarp * (2 * common::uniform(random) - 1), frames);
     for (int i = 0; i < kBandMasks; ++i) {
         mask_bands(options.bands, frames, random);
     }

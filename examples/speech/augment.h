@@ -1,8 +1,8 @@
 #ifndef SPEECH_AUGMENT_H_
 #define SPEECH_AUGMENT_H_
 
+#include "common/parameter.h"
 #include "features.h"
-#include "parameter.h"
 
 namespace speech {
 
@@ -15,7 +15,7 @@ namespace speech {
 ///   normalised features (Park et al., "SpecAugment", Interspeech 2019).
 ///
 /// `frames` are normalised features made with `options`.
-void augment(const FeatureOptions& options, FrameMatrix* frames, Random* random);
+void augment(const FeatureOptions& options, FrameMatrix* frames, common::Random* random);
 
 }  // namespace speech
 

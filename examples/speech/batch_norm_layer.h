@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "common/parameter.h"
 #include "ctc_batch.h"
-#include "parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -27,8 +27,8 @@ public:
     /// error at the input.
     void backward(const vorn::Tensor<float>& in, const FrameBatch& batch,
                   vorn::Tensor<float>& error);
-    std::vector<Parameter*> parameters() { return {&_scale, &_bias}; }
-    std::vector<NamedTensor> statistics() {
+    std::vector<common::Parameter*> parameters() { return {&_scale, &_bias}; }
+    std::vector<common::NamedTensor> statistics() {
         return {{_name + ".mean_sum", &_mean_sum},
                 {_name + ".variance_sum", &_variance_sum},
                 {_name + ".batches", &_batches}};
@@ -36,8 +36,8 @@ public:
 
 private:
     std::string _name;
-    Parameter _scale;
-    Parameter _bias;
+    common::Parameter _scale;
+    common::Parameter _bias;
     // Sums over all batches so far, older ones counting for less, and the sum of what they count.
     vorn::Tensor<float> _mean_sum, _variance_sum, _batches;
     // Of the latest batch.

@@ -12,7 +12,7 @@ BlstmLayer::BlstmLayer(const std::string& name, int inputs, int cells, vorn::Dev
     }
 }
 
-void BlstmLayer::initialise(Random* random) {
+void BlstmLayer::initialise(common::Random* random) {
     _forward.initialise(random);
     _backward.initialise(random);
 }
@@ -48,9 +48,9 @@ vorn::Tensor<float>& BlstmLayer::backward(const vorn::Tensor<float>& in, const F
     return _in_error;
 }
 
-std::vector<Parameter*> BlstmLayer::parameters() {
-    std::vector<Parameter*> all = _forward.parameters();
-    const std::vector<Parameter*> other = _backward.parameters();
+std::vector<common::Parameter*> BlstmLayer::parameters() {
+    std::vector<common::Parameter*> all = _forward.parameters();
+    const std::vector<common::Parameter*> other = _backward.parameters();
     all.insert(all.end(), other.begin(), other.end());
     return all;
 }

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "common/parameter.h"
 #include "ctc_batch.h"
 #include "lstm_layer.h"
-#include "parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -18,7 +18,7 @@ public:
     /// `cells` in each direction.
     BlstmLayer(const std::string& name, int inputs, int cells, vorn::Device device);
 
-    void initialise(Random* random);
+    void initialise(common::Random* random);
     /// The outputs of all frames, rows x 2 cells; good until the next call. `lengths` are the
     /// batch's, on the layer's device.
     const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in, const FrameBatch& batch,
@@ -28,7 +28,7 @@ public:
     vorn::Tensor<float>& backward(const vorn::Tensor<float>& in, const FrameBatch& batch,
                                   const vorn::Tensor<int>& lengths,
                                   const vorn::Tensor<float>& error);
-    std::vector<Parameter*> parameters();
+    std::vector<common::Parameter*> parameters();
 
 private:
     int _cells;

@@ -18,7 +18,7 @@ ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device devic
     }
 }
 
-void ConvBlstmNetwork::initialise(Random* random) {
+void ConvBlstmNetwork::initialise(common::Random* random) {
     _conv.initialise(random);
     _norm.initialise();
     for (const auto& layer : _layers) {
@@ -27,12 +27,12 @@ void ConvBlstmNetwork::initialise(Random* random) {
     _linear.initialise(random);
 }
 
-const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, Pass pass) {
+const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, common::Pass pass) {
     _lengths.resize(vorn::Dim(batch.size));
     _lengths.count_valid_label(batch.mask, batch.size, batch.frames);
     _conv_out = _conv.forward(batch.features);
-    _inputs.assign(
-        1, pass == Pass::kTraining ? _norm.train(_conv_out, batch) : _norm.infer(_conv_out, batch));
+    _inputs.assign(1, pass == common::Pass::kTraining ? _norm.train(_conv_out, batch)
+                                                      : _norm.infer(_conv_out, batch));
     for (const auto& layer : _layers) {
         _inputs.push_back(layer->forward(_inputs.back(), batch, _lengths));
     }
@@ -51,9 +51,9 @@ void ConvBlstmNetwork::backward(const FrameBatch& batch, const vorn::Tensor<floa
     _conv.backward(*layer_error);
 }
 
-std::vector<Parameter*> ConvBlstmNetwork::parameters() {
-    std::vector<Parameter*> all = _conv.parameters();
-    const auto append = [&all](const std::vector<Parameter*>& its) {
+std::vector<common::Parameter*> ConvBlstmNetwork::parameters() {
+    std::vector<common::Parameter*> all = _conv.parameters();
+    const auto append = [&all](const std::vector<common::Parameter*>& its) {
         all.insert(all.end(), its.begin(), its.end());
     };
     append(_norm.parameters());

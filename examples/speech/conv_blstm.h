@@ -6,8 +6,8 @@
 
 #include "batch_norm_layer.h"
 #include "blstm_layer.h"
+#include "common/linear_layer.h"
 #include "conv_layer.h"
-#include "linear_layer.h"
 #include "network.h"
 
 namespace speech {
@@ -18,17 +18,17 @@ class ConvBlstmNetwork : public Network {
 public:
     ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device);
 
-    void initialise(Random* random) override;
-    const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass pass) override;
+    void initialise(common::Random* random) override;
+    const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass pass) override;
     void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) override;
-    std::vector<Parameter*> parameters() override;
-    std::vector<NamedTensor> statistics() override { return _norm.statistics(); }
+    std::vector<common::Parameter*> parameters() override;
+    std::vector<common::NamedTensor> statistics() override { return _norm.statistics(); }
 
 private:
     ConvLayer _conv;
     BatchNormLayer _norm;
     std::vector<std::unique_ptr<BlstmLayer>> _layers;
-    LinearLayer _linear;
+    common::LinearLayer _linear;
 
     // Of the latest batch; views of what went into the normalization and into each later layer.
     vorn::Tensor<int> _lengths;

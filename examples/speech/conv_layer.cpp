@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "error.h"
+#include "common/error.h"
 
 namespace speech {
 
@@ -22,7 +22,7 @@ vorn::Tensor<int> make_vector(const std::vector<int>& values, vorn::Device devic
 void validate(const ConvShape& shape, int inputs) {
     const auto require = [](bool good, const char* what) {
         if (!good) {
-            throw Error(std::string("network: ") + what);
+            throw common::Error(std::string("network: ") + what);
         }
     };
     require(shape.bands >= 1 && shape.channels >= 1 && inputs % (shape.bands * shape.channels) == 0,
@@ -59,7 +59,7 @@ ConvLayer::ConvLayer(const std::string& name, const ConvShape& shape, int inputs
     }
 }
 
-void ConvLayer::initialise(Random* random) {
+void ConvLayer::initialise(common::Random* random) {
     _weight.randomise(1 / std::sqrt(static_cast<float>(_patch)), random);
     _bias.value.zero();
 }

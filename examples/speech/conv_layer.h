@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "parameter.h"
+#include "common/parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -34,19 +34,19 @@ class ConvLayer {
 public:
     ConvLayer(const std::string& name, const ConvShape& shape, int inputs, vorn::Device device);
 
-    void initialise(Random* random);
+    void initialise(common::Random* random);
     const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in);
     /// Sets the gradients after a forward() from the error at the output, which it overwrites.
     void backward(vorn::Tensor<float>& error);
     /// After backward(): the gradient with respect to the features.
     vorn::Tensor<float>& input_error();
-    std::vector<Parameter*> parameters() { return {&_weight, &_bias}; }
+    std::vector<common::Parameter*> parameters() { return {&_weight, &_bias}; }
 
 private:
     ConvShape _shape;
     int _patch;                               ///< columns of a patch
-    Parameter _weight;                        ///< (groups * patch) x filters
-    Parameter _bias;                          ///< groups x filters
+    common::Parameter _weight;                ///< (groups * patch) x filters
+    common::Parameter _bias;                  ///< groups x filters
     vorn::Tensor<int> _first, _last, _sizes;  ///< filter positions of each group
 
     // Of the latest batch; rows stand group by group, then frame by frame, but in _out.

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/error.h"
 #include "digits.h"
-#include "error.h"
 
 namespace speech {
 
@@ -15,14 +15,14 @@ namespace {
 Utterance parse_line(std::string_view line, const std::filesystem::path& folder) {
     // As UTF-16 has them.
     if (line.find('\0') != std::string_view::npos) {
-        throw Error("is not UTF-8 text");
+        throw common::Error("is not UTF-8 text");
     }
     const std::size_t tab = line.find('\t');
     if (tab == std::string_view::npos) {
-        throw Error("no tab between the file and its transcript");
+        throw common::Error("no tab between the file and its transcript");
     }
     if (tab == 0) {
-        throw Error("no file before the tab");
+        throw common::Error("no file before the tab");
     }
     Utterance utterance;
     // Joining leaves an absolute path as it is.
@@ -37,7 +37,7 @@ Utterance parse_line(std::string_view line, const std::filesystem::path& folder)
 std::vector<Utterance> read_list(const std::filesystem::path& list) {
     std::ifstream in(list);
     if (!in || std::filesystem::is_directory(list)) {
-        throw Error(list.string() + ": cannot be read");
+        throw common::Error(list.string() + ": cannot be read");
     }
     std::vector<Utterance> utterances;
     std::string line;
@@ -54,12 +54,12 @@ std::vector<Utterance> read_list(const std::filesystem::path& list) {
         }
         try {
             utterances.push_back(parse_line(line, list.parent_path()));
-        } catch (const Error& error) {
-            throw Error(list.string() + ":" + std::to_string(number) + ": " + error.what());
+        } catch (const common::Error& error) {
+            throw common::Error(list.string() + ":" + std::to_string(number) + ": " + error.what());
         }
     }
     if (utterances.empty()) {
-        throw Error(list.string() + ": holds no utterance");
+        throw common::Error(list.string() + ": holds no utterance");
     }
     return utterances;
 }
@@ -67,7 +67,7 @@ std::vector<Utterance> read_list(const std::filesystem::path& list) {
 Corpus read_corpus(const std::filesystem::path& folder) {
     std::error_code ignored;
     if (!std::filesystem::is_directory(folder, ignored)) {
-        throw Error(folder.string() + ": no such folder");
+        throw common::Error(folder.string() + ": no such folder");
     }
     Corpus corpus;
     corpus.train = read_list(folder / "train.tsv");

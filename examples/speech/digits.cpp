@@ -3,7 +3,7 @@
 #include <array>
 #include <cstddef>
 
-#include "error.h"
+#include "common/error.h"
 
 namespace speech {
 
@@ -35,13 +35,13 @@ std::vector<int> parse_transcript(std::string_view text) {
         const std::string_view word = text.substr(begin, end - begin);
         const int label = label_of_word(word);
         if (label == kBlank) {
-            throw Error("'" + std::string(word) + "' is not a digit (zero to nine, oh)");
+            throw common::Error("'" + std::string(word) + "' is not a digit (zero to nine, oh)");
         }
         labels.push_back(label);
         begin = text.find_first_not_of(' ', end);
     }
     if (labels.empty()) {
-        throw Error("the transcript is empty");
+        throw common::Error("the transcript is empty");
     }
     return labels;
 }

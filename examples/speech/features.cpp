@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "audio.h"
-#include "error.h"
+#include "common/error.h"
 
 namespace speech {
 
@@ -49,7 +49,7 @@ void subtract_column_means(FrameMatrix* frames) {
 void validate(const FeatureOptions& o) {
     const auto require = [](bool good, const char* what) {
         if (!good) {
-            throw Error(std::string("feature options: ") + what);
+            throw common::Error(std::string("feature options: ") + what);
         }
     };
     require(o.sample_rate >= 1000 && o.sample_rate <= 192000,
@@ -248,11 +248,11 @@ FrameMatrix FeatureExtractor::extract(const std::vector<float>& samples) {
 FrameMatrix FeatureExtractor::extract_file(const std::filesystem::path& file) {
     FrameMatrix frames = extract(read_audio(file, _impl->options.sample_rate));
     if (frames.rows == 0) {
-        throw Error(file.string() + ": is shorter than one analysis window");
+        throw common::Error(file.string() + ": is shorter than one analysis window");
     }
     if (!std::all_of(frames.values.begin(), frames.values.end(),
                      [](float x) { return std::isfinite(x); })) {
-        throw Error(file.string() + ": is too loud: its features are not finite");
+        throw common::Error(file.string() + ": is too loud: its features are not finite");
     }
     return frames;
 }
@@ -260,7 +260,7 @@ FrameMatrix FeatureExtractor::extract_file(const std::filesystem::path& file) {
 Normaliser::Normaliser(std::vector<float> mean, std::vector<float> inverse_deviation)
     : _mean(std::move(mean)), _inverse_deviation(std::move(inverse_deviation)) {
     if (_mean.size() != _inverse_deviation.size()) {
-        throw Error("normaliser: the mean and the deviation differ in length");
+        throw common::Error("normaliser: the mean and the deviation differ in length");
     }
 }
 
@@ -283,7 +283,7 @@ Normaliser Normaliser::fit(const std::vector<FrameMatrix>& utterances) {
         }
     });
     if (count == 0) {
-        throw Error("normaliser: there are no frames to learn from");
+        throw common::Error("normaliser: there are no frames to learn from");
     }
     for (double& m : mean) {
         m /= count;
@@ -305,8 +305,8 @@ Normaliser Normaliser::fit(const std::vector<FrameMatrix>& utterances) {
 
 void Normaliser::apply(FrameMatrix* frames) const {
     if (frames->columns != columns()) {
-        throw Error("normaliser: made for " + std::to_string(columns()) + " columns, not " +
-                    std::to_string(frames->columns));
+        throw common::Error("normaliser: made for " + std::to_string(columns()) + " columns, not " +
+                            std::to_string(frames->columns));
     }
     for (int t = 0; t < frames->rows; ++t) {
         float* row = frames->row(t);

@@ -28,13 +28,13 @@ LstmLayer::LstmLayer(const std::string& name, int inputs, int cells, vorn::Devic
     }
 }
 
-void LstmLayer::initialise(Random* random) {
-    const auto limit = [](const Parameter& weight) {
+void LstmLayer::initialise(common::Random* random) {
+    const auto limit = [](const common::Parameter& weight) {
         return 1 / std::sqrt(static_cast<float>(weight.value.get_h()));
     };
     _input_weight.randomise(limit(_input_weight), random);
     _recurrent_weight.randomise(limit(_recurrent_weight), random);
-    for (Parameter* peephole : {&_peep_i, &_peep_f, &_peep_o}) {
+    for (common::Parameter* peephole : {&_peep_i, &_peep_f, &_peep_o}) {
         peephole->randomise(0.1f, random);
     }
     // Cells that forget little at first learn long spans sooner.
@@ -115,7 +115,7 @@ void LstmLayer::backward(const vorn::Tensor<float>& in, vorn::Tensor<float>& err
     set_peephole_gradient(&_peep_o, kOutputGate, cell_after);
 }
 
-void LstmLayer::set_peephole_gradient(Parameter* peephole, int gate,
+void LstmLayer::set_peephole_gradient(common::Parameter* peephole, int gate,
                                       const vorn::Tensor<float>& cells) {
     _product.resize(cells.get_size());
     _product.elem_mul(_gate_error.range_col(gate, gate + 1, _cells), cells);

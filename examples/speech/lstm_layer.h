@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "parameter.h"
+#include "common/parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -15,7 +15,7 @@ class LstmLayer {
 public:
     LstmLayer(const std::string& name, int inputs, int cells, vorn::Device device);
 
-    void initialise(Random* random);
+    void initialise(common::Random* random);
 
     /// The outputs of all frames, rows x cells, for `batch` interleaved utterances. They are good
     /// until the next call.
@@ -29,20 +29,21 @@ public:
     /// After backward(): the gradient with respect to the inputs.
     vorn::Tensor<float>& input_error();
 
-    std::vector<Parameter*> parameters() {
+    std::vector<common::Parameter*> parameters() {
         return {&_input_weight, &_recurrent_weight, &_bias, &_peep_i, &_peep_f, &_peep_o};
     }
 
 private:
     void resize(int rows, int batch);
     vorn::Tensor<float> frame(const vorn::Tensor<float>& rows, int t) const;
-    void set_peephole_gradient(Parameter* peephole, int gate, const vorn::Tensor<float>& cells);
+    void set_peephole_gradient(common::Parameter* peephole, int gate,
+                               const vorn::Tensor<float>& cells);
 
     int _cells;
-    Parameter _input_weight;      ///< inputs x 4 cells
-    Parameter _recurrent_weight;  ///< cells x 4 cells
-    Parameter _bias;              ///< 4 cells
-    Parameter _peep_i, _peep_f, _peep_o;
+    common::Parameter _input_weight;      ///< inputs x 4 cells
+    common::Parameter _recurrent_weight;  ///< cells x 4 cells
+    common::Parameter _bias;              ///< 4 cells
+    common::Parameter _peep_i, _peep_f, _peep_o;
 
     // Of the latest batch, all frames. _cell and _output start with a frame of zeros, so that row
     // block t of them is what enters frame t.

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "common/error.h"
+#include "common/linear_layer.h"
 #include "conv_blstm.h"
-#include "error.h"
-#include "linear_layer.h"
 #include "lstm_layer.h"
 
 namespace speech {
@@ -28,14 +28,14 @@ public:
         }
     }
 
-    void initialise(Random* random) override {
+    void initialise(common::Random* random) override {
         for (const auto& layer : _layers) {
             layer->initialise(random);
         }
         _linear.initialise(random);
     }
 
-    const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass) override {
+    const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass) override {
         // Views of each layer's input, for the way back.
         _inputs.assign(1, batch.features);
         for (const auto& layer : _layers) {
@@ -57,20 +57,20 @@ public:
         }
     }
 
-    std::vector<Parameter*> parameters() override {
-        std::vector<Parameter*> all;
+    std::vector<common::Parameter*> parameters() override {
+        std::vector<common::Parameter*> all;
         for (const auto& layer : _layers) {
-            const std::vector<Parameter*> its = layer->parameters();
+            const std::vector<common::Parameter*> its = layer->parameters();
             all.insert(all.end(), its.begin(), its.end());
         }
-        const std::vector<Parameter*> last = _linear.parameters();
+        const std::vector<common::Parameter*> last = _linear.parameters();
         all.insert(all.end(), last.begin(), last.end());
         return all;
     }
 
 private:
     std::vector<std::unique_ptr<LstmLayer>> _layers;
-    LinearLayer _linear;
+    common::LinearLayer _linear;
     std::vector<vorn::Tensor<float>> _inputs;
     vorn::Tensor<float> _posteriors;
 };
@@ -82,8 +82,8 @@ std::int64_t lstm_parameter_count(std::int64_t inputs, std::int64_t cells) {
 
 void check_extent(const char* name, int value, int most) {
     if (value < 1 || value > most) {
-        throw Error("network: " + std::string(name) + " must be 1 to " + std::to_string(most) +
-                    ", not " + std::to_string(value));
+        throw common::Error("network: " + std::string(name) + " must be 1 to " +
+                            std::to_string(most) + ", not " + std::to_string(value));
     }
 }
 
@@ -104,7 +104,7 @@ int default_epochs(const std::string& kind) {
 void validate(const NetworkShape& shape) {
     const std::vector<std::string> kinds = network_kinds();
     if (std::find(kinds.begin(), kinds.end(), shape.kind) == kinds.end()) {
-        throw Error("network: there is no model of kind '" + shape.kind + "'");
+        throw common::Error("network: there is no model of kind '" + shape.kind + "'");
     }
     check_extent("inputs", shape.inputs, kMostUnits);
     check_extent("hidden", shape.hidden, kMostUnits);

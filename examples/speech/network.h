@@ -6,9 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "common/parameter.h"
+#include "common/pass.h"
 #include "conv_layer.h"
 #include "ctc_batch.h"
-#include "parameter.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -43,9 +44,6 @@ int default_cells(const std::string& kind);
 /// Passes over the training set after which a network of this kind hardly learns more.
 int default_epochs(const std::string& kind);
 
-/// What a forward pass is for. In training some layers look at the batch as a whole.
-enum class Pass { kTraining, kInference };
-
 /// From the features of a batch to class posteriors per frame. A network lives on one device.
 class Network {
 public:
@@ -53,16 +51,16 @@ public:
     Network(const Network&) = delete;
     Network& operator=(const Network&) = delete;
 
-    virtual void initialise(Random* random) = 0;
+    virtual void initialise(common::Random* random) = 0;
     /// The posteriors, batch.rows() x classes; good until the next call.
-    virtual const vorn::Tensor<float>& forward(const FrameBatch& batch, Pass pass) = 0;
+    virtual const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass pass) = 0;
     /// After a training forward() of the same batch: sets the gradients of all parameters from the
     /// gradient of the loss with respect to the softmax inputs.
     virtual void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) = 0;
     /// All parameters, in the order in which a model file holds them.
-    virtual std::vector<Parameter*> parameters() = 0;
+    virtual std::vector<common::Parameter*> parameters() = 0;
     /// What the network has learnt besides its parameters; stands behind them in a model file.
-    virtual std::vector<NamedTensor> statistics() { return {}; }
+    virtual std::vector<common::NamedTensor> statistics() { return {}; }
 
     vorn::Device device() const { return _device; }
 

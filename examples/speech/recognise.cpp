@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "compute_device.h"
+#include "common/compute_device.h"
 #include "digits.h"
 #include "model_file.h"
 #include "recogniser.h"
@@ -10,7 +10,7 @@
 namespace speech {
 
 int run_recognise(const RecogniseOptions& options) {
-    const ComputeDevice compute(options.device, false);
+    const common::ComputeDevice compute(options.device, common::ThreadContext::kWithGpu);
     const Model model = load_model(options.model, compute.device());
     FeatureExtractor extractor(model.features);
     for (const std::filesystem::path& file : options.files) {

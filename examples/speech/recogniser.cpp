@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <numeric>
 
-#include "error.h"
+#include "common/error.h"
 
 namespace speech {
 
@@ -35,14 +35,14 @@ std::vector<std::vector<int>> recognise(Network* network, const std::vector<Samp
             features.push_back(&samples[order[i]].features);
         }
         const FrameBatch batch = make_frame_batch(features, network->device());
-        const vorn::Tensor<float>& posteriors = network->forward(batch, Pass::kInference);
+        const vorn::Tensor<float>& posteriors = network->forward(batch, common::Pass::kInference);
         vorn::Tensor<int> best(vorn::Dim(batch.rows()), network->device());
         posteriors.find_row_max_id(best);
         std::vector<int> classes(batch.rows());
         best.copy_to(classes.data(), 0, classes.size());
         // A row of NaN has no maximum.
         if (*std::min_element(classes.begin(), classes.end()) < 0) {
-            throw Error("the network's posteriors are not numbers; its model is damaged");
+            throw common::Error("the network's posteriors are not numbers; its model is damaged");
         }
         for (int n = 0; n < batch.size; ++n) {
             labels[order[begin + n]] =
@@ -62,8 +62,8 @@ Scorer score(Network* network, const std::vector<Sample>& samples) {
 }
 
 FrameMatrix posteriors_of(Network* network, const FrameMatrix& features) {
-    const vorn::Tensor<float>& posteriors =
-        network->forward(make_frame_batch({&features}, network->device()), Pass::kInference);
+    const vorn::Tensor<float>& posteriors = network->forward(
+        make_frame_batch({&features}, network->device()), common::Pass::kInference);
     FrameMatrix result(features.rows, static_cast<int>(posteriors.get_w()));
     posteriors.copy_to(result.values.data(), 0, result.values.size());
     return result;

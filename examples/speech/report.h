@@ -7,9 +7,6 @@
 
 namespace speech {
 
-/// Like "2.35 %".
-std::string format_percent(double share);
-
 /// Like "digit error rate 2.35 % (10 substitutions, 2 insertions, 17 deletions in 1234 digits)".
 std::string format_counts(const EditCounts& counts);
 

@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "commands.h"
-#include "compute_device.h"
+#include "common/compute_device.h"
 #include "corpus.h"
 #include "digits.h"
 #include "model_file.h"
@@ -22,7 +22,7 @@ std::string words_or_nothing(const std::vector<int>& labels) {
 }  // namespace
 
 int run_test(const TestOptions& options) {
-    const ComputeDevice compute(options.device, false);
+    const common::ComputeDevice compute(options.device, common::ThreadContext::kWithGpu);
     const Model model = load_model(options.model, compute.device());
     std::vector<Sample> samples =
         extract_all(read_list(options.corpus / "test.tsv"), model.features);

@@ -1,26 +1,26 @@
-#include <unistd.h>
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <iomanip>
 #include <iostream>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <utility>
 #include <vector>
 
 #include "commands.h"
-#include "compute_device.h"
+#include "common/compute_device.h"
+#include "common/error.h"
+#include "common/format.h"
+#include "common/gnuplot.h"
+#include "common/interrupt.h"
+#include "common/memory.h"
+#include "common/output_file.h"
+#include "common/progress.h"
 #include "corpus.h"
 #include "digits.h"
-#include "error.h"
-#include "interrupt.h"
 #include "model_file.h"
-#include "output_file.h"
 #include "plot.h"
-#include "progress.h"
 #include "recogniser.h"
 #include "report.h"
 #include "trainer.h"
@@ -46,44 +46,12 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Fails before the training and not after it.
-void check_outputs(const TrainOptions& options) {
-    std::vector<std::filesystem::path> outputs = {options.model};
-    if (!options.picture.empty()) {
-        outputs.insert(outputs.end(), {options.picture, picture_script_file(options.picture)});
-    }
-    std::set<std::filesystem::path> distinct;
-    for (const std::filesystem::path& file : outputs) {
-        const OutputFile probe(file);
-        if (!distinct.insert(std::filesystem::weakly_canonical(file)).second) {
-            throw Error(file.string() +
-                        ": cannot be two of model, picture and the picture's script");
-        }
-    }
-}
-
-/// The library ends the program where memory is lacking. What a batch takes comes on top, but it
-/// is small beside the parameters of a network that is too large.
-void check_memory(const NetworkShape& shape) {
-    // A parameter, its gradient, three values of Adam's; and the best model is read back at last.
-    constexpr int values = 2 + 3 + 2;
-    const double needed = sizeof(float) * values * static_cast<double>(parameter_count(shape));
-    const double there =
-        static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
-    if (needed > there) {
-        std::ostringstream text;
-        text << std::fixed << std::setprecision(1) << "training this network takes "
-             << needed / (1 << 30) << " GiB and more, and there are " << there / (1 << 30)
-             << "; try a lower --hidden or --layers";
-        throw Error(text.str());
-    }
-}
-
 Data prepare(const TrainOptions& options, Model* model) {
     const Corpus corpus = read_corpus(options.corpus);
     const std::vector<Utterance> usable = drop_short(corpus.train, model->features);
     if (usable.empty()) {
-        throw Error((options.corpus / "train.tsv").string() + ": no utterance can be trained on");
+        throw common::Error((options.corpus / "train.tsv").string() +
+                            ": no utterance can be trained on");
     }
     Data data;
     std::vector<Sample> samples = extract_all(usable, model->features);
@@ -106,7 +74,7 @@ Data prepare(const TrainOptions& options, Model* model) {
     return data;
 }
 
-std::string summary(const EpochPoint& point, const std::optional<HeldOut>& held_out,
+std::string summary(const common::EpochPoint& point, const std::optional<HeldOut>& held_out,
                     double frames_per_second, bool best) {
     std::ostringstream text;
     text << "epoch " << point.epoch << ": loss " << std::fixed << std::setprecision(3)
@@ -114,7 +82,7 @@ std::string summary(const EpochPoint& point, const std::optional<HeldOut>& held_
     if (held_out) {
         text << ", held-out loss " << held_out->loss << " and " << held_out->errors << " errors";
     }
-    text << ", test digit error rate " << format_percent(point.digit_error_rate) << ", "
+    text << ", test digit error rate " << common::format_percent(point.error_rate) << ", "
          << std::setprecision(0) << frames_per_second << " frames/s" << (best ? " *" : "");
     return text.str();
 }
@@ -136,7 +104,7 @@ const Sample* choose_for_picture(Network* network, const std::vector<Sample>& sa
 }
 
 void draw(const TrainOptions& options, const Model& model, const Data& data,
-          const std::vector<EpochPoint>& epochs) {
+          const std::vector<common::EpochPoint>& epochs) {
     const Sample* sample = choose_for_picture(model.network.get(), data.test);
     if (options.picture.empty() || sample == nullptr) {
         return;
@@ -144,7 +112,7 @@ void draw(const TrainOptions& options, const Model& model, const Data& data,
     const UtterancePicture utterance = {
         std::filesystem::path(sample->name).filename().string(), sample->labels,
         posteriors_of(model.network.get(), sample->features), model.features.row_seconds()};
-    if (draw_picture(options.picture, epochs, utterance)) {
+    if (common::draw_picture(options.picture, picture_script(options.picture, epochs, utterance))) {
         std::cout << "picture: " << options.picture.string() << '\n';
     }
 }
@@ -152,8 +120,11 @@ void draw(const TrainOptions& options, const Model& model, const Data& data,
 }  // namespace
 
 int run_train(const TrainOptions& options) {
-    const ComputeDevice compute(options.device, true);
-    check_outputs(options);
+    if (!vorn::has_gpu()) {
+        throw common::Error("training needs a GPU, on which CTC is computed; there is none here");
+    }
+    const common::ComputeDevice compute(options.device, common::ThreadContext::kAlways);
+    common::check_outputs(options.model, options.picture);
 
     Model model;
     model.shape = {options.kind, model.features.columns(),
@@ -161,7 +132,7 @@ int run_train(const TrainOptions& options) {
                    kClassCount};
     model.shape.conv.bands = model.features.bands;
     model.shape.conv.channels = model.features.channels();
-    check_memory(model.shape);
+    common::check_memory(parameter_count(model.shape));
     const Data data = prepare(options, &model);
     model.network = make_network(model.shape, compute.device());
     const int epoch_count = options.epochs.value_or(default_epochs(options.kind));
@@ -172,10 +143,10 @@ int run_train(const TrainOptions& options) {
               << trainer.frames_per_epoch() << " frames; choosing by " << data.held_out.size()
               << " held out; testing on " << data.test.size() << std::endl;
 
-    const InterruptScope interrupt;
+    const common::InterruptScope interrupt;
     const auto start = std::chrono::steady_clock::now();
-    Progress progress(epoch_count, trainer.frames_per_epoch());
-    std::vector<EpochPoint> epochs;
+    common::Progress progress(epoch_count, trainer.frames_per_epoch(), "frames");
+    std::vector<common::EpochPoint> epochs;
     double best = 0;
     int best_epoch = 0;
     for (int epoch = 1; epoch <= epoch_count && !interrupt.requested(); ++epoch) {
@@ -208,7 +179,7 @@ int run_train(const TrainOptions& options) {
     }
     const double seconds = seconds_since(start);
     if (best_epoch == 0) {
-        throw Error("interrupted before the first epoch was done: there is no model");
+        throw common::Error("interrupted before the first epoch was done: there is no model");
     }
     if (interrupt.requested()) {
         progress.end_line("interrupted; the best model so far is kept");

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "augment.h"
-#include "error.h"
+#include "common/error.h"
 #include "recogniser.h"
 
 namespace speech {
@@ -14,17 +14,9 @@ namespace speech {
 namespace {
 
 constexpr double kGradientLimit = 5;
-constexpr std::int64_t kWarmUpUpdates = 100;
 /// Batches that are cut from one sorted stretch of the shuffled samples: like lengths make little
 /// padding.
 constexpr std::size_t kBatchesPerStretch = 8;
-
-template <typename T>
-void shuffle(std::vector<T>* items, Random* random) {
-    for (std::size_t i = items->size(); i > 1; --i) {
-        std::swap((*items)[i - 1], (*items)[static_cast<std::size_t>(uniform(random) * i)]);
-    }
-}
 
 std::vector<const std::vector<int>*> labels_of(const std::vector<const Sample*>& samples) {
     std::vector<const std::vector<int>*> labels;
@@ -58,7 +50,7 @@ std::vector<std::vector<const Sample*>> Trainer::draw_batches() {
     for (const Sample& sample : *_samples) {
         order.push_back(&sample);
     }
-    shuffle(&order, &_random);
+    common::shuffle(&order, &_random);
     const std::size_t size = _options.batch;
     std::vector<std::vector<const Sample*>> batches;
     for (std::size_t begin = 0; begin < order.size(); begin += kBatchesPerStretch * size) {
@@ -71,28 +63,22 @@ std::vector<std::vector<const Sample*>> Trainer::draw_batches() {
             batches.emplace_back(at, at + std::min<std::ptrdiff_t>(size, last - at));
         }
     }
-    shuffle(&batches, &_random);
+    common::shuffle(&batches, &_random);
     return batches;
-}
-
-/// Rises over the first updates, then falls to zero on half a cosine wave.
-double Trainer::learning_rate() const {
-    const double warm_up = std::min(1.0, static_cast<double>(_updates + 1) / kWarmUpUpdates);
-    const double done = static_cast<double>(_updates) / static_cast<double>(_updates_planned);
-    return _options.learning_rate * warm_up * 0.5 * (1 + std::cos(M_PI * std::min(done, 1.0)));
 }
 
 double Trainer::train_batch(const std::vector<const Sample*>& batch) {
     const FrameBatch frames = make_frame_batch(features_of(batch), _network->device());
     const LabelBatch labels = make_label_batch(labels_of(batch), frames);
     const double loss =
-        _loss.compute(_network->forward(frames, Pass::kTraining), frames, labels, &_error);
+        _loss.compute(_network->forward(frames, common::Pass::kTraining), frames, labels, &_error);
     _network->backward(frames, _error);
-    const double norm = clip_gradients(_parameters, kGradientLimit);
+    const double norm = common::clip_gradients(_parameters, kGradientLimit);
     if (!std::isfinite(loss) || !std::isfinite(norm)) {
-        throw Error("training diverged: the loss is not finite; try a lower --learning-rate");
+        throw common::Error(
+            "training diverged: the loss is not finite; try a lower --learning-rate");
     }
-    _optimizer.step(learning_rate());
+    _optimizer.step(common::scheduled_rate(_options.learning_rate, _updates, _updates_planned));
     ++_updates;
     return loss;
 }
@@ -136,7 +122,7 @@ double Trainer::mean_loss(const std::vector<Sample>& samples) {
         }
         const FrameBatch frames = make_frame_batch(features_of(batch), _network->device());
         const LabelBatch labels = make_label_batch(labels_of(batch), frames);
-        loss += _loss.compute(_network->forward(frames, Pass::kInference), frames, labels);
+        loss += _loss.compute(_network->forward(frames, common::Pass::kInference), frames, labels);
     }
     return loss / static_cast<double>(samples.size());
 }

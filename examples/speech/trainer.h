@@ -5,10 +5,10 @@
 #include <functional>
 #include <vector>
 
+#include "common/optimizer.h"
 #include "ctc_loss.h"
 #include "dataset.h"
 #include "network.h"
-#include "optimizer.h"
 
 namespace speech {
 
@@ -44,17 +44,16 @@ public:
 
 private:
     std::vector<std::vector<const Sample*>> draw_batches();
-    double learning_rate() const;
     double train_augmented(const std::vector<const Sample*>& batch);
 
     Network* _network;
     const std::vector<Sample>* _samples;
     TrainerOptions _options;
-    std::vector<Parameter*> _parameters;
-    Adam _optimizer;
+    std::vector<common::Parameter*> _parameters;
+    common::Adam _optimizer;
     CtcLoss _loss;
     vorn::Tensor<float> _error;
-    Random _random;
+    common::Random _random;
     std::int64_t _frames = 0;
     std::int64_t _updates = 0;
     std::int64_t _updates_planned = 0;

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "gradient_check.h"
 #include "speech/batch_norm_layer.h"
 #include "speech/conv_layer.h"
 #include "speech/ctc_loss.h"
@@ -18,26 +19,6 @@ namespace {
 using speech::FrameMatrix;
 using speech::Sample;
 
-const vorn::Device kDevices[] = {vorn::CPU, vorn::GPU};
-
-std::vector<float> to_host(const vorn::Tensor<float>& tensor) {
-    std::vector<float> values(tensor.count());
-    tensor.copy_to(values.data(), 0, values.size());
-    return values;
-}
-
-/// Of `f()` with respect to `value`, on which it depends.
-template <typename F>
-double derivative(double* value, F f) {
-    const double step = 1e-5, at = *value;
-    *value = at + step;
-    const double above = f();
-    *value = at - step;
-    const double below = f();
-    *value = at;
-    return (above - below) / (2 * step);
-}
-
 class SpeechNetwork : public testing::Test {
 protected:
     void SetUp() override {
@@ -50,7 +31,7 @@ protected:
     FrameMatrix noise(int rows, int columns) {
         FrameMatrix features(rows, columns);
         for (float& v : features.values) {
-            v = static_cast<float>(2 * speech::uniform(&_random) - 1);
+            v = static_cast<float>(2 * common::uniform(&_random) - 1);
         }
         return features;
     }
@@ -59,7 +40,7 @@ protected:
     template <typename Layer>
     reference::Values randomise(Layer* layer, float limit = 0.9f) {
         reference::Values values;
-        for (speech::Parameter* parameter : layer->parameters()) {
+        for (common::Parameter* parameter : layer->parameters()) {
             parameter->randomise(limit, &_random);
             const std::vector<float> host = to_host(parameter->value);
             values[parameter->name] = reference::to_row(host.data(), host.size());
@@ -67,7 +48,7 @@ protected:
         return values;
     }
 
-    speech::Random _random{7};
+    common::Random _random{7};
 
 private:
     std::unique_ptr<vorn::ThreadContextScope> _context;
@@ -107,7 +88,7 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
                 transcripts.push_back(&labels[n]);
             }
             const speech::FrameBatch batch = speech::make_frame_batch(features, device);
-            computed = ctc.compute(network->forward(batch, speech::Pass::kTraining), batch,
+            computed = ctc.compute(network->forward(batch, common::Pass::kTraining), batch,
                                    speech::make_label_batch(transcripts, batch), &error);
             network->backward(batch, error);
         }
@@ -129,7 +110,7 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
         };
         EXPECT_NEAR(computed, loss(), 1e-4);
         std::int64_t count = 0;
-        for (const speech::Parameter* parameter : network->parameters()) {
+        for (const common::Parameter* parameter : network->parameters()) {
             const std::vector<float> gradient = to_host(parameter->gradient);
             for (std::size_t i = 0; i < gradient.size(); ++i, ++count) {
                 const double expected = derivative(&values[parameter->name][i], loss) / 4;

@@ -1,17 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cmath>
 #include <cstdlib>
 #include <map>
 #include <random>
-#include <sstream>
-#include <thread>
 
+#include "common/gnuplot.h"
 #include "speech/digits.h"
 #include "speech/plot.h"
-#include "speech/progress.h"
 #include "speech/report.h"
 #include "speech/scoring.h"
 #include "speech_test_files.h"
@@ -129,58 +125,8 @@ TEST(SpeechScoring, NeedsEnoughFrames) {
     }
 }
 
-TEST(SpeechProgress, FormatsItsLine) {
-    speech::ProgressState state = {3, 20, 500, 1000, 1.2345, 45678, 125};
-    EXPECT_EQ(speech::progress_line(state, 100),
-              "epoch 3/20 [===============>              ]  50%  loss 1.234  46k frames/s  "
-              "2 min 05 s left");
-    for (int width = 0; width < 120; ++width) {
-        EXPECT_LE(static_cast<int>(speech::progress_line(state, width).size()), width);
-    }
-    for (std::int64_t done : {0, 999, 1000, 5000}) {
-        state.done = done;
-        const std::string line = speech::progress_line(state, 100);
-        EXPECT_EQ(line.find("100%") != std::string::npos, done >= 1000) << line;
-        EXPECT_EQ(line.find('>') == std::string::npos, done >= 1000) << line;
-    }
-    const std::pair<double, std::string> durations[] = {{-1, "0 s"},
-                                                        {59.4, "59 s"},
-                                                        {59.6, "1 min 00 s"},
-                                                        {3599, "59 min 59 s"},
-                                                        {3600, "1 h 00 min"},
-                                                        {INFINITY, "-"},
-                                                        {NAN, "-"}};
-    for (const auto& [seconds, text] : durations) {
-        EXPECT_EQ(speech::format_duration(seconds), text);
-    }
-}
-
-TEST(SpeechProgress, RedrawsOnTerminalsOnly) {
-    std::ostringstream terminal, plain;
-    {
-        speech::Progress on_terminal(2, 100, &terminal, true, 79);
-        speech::Progress in_file(2, 100, &plain, false, 79);
-        for (int epoch : {1, 2}) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(120));
-            for (speech::Progress* progress : {&on_terminal, &in_file}) {
-                progress->update(epoch, 50, 2);
-                progress->update(epoch, 60, 2);  // too soon after the last one
-                if (epoch == 1) {
-                    progress->end_line("epoch 1: loss 2");
-                }
-            }
-        }
-    }
-    EXPECT_EQ(plain.str(), "epoch 1: loss 2\n");
-    const std::string drawn = terminal.str();
-    EXPECT_EQ(drawn.find("\repoch 1/2 ["), 0u);
-    EXPECT_EQ(drawn.find("60%"), std::string::npos);
-    EXPECT_NE(drawn.find("\r\x1b[Kepoch 1: loss 2\n\repoch 2/2 ["), std::string::npos);
-    EXPECT_EQ(drawn.substr(drawn.size() - 4), "\x1b[K\n");
-}
-
 TEST(SpeechPicture, IsDrawnByGnuplotOrOnlyWarnedOf) {
-    std::vector<speech::EpochPoint> epochs = {{1, 9.5, 1.0}, {2, 3.25, 0.5}, {3, 1, 0.0625}};
+    std::vector<common::EpochPoint> epochs = {{1, 9.5, 1.0}, {2, 3.25, 0.5}, {3, 1, 0.0625}};
     speech::UtterancePicture utterance = {
         "it's {one}_two.wav", {2, 3}, speech::FrameMatrix(40, speech::kClassCount), 0.03};
     for (int t = 0; t < 40; ++t) {
@@ -189,11 +135,12 @@ TEST(SpeechPicture, IsDrawnByGnuplotOrOnlyWarnedOf) {
     const TemporaryFolder folder;
     const auto draw = [&](const std::filesystem::path& png) {
         testing::internal::CaptureStderr();
-        const bool drawn = speech::draw_picture(png, epochs, utterance);
+        const bool drawn =
+            common::draw_picture(png, speech::picture_script(png, epochs, utterance));
         return std::make_pair(drawn, testing::internal::GetCapturedStderr());
     };
     const auto lost = folder / "missing" / "a";
-    EXPECT_EQ(message_of([&] { speech::draw_picture(lost, epochs, utterance); }),
+    EXPECT_EQ(message_of([&] { common::draw_picture(lost, ""); }),
               lost.string() + ".gnuplot: cannot be written");
 
     const std::string path = std::getenv("PATH");

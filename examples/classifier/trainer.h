@@ -1,0 +1,61 @@
+#ifndef CLASSIFIER_TRAINER_H_
+#define CLASSIFIER_TRAINER_H_
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "classifier/batch.h"
+#include "classifier/cross_entropy.h"
+#include "classifier/network.h"
+#include "common/optimizer.h"
+#include "digit_images/image_set.h"
+
+namespace classifier {
+
+struct TrainerOptions {
+    int epochs = 0;
+    int batch = 0;  ///< images
+    double learning_rate = 0;
+    std::uint64_t seed = 1;
+};
+
+/// How training stands, over the images that an epoch has seen so far.
+struct TrainingState {
+    int images = 0;
+    double loss = 0;  ///< mean
+    int correct = 0;
+
+    double accuracy() const { return static_cast<double>(correct) / images; }
+};
+
+/// Trains a network with cross entropy and Adam on augmented images. The calling thread has its
+/// context set up. The same seed gives the same network, bit for bit on the host where the BLAS
+/// computes with the same number of threads.
+class Trainer {
+public:
+    Trainer(Network* network, const digit_images::ImageSet* images, const TrainerOptions& options);
+
+    /// One pass over all images, in a new order. Calls `report` after each batch and stops early
+    /// when it returns false. Throws Error when the loss is not finite any more.
+    TrainingState run_epoch(const std::function<bool(const TrainingState&)>& report);
+
+private:
+    void train_batch(const Batch& batch);
+
+    Network* _network;
+    const digit_images::ImageSet* _images;
+    TrainerOptions _options;
+    std::vector<common::Parameter*> _parameters;
+    common::Adam _optimizer;
+    CrossEntropy _objective;
+    BatchMaker _maker;
+    common::Random _random;
+    std::vector<int> _order;
+    std::int64_t _updates = 0;
+    std::int64_t _updates_planned = 0;
+};
+
+}  // namespace classifier
+
+#endif  // CLASSIFIER_TRAINER_H_
