@@ -10,7 +10,8 @@ if(VORN_GPU STREQUAL "cuda")
 endif()
 install(EXPORT vornTargets NAMESPACE vorn:: DESTINATION ${vorn_package_dir})
 install(DIRECTORY include/vorn DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY platform/vml/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn-platform)
+install(DIRECTORY platform/cuda/include/ platform/vml/include/
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn-platform)
 
 configure_package_config_file(cmake/vornConfig.cmake.in ${PROJECT_BINARY_DIR}/vornConfig.cmake
                               INSTALL_DESTINATION ${vorn_package_dir})

@@ -408,6 +408,153 @@ public:
                            const std::vector<bool>& filters, Tensor<unsigned long>& ptr,
                            DType alpha = 1, DType beta = 0);
 
+    // ---- Image convolution --------------------------------------------------------------------
+    // Images are (N, C, H, W), missing leading axes being 1, filters (K, C, KH, KW), outputs
+    // (N, K, OH, OW) with OH = (H + 2 padding_height - (dilation_h (KH - 1) + 1)) / stride_h + 1,
+    // and OW likewise. A convolution is a cross-correlation: the filter is not flipped. Shapes and
+    // outputs are the caller's to fit. On a GPU images carry their pitch, filters are dense, and
+    // the algorithm of the operation in `conv_desc` has to be named, not AUTO; all is dense on the
+    // host. `work_space` lies on the device of this tensor; what it needs is told below. Aborts
+    // where it is too small, but for a 1 x 1 filter without padding and steps, which the host does
+    // without.
+
+    /// this(n, k, oh, ow) = alpha * sum over c, i, j of w(k, c, i, j) x(n, c, oh stride_h -
+    /// padding_height + i dilation_h, ow stride_w - padding_width + j dilation_w) + beta * old,
+    /// with x = 0 outside the image.
+    void conv_fwd(const ConvDesc& conv_desc, const Tensor<float>& x, const Tensor<float>& w,
+                  void* work_space, index_t work_space_size_byte, DType alpha = 1, DType beta = 0);
+    /// On dw: the gradient with respect to the filter, summed over the batch: alpha * gradient +
+    /// beta * old. The host adds to what this tensor holds, and aborts unless alpha and beta are 1.
+    void conv_grad(const ConvDesc& conv_desc, const Tensor<float>& x, const Tensor<float>& dy,
+                   void* work_space, index_t work_space_size_byte, DType alpha = 1, DType beta = 1);
+    /// On dx: the gradient with respect to the image: alpha * gradient + beta * old. The host
+    /// overwrites this tensor by the gradient and doesn't read alpha and beta.
+    void conv_diff(const ConvDesc& conv_desc, const Tensor<float>& w, const Tensor<float>& dy,
+                   void* work_space, index_t work_space_size_byte, DType alpha = 1, DType beta = 0);
+    /// this(n, k, h, w) = alpha * bias[k] + beta * old. On a GPU `bias` is (1, K, 1, 1).
+    void add_tensor(const Tensor<float>& bias, DType alpha = 1, DType beta = 1);
+    /// On dbias (K elements; (1, K, 1, 1) on a GPU): alpha * sum over n, h, w of dy + beta * old.
+    /// The host blends once a sample, so with beta = 0 only the last sample's sum remains: add to
+    /// zeros with beta = 1.
+    void conv_bias(const Tensor<float>& dy, DType alpha = 1, DType beta = 1);
+    /// this(n, h, c, w) = in(n, c, h, w), dense. Aborts unless both have four fitting axes.
+    void transpose_channel_height(const Tensor<float>& in);
+
+    /// The algorithm that the GPU library would choose; AUTO on the host. The tensors only tell
+    /// shapes, and so in all queries; that on which a query is called plays no part. `dw` has the
+    /// filter's shape, and in the queries of conv_diff `x` has that of the image's gradient.
+    ConvAlgo conv_get_fwd_algo(const ConvDesc& conv_desc, const Tensor<float>& x,
+                               const Tensor<float>& w, const Tensor<float>& y, ConvAlgoPref pref,
+                               index_t memory_limit_bytes);
+    ConvGradAlgo conv_get_grad_algo(const ConvDesc& conv_desc, const Tensor<float>& x,
+                                    const Tensor<float>& dy, const Tensor<float>& dw,
+                                    ConvGradAlgoPref pref, index_t memory_limit_bytes);
+    ConvDiffAlgo conv_get_diff_algo(const ConvDesc& conv_desc, const Tensor<float>& x,
+                                    const Tensor<float>& dy, const Tensor<float>& dw,
+                                    ConvDiffAlgoPref pref, index_t memory_limit_bytes);
+    /// Bytes of work space: those of `algo` on a GPU, one sample's column matrix on the host.
+    index_t conv_get_fwd_work_space_size(const ConvDesc& conv_desc, const Tensor<float>& x,
+                                         const Tensor<float>& w, const Tensor<float>& y,
+                                         ConvAlgo algo);
+    index_t conv_get_grad_work_space_size(const ConvDesc& conv_desc, const Tensor<float>& x,
+                                          const Tensor<float>& dy, const Tensor<float>& dw,
+                                          ConvGradAlgo algo);
+    index_t conv_get_diff_work_space_size(const ConvDesc& conv_desc, const Tensor<float>& x,
+                                          const Tensor<float>& dy, const Tensor<float>& dw,
+                                          ConvDiffAlgo algo);
+    /// Trials of all algorithms on memory of the GPU library's own, the fastest first; one record
+    /// of AUTO on the host.
+    std::vector<ConvAlgoPerf> conv_get_fwd_algo_perf(const ConvDesc& conv_desc,
+                                                     const Tensor<float>& x, const Tensor<float>& w,
+                                                     const Tensor<float>& y);
+    std::vector<ConvGradAlgoPerf> conv_get_grad_algo_perf(const ConvDesc& conv_desc,
+                                                          const Tensor<float>& x,
+                                                          const Tensor<float>& dy,
+                                                          const Tensor<float>& dw);
+    std::vector<ConvDiffAlgoPerf> conv_get_diff_algo_perf(const ConvDesc& conv_desc,
+                                                          const Tensor<float>& x,
+                                                          const Tensor<float>& dy,
+                                                          const Tensor<float>& dw);
+
+    // ---- Image pooling ------------------------------------------------------------------------
+
+    /// Each region of each channel pooled: alpha * pool(x) + beta * old. The host has regions for
+    /// ceil((H + 2 pad_h - win_height) / stride_h) + 1 rows, and columns likewise, cut to the image
+    /// at their ends; this tensor is at least that large. Maxima pass over NaN and start from the
+    /// lowest finite float. Both averages divide, on the host, by the count that includes padding
+    /// above and left of the image, but not below and right; a region outside the image has the
+    /// average 0.
+    void pool_fwd(const PoolingDesc& pooling_desc, const Tensor<float>& x, DType alpha = 1,
+                  DType beta = 0);
+    /// On dx: alpha * the gradient at `x` + beta * old, from the gradient `dy` at the forward
+    /// output `y`. The first of equal maxima takes it all. The host doesn't read `y`.
+    void pool_bp(const PoolingDesc& pooling_desc, const Tensor<float>& y, const Tensor<float>& dy,
+                 const Tensor<float>& x, DType alpha = 1, DType beta = 0);
+
+    // ---- Pooling of regions of interest -------------------------------------------------------
+    // `rois` is (R, 5, 1, 1): batch index, start column, start row, end column and end row, both
+    // ends included, in coordinates of the image. Feature maps are (N, C, H, W). All is dense. A
+    // batch index outside 0 ... N - 1 is the caller's to avoid.
+
+    /// On (R, C, pooled_height, pooled_width): alpha * the maximum of each bin + beta * old, in
+    /// which a bin outside the map has the maximum 0. `max_idx` receives the position h * W + w of
+    /// each maximum, the first in row-major order among equals, or -1. The host aborts on a batch
+    /// index outside the map's. After Girshick, "Fast R-CNN", ICCV 2015.
+    void roi_pool_fwd(const ROIPoolingDesc& desc, const Tensor<float>& data,
+                      const Tensor<float>& rois, Tensor<int>& max_idx, DType alpha = 1,
+                      DType beta = 0);
+    /// On the gradient at `data`: alpha * the sum of `diff` over the bins whose maximum an element
+    /// was + beta * old.
+    void roi_pool_bp(const ROIPoolingDesc& desc, const Tensor<float>& diff,
+                     const Tensor<float>& rois, const Tensor<int>& max_idx, DType alpha = 1,
+                     DType beta = 0);
+    /// On (R, D, PH, PW): the average of each bin over channel (d * group_size + gh) * group_size +
+    /// gw of `data`, which has D * group_size^2; (gh, gw) is the bin's place in the grid of groups.
+    /// The host takes a grid of group_size^2 bins, a GPU any. `map_channel` receives the channel.
+    /// An empty bin gives 0. Aborts unless alpha is 1 and beta 0. After Dai, Li, He and Sun,
+    /// "R-FCN", NIPS 2016.
+    void psroi_pool_fwd(const PSROIPoolingDesc& desc, const Tensor<float>& data,
+                        const Tensor<float>& rois, Tensor<int>& map_channel, DType alpha = 1,
+                        DType beta = 0);
+    /// Adds the gradient at `data` to this tensor, which the caller zeroes. Aborts unless alpha is
+    /// 1 and beta 0. A GPU adds in any order.
+    void psroi_pool_bp(const PSROIPoolingDesc& desc, const Tensor<float>& diff,
+                       const Tensor<float>& rois, Tensor<int>& map_channel, DType alpha = 1,
+                       DType beta = 0);
+
+    // ---- Batch normalization of images, on a GPU only -----------------------------------------
+    // Images are (N, C, H, W). Statistics and parameters are (1, C, 1, 1) for NORM_1C11, which
+    // normalizes each channel, and (1, C, H, W) for NORM_1CHW, which normalizes each activation.
+    // `epsilon` below 1e-5 counts as 1e-5 but for the last form. After Ioffe and Szegedy, "Batch
+    // normalization", ICML 2015.
+
+    /// alpha * (gamma (x - mean) / sqrt(var + epsilon) + bias) + beta * old
+    void image_bat_norm_forward_inf(BatNormType norm_type, DType alpha, DType beta,
+                                    const Tensor<float>& x, const Tensor<float>& gamma,
+                                    const Tensor<float>& bias, const Tensor<float>& mean,
+                                    const Tensor<float>& var, DType epsilon);
+    /// The same with the mean and variance of the batch; `mean` receives that mean and `var` its
+    /// inverse standard deviation, 1 / sqrt(variance + epsilon), for the backward form. The running
+    /// statistics become (1 - exp_avg_factor) * old + exp_avg_factor * (mean or unbiased variance).
+    /// Two axes, (N, W), are taken with NORM_1CHW only.
+    void image_bat_norm_forward_train(BatNormType norm_type, DType alpha, DType beta,
+                                      const Tensor<float>& x, const Tensor<float>& gamma,
+                                      const Tensor<float>& bias, DType exp_avg_factor,
+                                      Tensor<float>& run_mean, Tensor<float>& run_var,
+                                      DType epsilon, Tensor<float>& mean, Tensor<float>& var);
+    /// On dx: the gradients of the training form. The first pair of scalars blends this tensor, the
+    /// second `d_gamma` and `d_bias`.
+    void image_bat_norm_back(BatNormType norm_type, DType alpha_data_diff, DType beta_data_diff,
+                             DType alpha_param_diff, DType beta_param_diff, const Tensor<float>& x,
+                             Tensor<float>& dy, const Tensor<float>& gamma, Tensor<float>& d_gamma,
+                             Tensor<float>& d_bias, DType epsilon, const Tensor<float>& mean,
+                             const Tensor<float>& var);
+    /// On dx: the gradient of the inference form, x * (1 / sqrt(var[c] + epsilon)) * scale[c],
+    /// where `x` is the gradient at its output and `scale` is gamma. Aborts unless NORM_1C11.
+    void image_bat_norm_back_inf(BatNormType norm_type, const Tensor<float>& x,
+                                 const Tensor<float>& var, const Tensor<float>& scale,
+                                 DType epsilon);
+
     // ---- LSTM with peepholes, one time step for all rows of a batch ---------------------------
 
     /// The forward step, on m_cur (H by W). `wx_out` (H by 4W) holds the pre-activations, gate
