@@ -75,22 +75,31 @@ template <typename Fold, typename Finish>
 void pool_forward(const PoolingRegions& regions, const Tensor<float>& in, Tensor<float>& out,
                   float start, Fold fold, DType beta, Finish finish) {
     const PoolingRegions::View in_d(in), out_d(out);
-    std::vector<float> row_of_folds(regions.cols.count);
+    const PoolingAxis &rows = regions.rows, &cols = regions.cols;
+    std::vector<float> row_of_folds(cols.count);
     float* const folds = row_of_folds.data();
     for (int n = 0; n < in_d.n; ++n) {
         for (int c = 0; c < in_d.c; ++c) {
-            for (int ph = 0; ph < regions.rows.count; ++ph) {
+            for (int ph = 0; ph < rows.count; ++ph) {
                 std::fill(row_of_folds.begin(), row_of_folds.end(), start);
-                for (int h = regions.rows.begin(ph); h < regions.rows.end(ph); ++h) {
+                for (int h = rows.begin(ph); h < rows.end(ph); ++h) {
                     const float* in_p = &in_d(n, c, h, 0);
-                    for (int tap = 0; tap < regions.cols.window; ++tap) {
+                    if (cols.window > cols.count) {  // few, wide regions: one after the other
+                        for (int pw = 0; pw < cols.count; ++pw) {
+                            for (int w = cols.begin(pw); w < cols.end(pw); ++w) {
+                                folds[pw] = fold(folds[pw], in_p[w]);
+                            }
+                        }
+                        continue;
+                    }
+                    for (int tap = 0; tap < cols.window; ++tap) {
                         regions.for_each_region(
                             tap, [=](int pw, int w) { folds[pw] = fold(folds[pw], in_p[w]); });
                     }
                 }
                 float* out_p = &out_d(n, c, ph, 0);
 #pragma GCC ivdep
-                for (int pw = 0; pw < regions.cols.count; ++pw) {
+                for (int pw = 0; pw < cols.count; ++pw) {
                     out_p[pw] = finish(folds[pw], ph, pw) + beta * out_p[pw];
                 }
             }

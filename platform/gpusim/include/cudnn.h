@@ -4,11 +4,15 @@
 /// The part of cuDNN that float networks on images commonly use: convolution, pooling, batch
 /// normalization and the addition of a bias.
 ///
-/// Tensors have four axes and any strides that don't let elements overlap; data and computation are
-/// CUDNN_DATA_FLOAT, sums are formed in double precision. Work is ordered by the handle's stream.
-/// The scalars `alpha` and `beta` are floats behind host pointers, which are read at the call: a
-/// result is alpha * result + beta * old, and with a beta of 0 the old value is not read. All
-/// algorithms of a convolution give the same bits, in every math type.
+/// Tensors have four axes and explicit strides. Descriptors take what cuDNN's take; operations run
+/// on CUDNN_DATA_FLOAT only, and refuse negative strides and an output whose elements overlap each
+/// other or another operand. Sums are formed in double precision. Work is ordered by the handle's
+/// stream. The scalars `alpha` and `beta` are floats behind host pointers, which are read at the
+/// call: a result becomes alpha * result + beta * old, and with a beta of 0 the old value is not
+/// read. All algorithms of a convolution give the same bits, in every math type.
+///
+/// Statuses are those of the general kind (BAD_PARAM, NOT_SUPPORTED), which is what the functions
+/// of this interface give for arguments; callers should compare no more than the kind.
 
 #include <stddef.h>
 
@@ -31,13 +35,7 @@ typedef enum : int {
     CUDNN_STATUS_SUCCESS = 0,
     CUDNN_STATUS_NOT_INITIALIZED = 1001,
     CUDNN_STATUS_BAD_PARAM = 2000,
-    CUDNN_STATUS_BAD_PARAM_NULL_POINTER = 2002,
-    CUDNN_STATUS_BAD_PARAM_SIZE_INSUFFICIENT = 2006,
-    CUDNN_STATUS_BAD_PARAM_SHAPE_MISMATCH = 2008,
     CUDNN_STATUS_NOT_SUPPORTED = 3000,
-    CUDNN_STATUS_NOT_SUPPORTED_SHAPE = 3002,
-    CUDNN_STATUS_NOT_SUPPORTED_DATA_TYPE = 3003,
-    CUDNN_STATUS_NOT_SUPPORTED_LAYOUT = 3004,
     CUDNN_STATUS_INTERNAL_ERROR = 4000,
     CUDNN_STATUS_INTERNAL_ERROR_HOST_ALLOCATION_FAILED = 4003,
     CUDNN_STATUS_INTERNAL_ERROR_DEVICE_ALLOCATION_FAILED = 4004,
@@ -162,7 +160,8 @@ cudnnStatus_t cudnnSetTensor4dDescriptorEx(cudnnTensorDescriptor_t desc, cudnnDa
                                            int h_stride, int w_stride);
 cudnnStatus_t cudnnDestroyTensorDescriptor(cudnnTensorDescriptor_t desc);
 
-/// A filter is packed: `k` outputs, `c` inputs, `h` rows and `w` columns. NCHW only.
+/// A filter is packed: `k` outputs, `c` inputs, `h` rows and `w` columns. Convolutions take
+/// CUDNN_TENSOR_NCHW only.
 cudnnStatus_t cudnnCreateFilterDescriptor(cudnnFilterDescriptor_t* desc);
 cudnnStatus_t cudnnSetFilter4dDescriptor(cudnnFilterDescriptor_t desc, cudnnDataType_t type,
                                          cudnnTensorFormat_t format, int k, int c, int h, int w);
@@ -266,12 +265,13 @@ cudnnStatus_t cudnnFindConvolutionBackwardDataAlgorithm(
     cudnnConvolutionDescriptor_t conv_desc, cudnnTensorDescriptor_t dx_desc, int requested_count,
     int* returned_count, cudnnConvolutionBwdDataAlgoPerf_t* results);
 
-// Pooling. The output has the size that cudnnGetPooling2dForwardOutputDim gives.
+// Pooling. The output has the size that cudnnGetPooling2dForwardOutputDim gives, and less than the
+// window is padded. A maximum starts from the lowest finite number.
 cudnnStatus_t cudnnPoolingForward(cudnnHandle_t handle, cudnnPoolingDescriptor_t pooling_desc,
                                   const void* alpha, cudnnTensorDescriptor_t x_desc, const void* x,
                                   const void* beta, cudnnTensorDescriptor_t y_desc, void* y);
-/// The gradient of a maximum goes to the first element of its window, in row-major order, that
-/// equals y.
+/// The gradients are laid out like their tensors. That of a maximum goes to the first element of
+/// its window, in row-major order, that equals y.
 cudnnStatus_t cudnnPoolingBackward(cudnnHandle_t handle, cudnnPoolingDescriptor_t pooling_desc,
                                    const void* alpha, cudnnTensorDescriptor_t y_desc, const void* y,
                                    cudnnTensorDescriptor_t dy_desc, const void* dy,
@@ -279,7 +279,7 @@ cudnnStatus_t cudnnPoolingBackward(cudnnHandle_t handle, cudnnPoolingDescriptor_
                                    cudnnTensorDescriptor_t dx_desc, void* dx);
 
 // Batch normalization. Statistics are 1 x C x 1 x 1 in the spatial modes, 1 x C x H x W otherwise.
-/// y = scale * (x - mean) / sqrt(variance + epsilon) + bias
+/// y = scale * (x - mean) / sqrt(variance + epsilon) + bias; y may be x.
 cudnnStatus_t cudnnBatchNormalizationForwardInference(
     cudnnHandle_t handle, cudnnBatchNormMode_t mode, const void* alpha, const void* beta,
     cudnnTensorDescriptor_t x_desc, const void* x, cudnnTensorDescriptor_t y_desc, void* y,

@@ -20,6 +20,22 @@ cudaMemPool_t pool_handle() {
 
 }  // namespace
 
+void* gpusim::allocate_in_stream(size_t size, const StreamPtr& stream) {
+    void* const block = Memory::get().allocate(size, stream);
+    if (kAddressSanitizer && block != nullptr) {
+        Device::get().submit(stream, make_task([=] { mark_allocated(block, size); }));
+    }
+    return block;
+}
+
+bool gpusim::free_in_stream(void* pointer, const StreamPtr& stream) {
+    const size_t size = Memory::get().block_size(pointer);
+    if (kAddressSanitizer && size != 0) {
+        Device::get().submit(stream, make_task([=] { poison(pointer, size); }));
+    }
+    return size != 0 && Memory::get().free(pointer, stream);
+}
+
 cudaError_t cudaMalloc(void** pointer, size_t size) {
     return api([&](Device& device) {
         if (pointer == nullptr) {
@@ -55,7 +71,7 @@ cudaError_t cudaFree(void* pointer) {
 }
 
 cudaError_t cudaMallocAsync(void** pointer, size_t size, cudaStream_t stream) {
-    return stream_api(stream, [&](Device& device, const StreamPtr& s) {
+    return stream_api(stream, [&](Device&, const StreamPtr& s) {
         if (pointer == nullptr) {
             return cudaErrorInvalidValue;
         }
@@ -63,28 +79,14 @@ cudaError_t cudaMallocAsync(void** pointer, size_t size, cudaStream_t stream) {
         if (size == 0) {
             return cudaSuccess;
         }
-        void* block = Memory::get().allocate(size, s);
-        if (block == nullptr) {
-            return cudaErrorMemoryAllocation;
-        }
-        if (kAddressSanitizer) {
-            device.submit(s, make_task([block, size] { gpusim::mark_allocated(block, size); }));
-        }
-        *pointer = block;
-        return cudaSuccess;
+        *pointer = gpusim::allocate_in_stream(size, s);
+        return *pointer == nullptr ? cudaErrorMemoryAllocation : cudaSuccess;
     });
 }
 
 cudaError_t cudaFreeAsync(void* pointer, cudaStream_t stream) {
-    return stream_api(stream, [&](Device& device, const StreamPtr& s) {
-        const size_t size = Memory::get().block_size(pointer);
-        if (size == 0) {
-            return cudaErrorInvalidValue;
-        }
-        if (kAddressSanitizer) {
-            device.submit(s, make_task([pointer, size] { gpusim::poison(pointer, size); }));
-        }
-        return Memory::get().free(pointer, s) ? cudaSuccess : cudaErrorInvalidValue;
+    return stream_api(stream, [&](Device&, const StreamPtr& s) {
+        return gpusim::free_in_stream(pointer, s) ? cudaSuccess : cudaErrorInvalidValue;
     });
 }
 

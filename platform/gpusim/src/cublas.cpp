@@ -17,6 +17,11 @@ struct cublasContext {
 
 namespace {
 
+constexpr gpusim::Library<cublasStatus_t, cublasContext> kLibrary = {
+    CUBLAS_STATUS_SUCCESS,         CUBLAS_STATUS_NOT_INITIALIZED,  CUBLAS_STATUS_INVALID_VALUE,
+    CUBLAS_STATUS_NOT_INITIALIZED, CUBLAS_STATUS_EXECUTION_FAILED, CUBLAS_STATUS_EXECUTION_FAILED,
+};
+
 size_t matrix_bytes(int rows, int cols, int ld) {
     return rows <= 0 || cols <= 0 ? 0
                                   : (static_cast<size_t>(cols - 1) * static_cast<size_t>(ld) +
@@ -28,27 +33,6 @@ size_t matrix_bytes(int rows, int cols, int ld) {
 template <class T>
 T* for_blas(T* pointer) {
     return gpusim::Memory::get().arena().alias(pointer);
-}
-
-/// Enqueues `work` on the handle's stream; waits for it where `wait` is set.
-template <class F>
-cublasStatus_t enqueue(cublasHandle_t handle, bool wait, F work) {
-    if (gpusim::call_barrier() != cudaSuccess) {
-        return CUBLAS_STATUS_EXECUTION_FAILED;
-    }
-    gpusim::Device& device = gpusim::Device::get();
-    const gpusim::StreamPtr stream = device.find_stream(handle->stream);
-    if (stream == nullptr) {
-        return CUBLAS_STATUS_EXECUTION_FAILED;
-    }
-    const gpusim::StreamPoint point = device.submit(stream, gpusim::make_task(std::move(work)));
-    if (wait || device.launch_blocking()) {
-        device.wait(point);
-        if (device.fault() != cudaSuccess) {
-            return CUBLAS_STATUS_EXECUTION_FAILED;
-        }
-    }
-    return CUBLAS_STATUS_SUCCESS;
 }
 
 /// result = norm(n, x, incx), which is 0 without elements.
@@ -68,7 +52,7 @@ cublasStatus_t reduce(cublasHandle_t handle, const char* function, int n, const 
     }
     float value = 0;
     const cublasStatus_t status =
-        enqueue(handle, true, [=, &value] { value = norm(count, for_blas(x), incx); });
+        kLibrary.enqueue(handle, true, [=, &value] { value = norm(count, for_blas(x), incx); });
     if (status == CUBLAS_STATUS_SUCCESS) {
         *result = value;
     }
@@ -164,30 +148,15 @@ void add_matrices(float alpha, Operand a, float beta, Operand b, float* c, int l
 }  // namespace
 
 cublasStatus_t cublasCreate_v2(cublasHandle_t* handle) {
-    if (handle == nullptr) {
-        return CUBLAS_STATUS_INVALID_VALUE;
-    }
-    if (gpusim::call_barrier() != cudaSuccess) {
-        return CUBLAS_STATUS_NOT_INITIALIZED;
-    }
-    *handle = new cublasContext;
-    return CUBLAS_STATUS_SUCCESS;
+    return kLibrary.create(handle);
 }
 
 cublasStatus_t cublasDestroy_v2(cublasHandle_t handle) {
-    if (handle == nullptr) {
-        return CUBLAS_STATUS_NOT_INITIALIZED;
-    }
-    delete handle;
-    return CUBLAS_STATUS_SUCCESS;
+    return kLibrary.destroy(handle);
 }
 
 cublasStatus_t cublasSetStream_v2(cublasHandle_t handle, cudaStream_t stream) {
-    if (handle == nullptr) {
-        return CUBLAS_STATUS_NOT_INITIALIZED;
-    }
-    handle->stream = stream;
-    return CUBLAS_STATUS_SUCCESS;
+    return kLibrary.set_stream(handle, stream);
 }
 
 cublasStatus_t cublasSetMathMode(cublasHandle_t handle, cublasMath_t) {
@@ -239,7 +208,7 @@ cublasStatus_t cublasSgemmStridedBatched(cublasHandle_t handle, cublasOperation_
             return CUBLAS_STATUS_EXECUTION_FAILED;
         }
     }
-    return enqueue(handle, false, [=] {
+    return kLibrary.enqueue(handle, false, [=] {
         for (int i = 0; i < batchCount; ++i) {
             cblas_sgemm(CblasColMajor, blas_op(transa), blas_op(transb), m, n, k, al,
                         for_blas(A) + i * strideA, lda, for_blas(B) + i * strideB, ldb, be,
@@ -276,7 +245,7 @@ cublasStatus_t cublasSgeam(cublasHandle_t handle, cublasOperation_t transa,
         !check_operand(__func__, "C", C, matrix_bytes(m, n, ldc))) {
         return CUBLAS_STATUS_EXECUTION_FAILED;
     }
-    return enqueue(handle, false, [=] { add_matrices(al, a, be, b, C, ldc); });
+    return kLibrary.enqueue(handle, false, [=] { add_matrices(al, a, be, b, C, ldc); });
 }
 
 cublasStatus_t cublasSgelsBatched(cublasHandle_t handle, cublasOperation_t trans, int m, int n,
@@ -312,7 +281,7 @@ cublasStatus_t cublasSgelsBatched(cublasHandle_t handle, cublasOperation_t trans
                                                    static_cast<size_t>(batchSize) * sizeof(int)))) {
         return CUBLAS_STATUS_EXECUTION_FAILED;
     }
-    return enqueue(handle, false, [=, function = __func__] {
+    return kLibrary.enqueue(handle, false, [=, function = __func__] {
         float size = 0;
         LAPACKE_sgels_work(LAPACK_COL_MAJOR, 'N', m, n, nrhs, nullptr, lda, nullptr, ldc, &size,
                            -1);

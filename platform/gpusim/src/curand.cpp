@@ -14,6 +14,15 @@ struct curandGenerator_st {
 
 namespace {
 
+constexpr gpusim::Library<curandStatus_t, curandGenerator_st> kLibrary = {
+    CURAND_STATUS_SUCCESS,
+    CURAND_STATUS_NOT_INITIALIZED,
+    CURAND_STATUS_OUT_OF_RANGE,
+    CURAND_STATUS_INITIALIZATION_FAILED,
+    CURAND_STATUS_PREEXISTING_FAILURE,
+    CURAND_STATUS_LAUNCH_FAILURE,
+};
+
 /// Calls put(i, word) for the words first, first + 1, ... of the sequence of `seed`.
 template <class Put>
 void draw(uint64_t seed, uint64_t first, size_t count, Put put) {
@@ -42,55 +51,37 @@ curandStatus_t generate(const char* function, curandGenerator_t generator, float
     if (generator == nullptr) {
         return CURAND_STATUS_NOT_INITIALIZED;
     }
-    if (gpusim::call_barrier() != cudaSuccess) {
-        return CURAND_STATUS_PREEXISTING_FAILURE;
+    if (!gpusim::check_operand(function, "output", output, count * sizeof(float))) {
+        return kLibrary.failed;
     }
-    gpusim::Device& device = gpusim::Device::get();
-    const gpusim::StreamPtr stream = device.find_stream(generator->stream);
-    if (stream == nullptr ||
-        !gpusim::check_operand(function, "output", output, count * sizeof(float))) {
-        return CURAND_STATUS_LAUNCH_FAILURE;
+    if (count == 0) {
+        return kLibrary.success;
     }
-    if (count != 0) {
-        device.submit(stream,
-                      gpusim::make_task([=, seed = generator->seed, first = generator->offset] {
-                          work(seed, first);
-                      }));
+    const curandStatus_t status = kLibrary.enqueue(
+        generator, false,
+        [=, seed = generator->seed, first = generator->offset] { work(seed, first); });
+    if (status == kLibrary.success) {
         generator->offset += count;
     }
-    return CURAND_STATUS_SUCCESS;
+    return status;
 }
 
 }  // namespace
 
 curandStatus_t curandCreateGenerator(curandGenerator_t* generator, curandRngType_t type) {
-    if (generator == nullptr) {
-        return CURAND_STATUS_OUT_OF_RANGE;
-    }
-    if (type != CURAND_RNG_PSEUDO_DEFAULT && type != CURAND_RNG_PSEUDO_PHILOX4_32_10) {
+    if (generator != nullptr && type != CURAND_RNG_PSEUDO_DEFAULT &&
+        type != CURAND_RNG_PSEUDO_PHILOX4_32_10) {
         return CURAND_STATUS_TYPE_ERROR;
     }
-    if (gpusim::call_barrier() != cudaSuccess) {
-        return CURAND_STATUS_INITIALIZATION_FAILED;
-    }
-    *generator = new curandGenerator_st;
-    return CURAND_STATUS_SUCCESS;
+    return kLibrary.create(generator);
 }
 
 curandStatus_t curandDestroyGenerator(curandGenerator_t generator) {
-    if (generator == nullptr) {
-        return CURAND_STATUS_NOT_INITIALIZED;
-    }
-    delete generator;
-    return CURAND_STATUS_SUCCESS;
+    return kLibrary.destroy(generator);
 }
 
 curandStatus_t curandSetStream(curandGenerator_t generator, cudaStream_t stream) {
-    if (generator == nullptr) {
-        return CURAND_STATUS_NOT_INITIALIZED;
-    }
-    generator->stream = stream;
-    return CURAND_STATUS_SUCCESS;
+    return kLibrary.set_stream(generator, stream);
 }
 
 curandStatus_t curandSetPseudoRandomGeneratorSeed(curandGenerator_t generator,

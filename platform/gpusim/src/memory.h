@@ -114,6 +114,11 @@ private:
 /// Tells AddressSanitizer that a block begins to live. Does nothing without it.
 void mark_allocated(void* pointer, size_t size);
 
+/// A block in the order of `stream`, marked there for AddressSanitizer; null when no room is left.
+void* allocate_in_stream(size_t size, const StreamPtr& stream);
+/// False if `pointer` isn't the start of a block.
+bool free_in_stream(void* pointer, const StreamPtr& stream);
+
 /// Lets the calling thread use device memory from now on.
 void open_device_memory();
 
