@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "classifier/batch.h"
-#include "classifier/cross_entropy.h"
+#include "common/cross_entropy.h"
 #include "common/error.h"
 #include "common/format.h"
 
@@ -24,14 +24,14 @@ Evaluation evaluate(Network* network, const digit_images::ImageSet& set) {
     std::vector<int> order(set.count());
     std::iota(order.begin(), order.end(), 0);
     BatchMaker maker(network->device());
-    CrossEntropy objective(network->device());
+    common::CrossEntropy objective(network->device());
     Evaluation result;
     double loss = 0;
     for (int begin = 0; begin < set.count(); begin += kBatch) {
         const int size = std::min(kBatch, set.count() - begin);
         const int* first = order.data() + begin;
         const Batch& batch = maker.make(set, first, first + size, nullptr);
-        objective.compute(network->forward(batch.images, common::Pass::kInference), batch);
+        objective.compute(network->forward(batch.images, common::Pass::kInference), batch.labels);
         if (std::isnan(objective.mean_loss())) {
             throw common::Error("the network's posteriors are not numbers; its model is damaged");
         }

@@ -35,8 +35,8 @@ Trainer::Trainer(Network* network, const digit_images::ImageSet* images,
 void Trainer::train_batch(const Batch& batch) {
     const vorn::Tensor<float>& posteriors =
         _network->forward(batch.images, common::Pass::kTraining);
-    _objective.compute(posteriors, batch);
-    _network->backward(batch.images, _objective.error(posteriors, batch));
+    _objective.compute(posteriors, batch.labels);
+    _network->backward(batch.images, _objective.error(posteriors, batch.labels));
     const double norm = common::clip_gradients(_parameters, kGradientLimit);
     if (!std::isfinite(_objective.mean_loss()) || !std::isfinite(norm)) {
         throw common::Error(

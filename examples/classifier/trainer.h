@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "classifier/batch.h"
-#include "classifier/cross_entropy.h"
 #include "classifier/network.h"
+#include "common/cross_entropy.h"
 #include "common/optimizer.h"
 #include "digit_images/image_set.h"
 
@@ -48,7 +48,7 @@ private:
     TrainerOptions _options;
     std::vector<common::Parameter*> _parameters;
     common::Adam _optimizer;
-    CrossEntropy _objective;
+    common::CrossEntropy _objective;
     BatchMaker _maker;
     common::Random _random;
     std::vector<int> _order;

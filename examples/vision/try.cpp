@@ -1,0 +1,42 @@
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include "vision/trainer.h"
+#include "vision/windows.h"
+#include "digit_images/data.h"
+#include "common/compute_device.h"
+using namespace vision;
+static double evaluate(Network* net, const digit_images::ImageSet& set) {
+    BatchMaker maker(net->device());
+    common::CrossEntropy obj(net->device());
+    int correct = 0;
+    for (int b = 0; b < set.count(); b += 256) {
+        for (int i = b; i < std::min(b + 256, set.count()); ++i) {
+            const Page p = page_of_image(set.image(i), set.labels[i]);
+            maker.add_page(p);
+            maker.add_window(p.digits[0].box, set.labels[i]);
+        }
+        const Batch& batch = maker.finish();
+        obj.compute(net->forward(batch.pages, batch.windows, common::Pass::kInference), batch.labels);
+        correct += obj.correct();
+    }
+    return correct / double(set.count());
+}
+int main(int argc, char** argv) {
+    const int epochs = atoi(argv[1]);
+    const common::ComputeDevice c("cpu", common::ThreadContext::kAlways);
+    digit_images::DataOptions d;
+    const digit_images::Data data = digit_images::load_data(d);
+    NetworkShape shape; shape.classes = 11; if (argc > 2) shape.filters = atoi(argv[2]);
+    Network net(shape, vorn::CPU);
+    Trainer trainer(&net, &data.train, {epochs, argc > 3 ? atoi(argv[3]) : 16, argc > 4 ? atof(argv[4]) : 2e-3, 1});
+    for (int e = 0; e < epochs; ++e) {
+        auto t = std::chrono::steady_clock::now(); auto c0 = clock();
+        int seen = 0;
+        auto s = trainer.run_epoch([&](const TrainingState& st) { if (getenv("QUICK") && ++seen > 40) return false; return true; });
+        double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
+        printf("epoch %d loss %.4f acc %.4f windows %d test %.4f  %.1f s cpu %.1f\n", e + 1, s.loss, s.accuracy(), s.windows, evaluate(&net, data.test), sec, double(clock() - c0) / CLOCKS_PER_SEC);
+        fflush(stdout);
+    }
+}
