@@ -21,7 +21,7 @@ constexpr int kCellWidth = kFrameSide + kGap;
 constexpr int kCellHeight = kFrameSide + kLabelHeight;
 constexpr int kWidth = kAcross * kCellWidth - kGap;
 constexpr int kHeight = kMistakesShown / kAcross * kCellHeight;
-constexpr int kPaper = 0;  // dark strokes on light paper are easier to look at
+constexpr int kPaper = 0;  // drawn white, and strokes dark
 
 int left_of(int i) {
     return i % kAcross * kCellWidth;
@@ -50,10 +50,11 @@ void write_mosaic(std::ostream& out, const std::vector<Mistake>& mistakes) {
 }
 
 void write_mistakes(std::ostream& out, const std::vector<Mistake>& mistakes) {
-    const std::string title =
-        mistakes.empty() ? "No mistake on the test set" : "The worst mistakes on the test set";
+    const std::string title = mistakes.empty() ? "No mistake on the test set"
+                                               : "The worst mistakes on the test set: said / read";
     out << "unset border\nunset tics\nunset grid\nunset xlabel\nunset ylabel\nunset key\n"
-        << "unset colorbox\nset origin 0, 0\nset size 1, 0.5\nset tmargin 3\nset bmargin 1\n"
+        << "unset colorbox\nset origin 0, 0\nset size ratio -1 1, 0.5\nset tmargin 3\nset bmargin "
+           "1\n"
         << "set title " << common::gnuplot_string(title) << " font ',15'\n"
         << "set palette defined (0 '#ffffff', 255 '" << common::kInk << "')\nset cbrange [0:255]\n"
         << "set xrange [-0.5:" << kWidth - 0.5 << "]\nset yrange [" << kHeight - 0.5 << ":-0.5]\n";
@@ -62,9 +63,9 @@ void write_mistakes(std::ostream& out, const std::vector<Mistake>& mistakes) {
         out << "set object rectangle from " << left - 0.5 << ", " << top - 0.5 << " to "
             << left + kFrameSide - 0.5 << ", " << top + kFrameSide - 0.5
             << " front fillstyle empty border lc rgb '" << common::kFaint << "'\n"
-            << "set label 'said " << mistakes[i].said << ", read " << mistakes[i].read << "' at "
+            << "set label '" << mistakes[i].said << " / " << mistakes[i].read << "' at "
             << left + (kFrameSide - 1) / 2.0 << ", " << top - 3.5
-            << " center font ',10' textcolor '" << common::kRed << "'\n";
+            << " center front font ',12' textcolor '" << common::kRed << "'\n";
     }
     out << "plot $mosaic matrix with image pixels\n";
 }

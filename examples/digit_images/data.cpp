@@ -33,7 +33,7 @@ ImageSet framed(const ImageSet& set, const std::string& source) {
 
 ImageSet rendered(const std::filesystem::path& folder, Part part, int count, std::uint64_t seed) {
     const std::vector<std::filesystem::path> fonts = find_fonts(folder, part);
-    return framed(render_digits(fonts, count, seed),
+    return framed(render_digits(fonts, part, count, seed),
                   "rendered from " + std::to_string(fonts.size()) +
                       (part == Part::kTest ? " fonts unseen in training" : " fonts"));
 }

@@ -33,16 +33,18 @@ struct Pose {
     double noise = 0;  ///< standard deviation of a pixel, 1 = full scale
 };
 
-Pose draw_pose(common::Random* random) {
+/// Training sees more than what is tested, so that it holds where digits are written worse.
+Pose draw_pose(Part part, common::Random* random) {
     const auto between = [random](double low, double high) {
         return low + (high - low) * common::uniform(random);
     };
+    const bool training = part == Part::kTraining;
     Pose pose;
-    pose.height = between(15, 21);
-    pose.rotation = between(-0.26, 0.26);
-    pose.slant = between(-0.2, 0.4);
-    pose.width = between(0.8, 1.25);
-    pose.thickness = between(-0.8, 1.6);
+    pose.height = training ? between(10, 21) : between(15, 21);
+    pose.rotation = training ? between(-0.25, 0.25) : between(-0.2, 0.2);
+    pose.slant = training ? between(-0.3, 0.45) : between(-0.1, 0.25);
+    pose.width = training ? between(0.6, 1.4) : between(0.85, 1.2);
+    pose.thickness = training ? between(-0.8, 2.2) : between(-0.6, 1.4);
     pose.right = between(-2.5, 2.5);
     pose.down = between(-2.5, 2.5);
     pose.noise = between(0, 0.1);
@@ -157,7 +159,7 @@ private:
 
 }  // namespace
 
-ImageSet render_digits(const std::vector<std::filesystem::path>& fonts, int count,
+ImageSet render_digits(const std::vector<std::filesystem::path>& fonts, Part part, int count,
                        std::uint64_t seed) {
     const Library library;
     std::vector<Font> open;
@@ -169,7 +171,7 @@ ImageSet render_digits(const std::vector<std::filesystem::path>& fonts, int coun
     for (int i = 0; i < count; ++i) {
         const int digit = i % kDigits;
         const auto font = static_cast<std::size_t>(common::uniform(&random) * open.size());
-        const Pose pose = draw_pose(&random);
+        const Pose pose = draw_pose(part, &random);
         open[font].draw(digit, pose, set.add(static_cast<std::uint8_t>(digit)), &random);
     }
     return set;
