@@ -4,6 +4,7 @@
 #include <ctime>
 #include "vision/trainer.h"
 #include "vision/windows.h"
+#include "vision/finder.h"
 #include "digit_images/data.h"
 #include "common/compute_device.h"
 using namespace vision;
@@ -37,6 +38,13 @@ int main(int argc, char** argv) {
         auto s = trainer.run_epoch([&](const TrainingState& st) { if (getenv("QUICK") && ++seen > 40) return false; return true; });
         double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
         printf("epoch %d loss %.4f acc %.4f windows %d test %.4f  %.1f s cpu %.1f\n", e + 1, s.loss, s.accuracy(), s.windows, evaluate(&net, data.test), sec, double(clock() - c0) / CLOCKS_PER_SEC);
+        Finder finder(&net); Score score; Score proposals;
+        for (const Page& p : make_pages(data.test, 100, 5)) {
+            add_to_score(finder.find(p), p.digits, &score);
+            std::vector<Detection> all; for (const PlacedDigit& d : p.digits) for (const Box& b : candidate_boxes(p)) if (overlap(b, d.box) >= 0.5) { all.push_back({b, d.digit, 1}); break; }
+            proposals.digits += p.digits.size(); proposals.found += all.size();
+        }
+        printf("   find: %d of %d = %.4f, false %d; proposed %d\n", score.found, score.digits, score.share(), score.false_boxes, proposals.found);
         fflush(stdout);
     }
 }
