@@ -20,7 +20,8 @@ CrossEntropy::CrossEntropy(vorn::Device device)
       _mask(device),
       _highest_class(device) {}
 
-void CrossEntropy::compute(const vorn::Tensor<float>& posteriors, const vorn::Tensor<float>& labels) {
+void CrossEntropy::compute(const vorn::Tensor<float>& posteriors,
+                           const vorn::Tensor<float>& labels) {
     const auto size = static_cast<int>(labels.count());
     _mask.resize(vorn::Dim(size), false);
     _mask.set_element(1);
@@ -46,8 +47,7 @@ void CrossEntropy::compute(const vorn::Tensor<float>& posteriors, const vorn::Te
 const vorn::Tensor<float>& CrossEntropy::error(const vorn::Tensor<float>& posteriors,
                                                const vorn::Tensor<float>& labels) {
     _error.resize(posteriors.get_size());
-    _error.cross_entropy_bp(posteriors, labels, _mask,
-                            -1 / static_cast<float>(labels.count()));
+    _error.cross_entropy_bp(posteriors, labels, _mask, -1 / static_cast<float>(labels.count()));
     return _error;
 }
 

@@ -19,7 +19,8 @@ public:
     /// The gradient of the mean loss of that batch with respect to the softmax inputs,
     /// (posterior - t) / items with t = 1 at the labelled class and 0 elsewhere. Good until the
     /// next call.
-    const vorn::Tensor<float>& error(const vorn::Tensor<float>& posteriors, const vorn::Tensor<float>& labels);
+    const vorn::Tensor<float>& error(const vorn::Tensor<float>& posteriors,
+                                     const vorn::Tensor<float>& labels);
 
     // Of the latest batch, on the host:
     double mean_loss() const { return _mean_loss; }

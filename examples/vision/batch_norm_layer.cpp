@@ -1,5 +1,7 @@
 #include "vision/batch_norm_layer.h"
 
+#include "vision/fit.h"
+
 namespace vision {
 
 namespace {
@@ -14,7 +16,7 @@ vorn::Tensor<float>& on_gpu(vorn::Tensor<float>& images, vorn::Tensor<float>& co
     if (vorn::is_gpu_device(images.get_device())) {
         return images;
     }
-    copy.resize(images.get_size(), false);
+    fit(images.get_size(), &copy);
     copy.copy_from(images);
     return copy;
 }
@@ -45,9 +47,9 @@ void BatchNormLayer::initialise() {
 vorn::Tensor<float>& BatchNormLayer::forward(const vorn::Tensor<float>& in, common::Pass pass) {
     vorn::Tensor<float> images = in;
     const vorn::Tensor<float>& x = on_gpu(images, _gpu_in);
-    _out.resize(in.get_size(), false);
+    fit(in.get_size(), &_out);
     vorn::Tensor<float>& y = vorn::is_gpu_device(_out.get_device()) ? _out : _gpu_out;
-    y.resize(in.get_size());
+    fit(in.get_size(), &y);
     if (pass == common::Pass::kTraining) {
         y.image_bat_norm_forward_train(kEachMap, 1, 0, x, _scale.value, _bias.value, kBatchShare,
                                        _mean, _variance, kEpsilon, _batch_mean, _batch_inv_std);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "vision/fit.h"
+
 namespace vision {
 
 namespace {
@@ -46,7 +48,7 @@ void ConvLayer::plan(const vorn::Tensor<float>& in) {
 }
 
 const vorn::Tensor<float>& ConvLayer::forward(const vorn::Tensor<float>& in) {
-    _out.resize(vorn::Dim(in.get_n(), _weight.value.get_n(), in.get_h(), in.get_w()));
+    fit(vorn::Dim(in.get_n(), _weight.value.get_n(), in.get_h(), in.get_w()), &_out);
     plan(in);
     _out.conv_fwd(_desc, in, _weight.value, work_space(), work_space_size());
     return _out;
@@ -60,7 +62,7 @@ void ConvLayer::backward(const vorn::Tensor<float>& in, const vorn::Tensor<float
 
 vorn::Tensor<float>& ConvLayer::input_error(const vorn::Tensor<float>& in,
                                             const vorn::Tensor<float>& error) {
-    _in_error.resize(in.get_size());
+    fit(in.get_size(), &_in_error);
     _in_error.conv_diff(_desc, _weight.value, error, work_space(), work_space_size());
     return _in_error;
 }

@@ -17,10 +17,10 @@ namespace vision {
 
 /// What a network is built of; stored with the model.
 struct NetworkShape {
-    int filters = 16;      ///< of the first convolution; the second has twice as many
-    int filter_side = 5;   ///< of the first convolution; the second has 3
-    int grid = 7;          ///< side of the grid of bins over a window
-    int hidden = 128;      ///< units of the hidden layer
+    int filters = 16;     ///< of the first convolution; the others have twice as many
+    int filter_side = 5;  ///< of the first convolution; that of the others is 3
+    int grid = 7;         ///< side of the grid of bins over a window
+    int hidden = 128;     ///< units of the hidden layer
     int classes = 0;
 };
 
@@ -30,9 +30,11 @@ void validate(const NetworkShape& shape);
 /// The number of values of all parameters and statistics of a valid shape.
 std::int64_t value_count(const NetworkShape& shape);
 
-/// Reads windows of pages. A page goes through two convolutions, each with batch normalization and
-/// max(x, 0), the first with pooling too; its maps are computed once for all windows. A grid of
-/// maxima over each window goes through a hidden layer to a softmax.
+/// Reads windows of pages. A page goes through three convolutions, each with batch normalization
+/// and max(x, 0), and through pooling after the first sums; pooling before the other two, which
+/// rise with their input as long as the scale is positive, saves three quarters of them. The maps
+/// of a page are computed once for all windows. A grid of maxima over each window goes through a
+/// hidden layer to a softmax.
 class Network {
 public:
     /// All parameters are zero. Throws Error as validate() does.
@@ -63,14 +65,14 @@ public:
 
 private:
     vorn::Device _device;
-    ConvLayer _conv1, _conv2;
-    BatchNormLayer _norm1, _norm2;
+    ConvLayer _conv1, _conv2, _conv3;
+    BatchNormLayer _norm1, _norm2, _norm3;
     PoolLayer _pool1;
     RoiPoolLayer _roi_pool;
     common::LinearLayer _hidden, _last;
 
     // Of the latest batch: views of what the layers put out.
-    vorn::Tensor<float> _conv1_out, _maps1, _pooled, _conv2_out, _maps2, _grids, _units;
+    vorn::Tensor<float> _sums1, _pooled1, _maps1, _sums2, _maps2, _sums3, _maps3, _grids, _units;
     vorn::Tensor<float> _posteriors;
 };
 

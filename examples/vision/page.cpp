@@ -126,9 +126,8 @@ bool PageMaker::place(const Page& piece, Box* where) {
         const int top = drawn(0, _rows - ink.height(), _random);
         *where = {left, top, left + ink.width(), top + ink.height()};
         const Box wide = where->widened(kGap);
-        if (std::any_of(_taken.begin(), _taken.end(), [&](const Box& other) {
-                return !intersection(wide, other).is_empty();
-            })) {
+        if (std::any_of(_taken.begin(), _taken.end(),
+                        [&](const Box& other) { return !intersection(wide, other).is_empty(); })) {
             continue;
         }
         _taken.push_back(*where);

@@ -1,5 +1,7 @@
 #include "vision/roi_pool_layer.h"
 
+#include "vision/fit.h"
+
 namespace vision {
 
 const vorn::Tensor<float>& RoiPoolLayer::forward(const vorn::Tensor<float>& in,
@@ -15,7 +17,7 @@ const vorn::Tensor<float>& RoiPoolLayer::forward(const vorn::Tensor<float>& in,
 vorn::Tensor<float>& RoiPoolLayer::backward(const vorn::Tensor<float>& in,
                                             const vorn::Tensor<float>& windows,
                                             const vorn::Tensor<float>& error) {
-    _in_error.resize(in.get_size());
+    fit(in.get_size(), &_in_error);
     _in_error.roi_pool_bp(_desc, error.get_with_shape(_winners.get_size()), windows, _winners);
     return _in_error;
 }

@@ -21,8 +21,7 @@ public:
     const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in,
                                        const vorn::Tensor<float>& windows);
     /// The error at the input of the latest forward(), from that at its output.
-    vorn::Tensor<float>& backward(const vorn::Tensor<float>& in,
-                                  const vorn::Tensor<float>& windows,
+    vorn::Tensor<float>& backward(const vorn::Tensor<float>& in, const vorn::Tensor<float>& windows,
                                   const vorn::Tensor<float>& error);
 
 private:
