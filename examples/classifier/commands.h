@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "digit_images/data.h"
@@ -16,12 +17,12 @@ struct TrainOptions {
     std::filesystem::path model;    ///< --out
     std::filesystem::path picture;  ///< --picture; empty: none
     std::string device = "cpu";     ///< cpu or gpu
-    int epochs = 15;
-    int batch = 128;  ///< images
+    std::optional<int> epochs;      ///< a number that fits the set where not given
+    int batch = 128;                ///< images
     int hidden = 512;
     int layers = 2;
     std::string activation = "relu";  ///< or maxout
-    double dropout = 0.2;
+    double dropout = 0.1;
     double learning_rate = 2e-3;
 };
 

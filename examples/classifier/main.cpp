@@ -20,8 +20,10 @@ CLI::App* add_train(CLI::App* app, classifier::TrainOptions* options) {
                      "Where to draw the course of training and the worst mistakes")
         ->check(common::kNotEmpty);
     common::add_device(command, &options->device);
-    common::add_number(command, "--epochs", &options->epochs, "Passes over the training set",
-                       in_range(1, 10000));
+    command
+        ->add_option("--epochs", options->epochs,
+                     "Passes over the training set (default: 12, more where it is small)")
+        ->check(in_range(1, 10000));
     common::add_number(command, "--batch", &options->batch, "Images in a batch",
                        in_range(1, 65536));
     common::add_number(command, "--hidden", &options->hidden, "Units of a hidden layer",

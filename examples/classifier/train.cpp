@@ -14,6 +14,12 @@
 
 namespace classifier {
 
+namespace {
+
+constexpr int kLeastEpochs = 12;
+
+}  // namespace
+
 int run_train(const TrainOptions& options) {
     const common::ComputeDevice compute(options.device, common::ThreadContext::kAlways);
     common::check_outputs(options.model, options.picture);
@@ -23,13 +29,15 @@ int run_train(const TrainOptions& options) {
     const digit_images::Data data = digit_images::load_data(options.data);
 
     Network network(shape, static_cast<float>(options.dropout), compute.device());
+    const int epochs = options.epochs.value_or(
+        digit_images::fitting_epochs(data.train.count(), options.batch, kLeastEpochs));
     Trainer trainer(&network, &data.train,
-                    {options.epochs, options.batch, options.learning_rate, options.data.seed});
+                    {epochs, options.batch, options.learning_rate, options.data.seed});
     std::cout << "training on " << data.train.count() << " images, testing on " << data.test.count()
               << std::endl;
 
     digit_images::TrainingRun run;
-    run.epochs = options.epochs;
+    run.epochs = epochs;
     run.images = data.train.count();
     run.run_epoch = [&](const digit_images::Report& report) { return trainer.run_epoch(report); };
     run.evaluate = [&] { return evaluate(&network, data.test); };

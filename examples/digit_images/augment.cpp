@@ -14,7 +14,7 @@ constexpr double kRotation = 0.2;  // radians
 constexpr double kSlant = 0.25;
 constexpr double kScale = 0.15;
 constexpr double kShift = 1.5;    // pixels
-constexpr double kBending = 3.0;  // pixels that a control point moves at most, each way
+constexpr double kBending = 2.5;  // pixels that a control point moves at most, each way
 
 constexpr int kSpacing = 7;  // pixels from one control point to the next
 constexpr int kControls = kFrameSide / kSpacing + 3;

@@ -1,5 +1,6 @@
 #include "digit_images/training_run.h"
 
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <iostream>
@@ -35,6 +36,12 @@ void TrainingState::add(const common::CrossEntropy& objective) {
     loss = (loss * items + objective.mean_loss() * added) / (items + added);
     items += added;
     correct += objective.correct();
+}
+
+int fitting_epochs(int images, int batch, int least) {
+    constexpr int least_updates = 4000;
+    const int updates = (images + batch - 1) / batch;
+    return std::max(least, (least_updates + updates - 1) / updates);
 }
 
 TrainingCourse train(const TrainingRun& run) {

@@ -26,6 +26,10 @@ struct TrainingState {
 /// Called after each batch; false ends the epoch.
 using Report = std::function<bool(const TrainingState&)>;
 
+/// Passes over so many images after which a network hardly learns more: a small set takes more than
+/// the least number.
+int fitting_epochs(int images, int batch, int least);
+
 /// The parts of a training run that a program brings.
 struct TrainingRun {
     int epochs = 0;
