@@ -47,7 +47,7 @@ std::vector<Detection> Finder::find(const Page& page) {
     }
     _maker.add_page(with_even_sides(page));
     for (const Box& box : candidates) {
-        _maker.add_window(box, digit_images::kDigits);
+        _maker.add_window(box, kNoDigit);
     }
     const Batch& batch = _maker.finish();
     const vorn::Tensor<float>& posteriors =
@@ -64,7 +64,7 @@ std::vector<Detection> Finder::find(const Page& page) {
             throw common::Error("the network's posteriors are not numbers; its model is damaged");
         }
         const auto read = static_cast<int>(highest - of_box);
-        if (read < digit_images::kDigits) {
+        if (read != kNoDigit) {
             detections.push_back({box, read, *highest});
         }
         of_box += classes;
@@ -94,6 +94,7 @@ void add_to_score(const std::vector<Detection>& detections, const std::vector<Pl
                   Score* score) {
     const std::vector<int> matches = match(detections, digits);
     const auto false_boxes = static_cast<int>(std::count(matches.begin(), matches.end(), -1));
+    ++score->pages;
     score->digits += static_cast<int>(digits.size());
     score->found += static_cast<int>(matches.size()) - false_boxes;
     score->false_boxes += false_boxes;

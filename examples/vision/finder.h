@@ -36,6 +36,7 @@ private:
 
 /// How well digits were found.
 struct Score {
+    int pages = 0;
     int digits = 0;
     int found = 0;  ///< a box overlaps it by half at least and names it right
     int false_boxes = 0;

@@ -16,10 +16,9 @@ namespace {
 
 constexpr double kGradientLimit = 5;
 constexpr int kPageSide = 96;
-constexpr int kMostDigits = 8;
 constexpr int kClutter = 2;
 /// What fits no better than this holds no digit.
-constexpr double kNoDigit = 0.4;
+constexpr double kEmptyOverlap = 0.4;
 
 }  // namespace
 
@@ -43,7 +42,7 @@ Trainer::Trainer(Network* network, const digit_images::ImageSet* images,
 /// Of the images from *next on, as many as find room.
 Page Trainer::make_page(int* next) {
     std::array<float, digit_images::kFramePixels> image;
-    for (int i = 0; i < kMostDigits && *next < _images->count(); ++i, ++*next) {
+    for (int i = 0; i < kMostDigitsOnPage && *next < _images->count(); ++i, ++*next) {
         const int chosen = _order[*next];
         digit_images::augment(_images->image(chosen), &_random, image.data());
         _pages.add_digit(image.data(), _images->labels[chosen]);
@@ -64,9 +63,9 @@ void Trainer::add_windows(const Page& page) {
     }
     for (const Box& box : candidate_boxes(page)) {
         if (std::all_of(page.digits.begin(), page.digits.end(), [&](const PlacedDigit& placed) {
-                return overlap(placed.box, box) < kNoDigit;
+                return overlap(placed.box, box) < kEmptyOverlap;
             })) {
-            _maker.add_window(box, digit_images::kDigits);
+            _maker.add_window(box, kNoDigit);
         }
     }
 }
@@ -85,10 +84,10 @@ void Trainer::train_batch(const Batch& batch) {
     ++_updates;
 }
 
-TrainingState Trainer::run_epoch(const std::function<bool(const TrainingState&)>& report) {
+digit_images::TrainingState Trainer::run_epoch(const digit_images::Report& report) {
     common::shuffle(&_order, &_random);
-    TrainingState state;
-    const int per_batch = _options.batch * kMostDigits;
+    digit_images::TrainingState state;
+    const int per_batch = _options.batch * kMostDigitsOnPage;
     _updates_planned =
         std::int64_t{(_images->count() + per_batch - 1) / per_batch} * _options.epochs;
     while (state.images < _images->count()) {
@@ -97,13 +96,8 @@ TrainingState Trainer::run_epoch(const std::function<bool(const TrainingState&)>
             _maker.add_page(page);
             add_windows(page);
         }
-        const Batch& batch = _maker.finish();
-        train_batch(batch);
-        const int size = batch.size();
-        state.loss =
-            (state.loss * state.windows + _objective.mean_loss() * size) / (state.windows + size);
-        state.windows += size;
-        state.correct += _objective.correct();
+        train_batch(_maker.finish());
+        state.add(_objective);
         if (!report(state)) {
             break;
         }

@@ -2,12 +2,12 @@
 #define VISION_TRAINER_H_
 
 #include <cstdint>
-#include <functional>
 #include <vector>
 
 #include "common/cross_entropy.h"
 #include "common/optimizer.h"
 #include "digit_images/image_set.h"
+#include "digit_images/training_run.h"
 #include "vision/batch.h"
 #include "vision/network.h"
 #include "vision/page.h"
@@ -21,15 +21,8 @@ struct TrainerOptions {
     std::uint64_t seed = 1;
 };
 
-/// How training stands, over what an epoch has seen so far.
-struct TrainingState {
-    int images = 0;
-    int windows = 0;
-    double loss = 0;  ///< mean of the windows
-    int correct = 0;  ///< windows
-
-    double accuracy() const { return static_cast<double>(correct) / windows; }
-};
+/// The most digits on a page of training.
+constexpr int kMostDigitsOnPage = 8;
 
 /// Trains a network with cross entropy and Adam on pages of augmented images. It looks at each
 /// digit, and at the windows that the search on a page would offer and that hold none. The calling
@@ -41,7 +34,7 @@ public:
 
     /// One pass over all images, in a new order. Calls `report` after each batch and stops early
     /// when it returns false. Throws Error when the loss is not finite any more.
-    TrainingState run_epoch(const std::function<bool(const TrainingState&)>& report);
+    digit_images::TrainingState run_epoch(const digit_images::Report& report);
 
 private:
     Page make_page(int* next);

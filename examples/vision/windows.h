@@ -7,6 +7,10 @@
 
 namespace vision {
 
+/// What the network tells apart: the digits, and windows without one.
+constexpr int kNoDigit = digit_images::kDigits;
+constexpr int kClasses = kNoDigit + 1;
+
 /// The boxes of a page that may hold a digit: those of connected ink, and those around two
 /// neighbouring pieces of it, as a digit may be broken. What is far too small or too large is left
 /// out.
