@@ -23,8 +23,6 @@ const Batch& BatchMaker::make(const digit_images::ImageSet& set, const int* begi
     _batch.images.copy_from(_images.data(), 0, _images.size());
     _batch.labels.resize(vorn::Dim(size), false);
     _batch.labels.copy_from(_labels.data(), 0, _labels.size());
-    _batch.mask.resize(vorn::Dim(size), false);
-    _batch.mask.set_element(1);
     return _batch;
 }
 

@@ -13,10 +13,8 @@ namespace classifier {
 struct Batch {
     vorn::Tensor<float> images;
     vorn::Tensor<float> labels;  ///< class indices
-    vorn::Tensor<int> mask;      ///< 1 everywhere: every image counts
 
-    explicit Batch(vorn::Device device) : images(device), labels(device), mask(device) {}
-    int size() const { return static_cast<int>(labels.count()); }
+    explicit Batch(vorn::Device device) : images(device), labels(device) {}
 };
 
 /// Makes batches of framed images.

@@ -4,36 +4,14 @@
 
 #include "classifier/commands.h"
 #include "common/command_line.h"
+#include "digit_images/command_line.h"
 
 namespace {
-
-/// A pair of IDX files, which come together.
-void add_images(CLI::App* command, const std::string& prefix, const std::string& what,
-                std::filesystem::path* images, std::filesystem::path* labels) {
-    CLI::Option* one = command->add_option("--" + prefix + "images", *images,
-                                           "IDX file of the images " + what + ", gzip or not");
-    CLI::Option* other = command->add_option("--" + prefix + "labels", *labels,
-                                             "IDX file of their labels, gzip or not");
-    one->check(common::kNotEmpty)->needs(other);
-    other->check(common::kNotEmpty)->needs(one);
-}
-
-void add_fonts(CLI::App* command, std::filesystem::path* fonts) {
-    command
-        ->add_option("--fonts", *fonts,
-                     "Folder of the fonts to render digits from, where no files are given")
-        ->check(common::kNotEmpty)
-        ->capture_default_str();
-}
 
 CLI::App* add_train(CLI::App* app, classifier::TrainOptions* options) {
     using common::in_range;
     CLI::App* command = app->add_subcommand("train", "Train a model");
-    digit_images::DataOptions& data = options->data;
-    add_images(command, "", "to train on", &data.images, &data.labels);
-    add_images(command, "test-", "to test on", &data.test_images, &data.test_labels);
-    command->get_option("--test-images")->needs("--images");
-    add_fonts(command, &data.fonts);
+    digit_images::add_training_data(command, &options->data);
     command->add_option("--out", options->model, "Where to write the model")
         ->required()
         ->check(common::kNotEmpty);
@@ -58,7 +36,7 @@ CLI::App* add_train(CLI::App* app, classifier::TrainOptions* options) {
                        "Share of hidden units left out in training", in_range(0.0, 0.95));
     common::add_number(command, "--learning-rate", &options->learning_rate,
                        "Highest step size of Adam", in_range(1e-6, 1.0));
-    common::add_seed(command, &data.seed);
+    common::add_seed(command, &options->data.seed);
     return command;
 }
 
@@ -67,8 +45,7 @@ CLI::App* add_test(CLI::App* app, classifier::TestOptions* options) {
     command->add_option("--model", options->model, "Model file")
         ->required()
         ->check(common::kNotEmpty);
-    add_images(command, "", "to test on", &options->data.images, &options->data.labels);
-    add_fonts(command, &options->data.fonts);
+    digit_images::add_test_data(command, &options->data);
     common::add_device(command, &options->device);
     return command;
 }

@@ -35,8 +35,8 @@ Trainer::Trainer(Network* network, const digit_images::ImageSet* images,
 void Trainer::train_batch(const Batch& batch) {
     const vorn::Tensor<float>& posteriors =
         _network->forward(batch.images, common::Pass::kTraining);
-    _objective.compute(posteriors, batch);
-    _network->backward(batch.images, _objective.error(posteriors, batch));
+    _objective.compute(posteriors, batch.labels);
+    _network->backward(batch.images, _objective.error(posteriors, batch.labels));
     const double norm = common::clip_gradients(_parameters, kGradientLimit);
     if (!std::isfinite(_objective.mean_loss()) || !std::isfinite(norm)) {
         throw common::Error(
@@ -46,18 +46,16 @@ void Trainer::train_batch(const Batch& batch) {
     ++_updates;
 }
 
-TrainingState Trainer::run_epoch(const std::function<bool(const TrainingState&)>& report) {
+digit_images::TrainingState Trainer::run_epoch(const digit_images::Report& report) {
     common::shuffle(&_order, &_random);
-    TrainingState state;
+    digit_images::TrainingState state;
     const int count = _images->count();
     for (int begin = 0; begin < count; begin += _options.batch) {
         const int size = std::min(_options.batch, count - begin);
         const int* first = _order.data() + begin;
         train_batch(_maker.make(*_images, first, first + size, &_random));
-        state.loss =
-            (state.loss * state.images + _objective.mean_loss() * size) / (state.images + size);
         state.images += size;
-        state.correct += _objective.correct();
+        state.add(_objective);
         if (!report(state)) {
             break;
         }

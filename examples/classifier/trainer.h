@@ -2,14 +2,14 @@
 #define CLASSIFIER_TRAINER_H_
 
 #include <cstdint>
-#include <functional>
 #include <vector>
 
 #include "classifier/batch.h"
-#include "classifier/cross_entropy.h"
 #include "classifier/network.h"
+#include "common/cross_entropy.h"
 #include "common/optimizer.h"
 #include "digit_images/image_set.h"
+#include "digit_images/training_run.h"
 
 namespace classifier {
 
@@ -18,15 +18,6 @@ struct TrainerOptions {
     int batch = 0;  ///< images
     double learning_rate = 0;
     std::uint64_t seed = 1;
-};
-
-/// How training stands, over the images that an epoch has seen so far.
-struct TrainingState {
-    int images = 0;
-    double loss = 0;  ///< mean
-    int correct = 0;
-
-    double accuracy() const { return static_cast<double>(correct) / images; }
 };
 
 /// Trains a network with cross entropy and Adam on augmented images. The calling thread has its
@@ -38,7 +29,7 @@ public:
 
     /// One pass over all images, in a new order. Calls `report` after each batch and stops early
     /// when it returns false. Throws Error when the loss is not finite any more.
-    TrainingState run_epoch(const std::function<bool(const TrainingState&)>& report);
+    digit_images::TrainingState run_epoch(const digit_images::Report& report);
 
 private:
     void train_batch(const Batch& batch);
@@ -48,7 +39,7 @@ private:
     TrainerOptions _options;
     std::vector<common::Parameter*> _parameters;
     common::Adam _optimizer;
-    CrossEntropy _objective;
+    common::CrossEntropy _objective;
     BatchMaker _maker;
     common::Random _random;
     std::vector<int> _order;

@@ -7,15 +7,15 @@
 #include <valarray>
 
 #include "classifier/batch.h"
-#include "classifier/cross_entropy.h"
 #include "classifier/dropout.h"
 #include "classifier/evaluation.h"
 #include "classifier/model_file.h"
 #include "classifier/network.h"
-#include "classifier/plot.h"
 #include "classifier/trainer.h"
+#include "common/cross_entropy.h"
 #include "common/gnuplot.h"
 #include "digit_images/frame.h"
+#include "digit_images/plot.h"
 #include "gradient_check.h"
 #include "test_files.h"
 
@@ -103,15 +103,13 @@ TEST_P(ClassifierNetwork, GradientIsThatOfTheLoss) {
         }
         classifier::Batch batch(device());
         batch.labels = tensor(labels, vorn::Dim(images));
-        batch.mask = vorn::Tensor<int>(vorn::Dim(images), device());
-        batch.mask.set_element(1);
-        classifier::CrossEntropy objective(device());
+        common::CrossEntropy objective(device());
         // Nothing of an earlier batch may be left in what is computed for a later one.
         for (const auto& its_pixels : {noise(images * inputs), pixels}) {
             batch.images = tensor(its_pixels, vorn::Dim(images, inputs));
             const vorn::Tensor<float>& posteriors = network.forward(batch.images, Pass::kTraining);
-            objective.compute(posteriors, batch);
-            network.backward(batch.images, objective.error(posteriors, batch));
+            objective.compute(posteriors, batch.labels);
+            network.backward(batch.images, objective.error(posteriors, batch.labels));
         }
 
         const auto loss_of = [&](int i) {
@@ -148,10 +146,8 @@ TEST_P(ClassifierNetwork, ObjectiveCountsWhatIsReadRight) {
         tensor({0.7f, 0.2f, 0.1f, 1, 0, 0, 0.1f, 0.3f, 0.6f}, vorn::Dim(3, 3));
     classifier::Batch batch(device());
     batch.labels = tensor({0, 1, 2}, vorn::Dim(3));
-    batch.mask = vorn::Tensor<int>(vorn::Dim(3), device());
-    batch.mask.set_element(1);
-    classifier::CrossEntropy objective(device());
-    objective.compute(posteriors, batch);
+    common::CrossEntropy objective(device());
+    objective.compute(posteriors, batch.labels);
     EXPECT_EQ(objective.correct(), 2);
     EXPECT_EQ(objective.read(), (std::vector<int>{0, 0, 2}));
     EXPECT_NEAR(objective.losses()[0], -std::log(0.7), 1e-6);
@@ -209,7 +205,7 @@ protected:
         Run run;
         for (int epoch = 0; epoch < kEpochs; ++epoch) {
             run.losses.push_back(
-                trainer.run_epoch([](const classifier::TrainingState&) { return true; }).loss);
+                trainer.run_epoch([](const digit_images::TrainingState&) { return true; }).loss);
         }
         run.accuracy = classifier::evaluate(&network, _test).accuracy();
         const TemporaryFolder folder;
@@ -245,11 +241,11 @@ TEST_P(ClassifierTraining, StopsWhenToldToAndWhereItDiverges) {
     Network network(_shape, 0, device());
     classifier::Trainer trainer(&network, &_images, {1, 32, 1e-2, 1});
     const auto state =
-        trainer.run_epoch([](const classifier::TrainingState& s) { return s.images < 64; });
+        trainer.run_epoch([](const digit_images::TrainingState& s) { return s.images < 64; });
     EXPECT_EQ(state.images, 64);
     network.parameters().back()->value.set_element(NAN);
     EXPECT_EQ(message_of([&] {
-                  trainer.run_epoch([](const classifier::TrainingState&) { return true; });
+                  trainer.run_epoch([](const digit_images::TrainingState&) { return true; });
               }),
               "training diverged: the loss is not finite; try a lower --learning-rate");
     EXPECT_EQ(message_of([&] { classifier::evaluate(&network, _test); }),
@@ -263,7 +259,7 @@ INSTANTIATE_TEST_SUITE_P(Devices, ClassifierTraining, testing::ValuesIn(kDevices
 /// Ten images, of which three are read wrong.
 struct Read {
     ImageSet set{digit_images::kFrameSide, digit_images::kFrameSide};
-    classifier::Evaluation evaluation;
+    digit_images::Evaluation evaluation;
 
     Read() {
         for (const int label : {0, 1, 2, 3, 4, 5, 6, 7, 7, 7}) {
@@ -277,11 +273,11 @@ struct Read {
 
 TEST(ClassifierReport, CountsConfusionsAndFindsTheWorst) {
     const Read read;
-    EXPECT_EQ(classifier::worst_mistakes(read.evaluation, read.set, 5),
+    EXPECT_EQ(digit_images::worst_mistakes(read.evaluation, read.set, 5),
               (std::vector<int>{8, 4, 9}));
-    EXPECT_EQ(classifier::worst_mistakes(read.evaluation, read.set, 1), std::vector<int>{8});
+    EXPECT_EQ(digit_images::worst_mistakes(read.evaluation, read.set, 1), std::vector<int>{8});
     EXPECT_NEAR(read.evaluation.accuracy(), 0.7, 1e-12);
-    const std::string table = classifier::confusion_table(read.evaluation, read.set);
+    const std::string table = digit_images::confusion_table(read.evaluation, read.set);
     EXPECT_NE(table.find("          4      .      .      .      .      .      .      .      .      "
                          ".      1    0.00 %\n"),
               std::string::npos)
@@ -299,13 +295,13 @@ TEST(ClassifierReport, DrawsItsPicture) {
     }
     const Read read;
     const TemporaryFolder folder;
-    std::vector<classifier::Mistake> mistakes;
-    for (const std::size_t count : {0, 1, classifier::kMistakesShown}) {
+    std::vector<digit_images::Mistake> mistakes;
+    for (const std::size_t count : {0, 1, digit_images::kMistakesShown}) {
         mistakes.resize(count, {read.set.image(0), 7, 1});
         const auto png = folder / (std::to_string(count) + ".png");
         testing::internal::CaptureStderr();
         EXPECT_TRUE(common::draw_picture(
-            png, classifier::picture_script(png, {{1, 0.5, 0.1}, {2, 0.25, 0.0}}, mistakes)));
+            png, digit_images::picture_script(png, {{1, 0.5, 0.1}, {2, 0.25, 0.0}}, mistakes)));
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
         EXPECT_EQ(read_file(png).substr(0, 8), "\x89PNG\r\n\x1a\n");
     }

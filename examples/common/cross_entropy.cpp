@@ -1,8 +1,8 @@
-#include "classifier/cross_entropy.h"
+#include "common/cross_entropy.h"
 
 #include <numeric>
 
-namespace classifier {
+namespace common {
 
 namespace {
 
@@ -17,19 +17,23 @@ CrossEntropy::CrossEntropy(vorn::Device device)
       _loss(device),
       _highest(device),
       _error(device),
+      _mask(device),
       _highest_class(device) {}
 
-void CrossEntropy::compute(const vorn::Tensor<float>& posteriors, const Batch& batch) {
-    const int size = batch.size();
+void CrossEntropy::compute(const vorn::Tensor<float>& posteriors,
+                           const vorn::Tensor<float>& labels) {
+    const auto size = static_cast<int>(labels.count());
+    _mask.resize(vorn::Dim(size), false);
+    _mask.set_element(1);
     _log_posteriors.resize(posteriors.get_size());
     _log_posteriors.limit(posteriors, kLeastPosterior, 1);
     _log_posteriors.log();
     _loss.resize(vorn::Dim(size));
-    _loss.cross_entropy(_log_posteriors, batch.labels, batch.mask, -1);
+    _loss.cross_entropy(_log_posteriors, labels, _mask, -1);
 
     _highest.resize(vorn::Dim(size));
     _highest_class.resize(vorn::Dim(size));
-    _highest.cal_classify_acu_target(posteriors, batch.labels, batch.mask, _highest_class, kNoLabel,
+    _highest.cal_classify_acu_target(posteriors, labels, _mask, _highest_class, kNoLabel,
                                      &_correct);
 
     // On a GPU these wait for the count, too.
@@ -41,11 +45,10 @@ void CrossEntropy::compute(const vorn::Tensor<float>& posteriors, const Batch& b
 }
 
 const vorn::Tensor<float>& CrossEntropy::error(const vorn::Tensor<float>& posteriors,
-                                               const Batch& batch) {
+                                               const vorn::Tensor<float>& labels) {
     _error.resize(posteriors.get_size());
-    _error.cross_entropy_bp(posteriors, batch.labels, batch.mask,
-                            -1 / static_cast<float>(batch.size()));
+    _error.cross_entropy_bp(posteriors, labels, _mask, -1 / static_cast<float>(labels.count()));
     return _error;
 }
 
-}  // namespace classifier
+}  // namespace common
