@@ -199,10 +199,11 @@ ImageSet render_digits(const std::vector<std::filesystem::path>& fonts, Part par
 ImageSet render_plain(const std::filesystem::path& font) {
     const Library library;
     const Font open(library.get(), font);
+    common::Random no_noise;
     ImageSet set(kRenderedSide, kRenderedSide);
     for (int digit = 0; digit < kDigits; ++digit) {
         open.draw_digit(library.get(), digit, Pose(), set.add(static_cast<std::uint8_t>(digit)),
-                        nullptr);
+                        &no_noise);
     }
     return set;
 }
