@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "device_fixture.h"
@@ -96,6 +98,23 @@ TEST_F(ErrorTest, StaticDestructorsThatCallAreRefused) {
             std::exit(2);
         },
         testing::ExitedWithCode(0), "driver shutting down");
+}
+
+__global__ void print_and_fail(int zero) {
+    printf("the kernel's last words\n");
+    assert(zero != 0);
+}
+
+TEST_F(ErrorTest, AFailedAssertionDoesNotLoseWhatWasPrinted) {
+    EXPECT_DEATH(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);  // as where it is a pipe
+            launch(config(1, 1), print_and_fail, 0);
+            cudaDeviceSynchronize();
+            std::abort();
+        },
+        "the kernel's last words");
 }
 
 }  // namespace
