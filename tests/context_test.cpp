@@ -126,6 +126,14 @@ TEST_F(KernelTailTest, RefusedLaunchIsSilentWithoutTheFlag) {
     EXPECT_EQ(cudaGetLastError(), cudaErrorInvalidConfiguration);
 }
 
+TEST_F(KernelTailTest, SynchronizeStopsOnAFailure) {
+    synchronize();
+    EXPECT_DEATH(launch_failing_kernel();
+                 synchronize(),
+                 literal("Check failed: 0 == (cudaStreamSynchronize(default_stream)) device-side "
+                         "assert triggered\n"));
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace vorn

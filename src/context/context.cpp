@@ -96,6 +96,12 @@ void release_thread_context() {
     t_ctx = nullptr;
 }
 
+void synchronize() {
+    if (has_gpu()) {
+        CHECK_CALL(cudaStreamSynchronize(default_stream));
+    }
+}
+
 void seed_thread_context(unsigned long long seed) {
     CHECK_NOTNULL(t_ctx);
     t_ctx->c_gen->seed(static_cast<rng_t::result_type>(seed));

@@ -29,6 +29,10 @@ void release_thread_context();
 /// Restarts the thread's host and GPU random generators at `seed`. Aborts without a context.
 void seed_thread_context(unsigned long long seed);
 
+/// Waits until the GPU has done what the calling thread has queued on its `default_stream`. Aborts
+/// with the text of the status if that failed. Does nothing on a machine without a GPU.
+void synchronize();
+
 /// True where a GPU (or the simulated one) can be used.
 bool has_gpu();
 
