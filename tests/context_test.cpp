@@ -1,9 +1,15 @@
 #include "vorn/context/context.h"
 
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "device_test.h"
+#include "gpusim/gate.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
@@ -83,6 +89,129 @@ TEST_F(ThreadsTest, WorkAtOnce) {
     }
     EXPECT_EQ(t_ctx, outside);
     EXPECT_FALSE(g_sync_flag);
+}
+
+/// A thread with a context that does what it is given, one after the other.
+class Worker {
+public:
+    Worker() {
+        run([] { init_thread_context(); });
+    }
+    ~Worker() { end(); }
+
+    void run(const std::function<void()>& work) {
+        std::unique_lock<std::mutex> lock(_mutex);
+        _work = work;
+        _change.notify_all();
+        _change.wait(lock, [this] { return _work == nullptr; });
+    }
+    void end() {
+        if (_thread.joinable()) {
+            run([this] {
+                release_thread_context();
+                _is_ended = true;
+            });
+            _thread.join();
+        }
+    }
+
+private:
+    void loop() {
+        std::unique_lock<std::mutex> lock(_mutex);
+        while (!_is_ended) {
+            _change.wait(lock, [this] { return _work != nullptr; });
+            _work();  // the giver waits, and needs the lock for that only
+            _work = nullptr;
+            _change.notify_all();
+        }
+    }
+
+    std::mutex _mutex;
+    std::condition_variable _change;
+    std::function<void()> _work;
+    bool _is_ended = false;
+    std::thread _thread{[this] { loop(); }};
+};
+
+/// A block without a fill of zeros, which would wait for all streams.
+Tensor<float> fives(const Dim& size) {
+    Tensor<float> tensor(GPU);
+    tensor.resize(size, false);
+    tensor.set_element(5);
+    return tensor;
+}
+
+class DroppedBlockTest : public GpuTest {
+protected:
+    const Dim _size{1000};
+    Worker _other;
+    std::unique_ptr<Tensor<float>> _shared;
+    std::unique_ptr<Gate> _gate;
+
+    void allocate() {
+        _shared = std::make_unique<Tensor<float>>(_size, GPU);
+        synchronize();
+    }
+    /// Queues a fill that runs once the gate is opened.
+    void fill_behind_gate() {
+        _gate = std::make_unique<Gate>(default_stream);
+        _shared->set_element(1);
+    }
+    void expect_fives(const Tensor<float>& fresh) {
+        _gate->open();
+        EXPECT_EQ(values_of(fresh), Values(1000, 5));
+        _gate.reset();
+    }
+};
+
+TEST_F(DroppedBlockTest, IsNotReusedBeforeWorkOfTheThreadThatAllocatedIt) {
+    _other.run([&] { allocate(), fill_behind_gate(); });
+    _shared.reset();
+    const Tensor<float> fresh = fives(_size);
+    synchronize();  // waits for this thread's work only
+    expect_fives(fresh);
+}
+
+TEST_F(DroppedBlockTest, IsNotReusedBeforeWorkOfTheThreadThatDropsIt) {
+    _other.run([&] { allocate(); });
+    fill_behind_gate();
+    _shared.reset();
+    Tensor<float> fresh(GPU);
+    _other.run([&] { fresh = fives(_size); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // in which a fill could go ahead
+    expect_fives(fresh);
+}
+
+TEST_F(DroppedBlockTest, MayOutliveTheThreadThatAllocatedIt) {
+    Worker third;
+    _other.run([&] { allocate(); });
+    _other.end();
+    fill_behind_gate();
+    _shared.reset();
+    Tensor<float> fresh(GPU);
+    third.run([&] {
+        fresh = fives(_size);
+        synchronize();
+    });
+    expect_fives(fresh);
+}
+
+// Destroyed after the GPU's runtime.
+std::unique_ptr<Tensor<float>> tensor_of_the_program, pinned_tensor_of_the_program;
+std::unique_ptr<ThreadContextScope> context_of_the_program;
+
+TEST(ExitTest, WhatIsAliveThenLeavesTheGpuAlone) {
+    if (!has_gpu()) {
+        GTEST_SKIP() << "no GPU on this machine";
+    }
+    EXPECT_EXIT(
+        {
+            context_of_the_program = std::make_unique<ThreadContextScope>();
+            tensor_of_the_program = std::make_unique<Tensor<float>>(Dim(4), GPU);
+            pinned_tensor_of_the_program = std::make_unique<Tensor<float>>(Dim(4), CPU_PINNED);
+            exit(0);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 void launch_failing_kernel() {

@@ -23,7 +23,8 @@ extern __thread bool g_sync_flag;
 /// scratch. Without a GPU it sets up the host generator only. Aborts if the thread has a context.
 void init_thread_context(int device = 0);
 
-/// Waits for the thread's work and frees its context. Does nothing where there is none.
+/// Waits for the thread's work and frees its context. Does nothing where there is none, and where
+/// exit() has come so far that the GPU's runtime may be gone.
 void release_thread_context();
 
 /// Restarts the thread's host and GPU random generators at `seed`. Aborts without a context.
