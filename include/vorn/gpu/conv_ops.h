@@ -122,9 +122,6 @@ static __global__ void KeTransposeChannelHeight(const DType* in, DType* out, int
 }
 
 inline void vorn_transpose_channel_height(const Tensor<float>& in, Tensor<float>& out) {
-    if (out.get_element_count() == 0) {
-        return;
-    }
     const int num = static_cast<int>(in.get_n()), channel = static_cast<int>(in.get_c());
     launch<KeTransposeChannelHeight>(dim3(channel, std::min(num, kMaxGridSize)), dim3(128, 4),
                                      in.get_ptr(), out.get_ptr(), num, channel,

@@ -29,10 +29,13 @@ inline dim3 matrix_grid(index_t rows, index_t cols, int threads) {
 }
 
 /// The one door for kernels: queues `kernel` on the calling thread's `default_stream`, without
-/// dynamic shared memory. The result is the caller's tail's to see: every operation ends with
-/// VORN_KERNEL_TAIL(), once behind its launches.
+/// dynamic shared memory. A grid without blocks, which an empty output gives, is no launch. Every
+/// operation ends with VORN_KERNEL_TAIL(), once after its launches, which looks at their result.
 template <auto kernel, typename... A>
 void launch(dim3 grid, dim3 block, A&&... args) {
+    if (grid.x == 0 || grid.y == 0 || grid.z == 0) {
+        return;
+    }
     cudaLaunchConfig_t config = {};
     config.gridDim = grid;
     config.blockDim = block;

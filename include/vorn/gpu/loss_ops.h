@@ -39,9 +39,6 @@ static __global__ void KeMatrixCrossEntropy(const float* in, float* out, const f
 inline void vorn_cross_entropy(const Tensor<float>& in, const Tensor<float>& label,
                                const Tensor<int>& mask, Tensor<float>& out, index_t outer,
                                index_t channel, index_t inner, DType alpha, DType beta) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 512;
     launch<KeMatrixCrossEntropy>(div_up(static_cast<int>(outer * inner), NT), NT, in.get_ptr(),
                                  out.get_ptr(), label.get_ptr(), mask.get_ptr(), outer, channel,
@@ -73,9 +70,6 @@ static __global__ void KeMatrixCrossEntropyBp(float* out, const float* in, const
 inline void vorn_cross_entropy_bp(const Tensor<float>& in, const Tensor<float>& label,
                                   const Tensor<int>& mask, Tensor<float>& out, index_t outer,
                                   index_t channel, index_t inner, DType alpha, DType beta) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 512;
     launch<KeMatrixCrossEntropyBp>(matrix_grid(outer * inner, channel, NT), NT, out.get_ptr(),
                                    in.get_ptr(), label.get_ptr(), mask.get_ptr(),
@@ -129,9 +123,6 @@ inline void vorn_mean_squre_error(const Tensor<float>& in, const Tensor<float>& 
                                   DType beta) {
     const int NT = 128;
     const index_t dim_m = in.get_h(), dim_n = in.get_w();
-    if (dim_m == 0) {
-        return;
-    }
     launch<KeMatrixSumSquareError<NT>>(matrix_grid(dim_m, 1, NT), NT, in.get_ptr(), label.get_ptr(),
                                        out.get_ptr(), mask.get_ptr(), static_cast<int>(dim_m),
                                        static_cast<int>(dim_n), alpha, beta);
@@ -156,9 +147,6 @@ static __global__ void KeMatrixMeanSquareErrorBp(const float* label, const float
 inline void vorn_mean_squre_error_bp(const Tensor<float>& in, const Tensor<float>& label,
                                      const Tensor<int>& mask, Tensor<float>& out, DType alpha,
                                      DType beta) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 128;
     const index_t dim_m = out.row(), dim_n = out.get_w();
     launch<KeMatrixMeanSquareErrorBp>(
@@ -188,9 +176,6 @@ inline void vorn_rnnoise(const Tensor<float>& y_pred, const Tensor<float>& y_tru
                          const Tensor<int>& mask, Tensor<float>& cost, DType alpha, DType beta) {
     const int NT = 128;
     const index_t dim_m = y_pred.get_h(), dim_n = y_pred.get_w();
-    if (dim_m == 0) {
-        return;
-    }
     launch<KeRnnoise<NT>>(matrix_grid(dim_m, 1, NT), NT, y_pred.get_ptr(), y_true.get_ptr(),
                           cost.get_ptr(), mask.get_ptr(), static_cast<int>(dim_m),
                           static_cast<int>(dim_n), alpha, beta);
@@ -215,9 +200,6 @@ static __global__ void KeRnnoiseBp(const float* y_true, const float* y_pred, flo
 inline void vorn_rnnoise_bp(const Tensor<float>& y_pred, const Tensor<float>& y_true,
                             const Tensor<int>& mask, Tensor<float>& delta, DType alpha,
                             DType beta) {
-    if (delta.count() == 0) {
-        return;
-    }
     const int NT = 128;
     const index_t dim_m = delta.row(), dim_n = delta.get_w();
     launch<KeRnnoiseBp>(matrix_grid(dim_m, dim_n, NT), NT, y_true.get_ptr(), y_pred.get_ptr(),
@@ -250,9 +232,6 @@ static __global__ void KeFixedLoss(const float* in, index_t ld_in, float* out, i
 
 /// Pitches are honoured.
 inline void vorn_fixed_loss(const Tensor<float>& in, Tensor<float>& out) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 1024;
     const index_t dim_m = out.row(), dim_n = out.get_w();
     launch<KeFixedLoss>(div_up(static_cast<int>(dim_n), NT), NT, in.get_ptr(), in.ld(),
