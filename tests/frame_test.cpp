@@ -1,3 +1,5 @@
+#include <climits>
+
 #include "device_test.h"
 #include "vorn/ops/ops.h"
 
@@ -133,6 +135,14 @@ struct GridProbe {
     }
     __device__ void operator()(index_t row, index_t col) { (*this)(row + col); }
 };
+
+TEST(LaunchSizeTest, DivUp) {
+    for (int divisor : {1, 32, 128, 1024}) {
+        for (int64_t x : {0, 1, 10, 31, 32, 33, 127, 128, 129, INT_MAX - 127, INT_MAX}) {
+            EXPECT_EQ(div_up(static_cast<int>(x), divisor), (x + divisor - 1) / divisor) << x;
+        }
+    }
+}
 
 using LaunchTest = GpuTest;
 

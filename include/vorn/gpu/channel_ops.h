@@ -23,7 +23,8 @@ static __global__ void KeShrink(float* out, const float* in, int outer, int chan
     if (k >= inner) {
         return;
     }
-    for (int o = blockDim.y * blockIdx.y + threadIdx.y; o < outer; o += gridDim.y * blockDim.y) {
+    for (index_t o = blockDim.y * blockIdx.y + threadIdx.y; o < outer;
+         o += gridDim.y * blockDim.y) {
         out[o * inner + k] = in[(o * channel + index) * inner + k];
     }
 }
@@ -35,7 +36,8 @@ static __global__ void KeShrinkBp(float* out, const float* in, int outer, int ch
     if (k >= inner) {
         return;
     }
-    for (int o = blockDim.y * blockIdx.y + threadIdx.y; o < outer; o += gridDim.y * blockDim.y) {
+    for (index_t o = blockDim.y * blockIdx.y + threadIdx.y; o < outer;
+         o += gridDim.y * blockDim.y) {
         out[(o * channel + index) * inner + k] = in[o * inner + k];
     }
 }
@@ -67,7 +69,7 @@ __device__ inline int number_at(const float* const* table, int i) {
 __device__ inline void blend_in_block(const float* from, float* to, int count, float alpha,
                                       float beta) {
     const int t = blockDim.x * threadIdx.y + threadIdx.x;
-    for (int i = t; i < count; i += blockDim.x * blockDim.y) {
+    for (index_t i = t; i < count; i += blockDim.x * blockDim.y) {
         to[i] = fmaf(from[i], alpha, to[i] * beta);
     }
 }

@@ -69,10 +69,10 @@ __global__ void KeCalClassifyAcuTargetFindMax(const float* in, int* max_idx, flo
     const float* row = in + blockIdx.x * dim_n;
     float max = row[0];
     int idx = 0;
-    for (int col = t; col < dim_n; col += kThreads) {
+    for (index_t col = t; col < dim_n; col += kThreads) {
         if (row[col] > max) {
             max = row[col];
-            idx = col;
+            idx = static_cast<int>(col);
         }
     }
     smax[t] = max;

@@ -54,8 +54,9 @@ static __global__ void KeMatrixCrossEntropyBp(float* out, const float* in, const
     if (c >= channel) {
         return;
     }
-    for (int y = blockDim.y * blockIdx.y + threadIdx.y; y < outer * inner;
-         y += gridDim.y * blockDim.y) {
+    for (index_t item = blockDim.y * blockIdx.y + threadIdx.y; item < outer * inner;
+         item += gridDim.y * blockDim.y) {
+        const int y = static_cast<int>(item);
         const int label_val = static_cast<int>(label[y]);
         if (label_val < 0) {
             printf("[CE bp] lable_val %d index %d float_val %f\n", label_val, y,
@@ -87,7 +88,7 @@ template <int kThreads, typename Add>
 __device__ float block_row_sum(float* sum_s, int cols, Add add) {
     const int t = thread_in_block();
     float sum = 0;
-    for (int col = t; col < cols; col += kThreads) {
+    for (index_t col = t; col < cols; col += kThreads) {
         sum = add(sum, col);
     }
     sum_s[t] = sum;
@@ -104,11 +105,11 @@ __global__ void KeMatrixSumSquareError(const float* in, const float* label, floa
                                        const int* mask, int dim_m, int dim_n, float alpha,
                                        float beta) {
     __shared__ float sum_s[kThreads];
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
         const float *x = in + row * dim_n, *y = label + row * dim_n;
         const int cols = mask[row] == 1 ? dim_n : 0;
-        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, int col) {
+        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, index_t col) {
             const float d = x[col] - y[col];
             return fmaf(d, d, acc);
         });
@@ -137,9 +138,9 @@ static __global__ void KeMatrixMeanSquareErrorBp(const float* label, const float
     if (col >= dim_n) {
         return;
     }
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
-        const int i = row * dim_n + col;
+        const index_t i = row * dim_n + col;
         out[i] = func::mean_squre_error_bp(mask[row] == 1, label[i], in[i], out[i], alpha, beta);
     }
 }
@@ -159,11 +160,11 @@ template <int kThreads>
 __global__ void KeRnnoise(const float* y_pred, const float* y_true, float* cost, const int* mask,
                           int dim_m, int dim_n, float alpha, float beta) {
     __shared__ float sum_s[kThreads];
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
         const float *p = y_pred + row * dim_n, *t = y_true + row * dim_n;
         const int cols = mask[row] == 1 ? dim_n : 0;
-        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, int col) {
+        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, index_t col) {
             return acc + func::rnnoise_cost(p[col], t[col]);
         });
         if (threadIdx.x == 0) {
@@ -189,9 +190,9 @@ static __global__ void KeRnnoiseBp(const float* y_true, const float* y_pred, flo
     if (col >= dim_n) {
         return;
     }
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
-        const int i = row * dim_n + col;
+        const index_t i = row * dim_n + col;
         delta[i] = mask[row] == 1 ? func::rnnoise_bp(y_pred[i], y_true[i], delta[i], alpha, beta)
                                   : beta * delta[i];
     }

@@ -30,8 +30,9 @@ static __global__ void KeROIPoolFwd(int count, const DType* bottom_data, DType s
                                     int channels, int height, int width, int pooled_height,
                                     int pooled_width, const DType* bottom_rois, DType* top_data,
                                     int* argmax_data, DType alpha, DType beta) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
-         index += blockDim.x * gridDim.x) {
+    for (index_t item = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; item < count;
+         item += gridDim.x * static_cast<index_t>(blockDim.x)) {
+        const int index = static_cast<int>(item);
         const BinIndex at(index, channels, pooled_height, pooled_width);
         const func::Roi<func::RoiAxis> roi(bottom_rois + func::kRoiFields * at.n, spatial_scale,
                                            pooled_height, pooled_width);
@@ -59,8 +60,9 @@ static __global__ void KeROIPoolDiff(int count, const DType* top_diff, const int
                                      int width, int pooled_height, int pooled_width,
                                      DType* bottom_diff, const DType* bottom_rois, DType alpha,
                                      DType beta) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
-         index += blockDim.x * gridDim.x) {
+    for (index_t item = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; item < count;
+         item += gridDim.x * static_cast<index_t>(blockDim.x)) {
+        const int index = static_cast<int>(item);
         const BinIndex at(index, channels, height, width);  // a cell: (n, c, h, w)
         const int cell = at.ph * width + at.pw;
         DType gradient = 0;
@@ -98,8 +100,9 @@ static __global__ void KePSROIPoolFwd(int count, const DType* bottom_data, DType
                                       int channels, int height, int width, int pooled_height,
                                       int pooled_width, const DType* bottom_rois, int output_dim,
                                       int group_size, DType* top_data, int* mapping_channel) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
-         index += blockDim.x * gridDim.x) {
+    for (index_t item = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; item < count;
+         item += gridDim.x * static_cast<index_t>(blockDim.x)) {
+        const int index = static_cast<int>(item);
         const BinIndex at(index, output_dim, pooled_height, pooled_width);
         const func::Roi<func::PSRoiAxis<true>> roi(bottom_rois + func::kRoiFields * at.n,
                                                    spatial_scale, pooled_height, pooled_width);
@@ -126,8 +129,9 @@ static __global__ void KePSROIPoolDiff(int count, const DType* top_diff, const i
                                        int height, int width, int pooled_height, int pooled_width,
                                        int output_dim, DType* bottom_diff,
                                        const DType* bottom_rois) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
-         index += blockDim.x * gridDim.x) {
+    for (index_t item = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; item < count;
+         item += gridDim.x * static_cast<index_t>(blockDim.x)) {
+        const int index = static_cast<int>(item);
         const BinIndex at(index, output_dim, pooled_height, pooled_width);
         const func::Roi<func::PSRoiAxis<true>> roi(bottom_rois + func::kRoiFields * at.n,
                                                    spatial_scale, pooled_height, pooled_width);

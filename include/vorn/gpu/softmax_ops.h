@@ -25,7 +25,7 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
     const int row = blockIdx.x * channel;
 
     dfMax_s[t] = -FLT_MAX;
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         if (dfMax_s[t] < in[row + col]) {
             dfMax_s[t] = in[row + col];
         }
@@ -38,19 +38,19 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
     }
     __syncthreads();
 
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         out[row + col] = expf(in[row + col] - max);
     }
     __syncthreads();
     float sum = 0;
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         sum += out[row + col];
     }
     dfMax_s[t] = sum;
     block_fold<kThreads>([&](int to, int from) { dfMax_s[to] += dfMax_s[from]; });
     __syncthreads();
 
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         out[row + col] = out[row + col] / dfMax_s[0];
     }
 }
@@ -131,9 +131,9 @@ static __global__ void KeSoftmaxBackwardNormal(float* dst_grad, const float* out
     if (col >= channel) {
         return;
     }
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < static_cast<int>(outer);
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < outer;
          row += gridDim.y * blockDim.y) {
-        const int i = row * channel + col;
+        const index_t i = row * channel + col;
         const float gradient = output[i] * (src_grad[i] - sum[row]) * alpha;
         dst_grad[i] = fmaf(dst_grad[i], beta, gradient);
     }
