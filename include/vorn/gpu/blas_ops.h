@@ -8,11 +8,12 @@
 #include "vorn/cpu/blas_ops.h"
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
+#include "vorn/gpu/reduce_all.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU linear algebra on cuBLAS, through the handle of the thread's context. cuBLAS is
 /// column-major: a row-major matrix is for it its own transpose, with the pitch as leading
-/// dimension.
+/// dimension. Folds of all elements stand in gpu/reduce_all.h, which this header includes.
 namespace vorn {
 namespace gpu {
 
