@@ -25,15 +25,22 @@ void vorn_add(Tensor<T>& t, T val) {
     unary_op(func::add_constant<T>(val), t, t);
 }
 
-/// out = alpha0 * in1 + alpha1 * in2 + beta * out, computed in float.
+/// The sum below as the frame does it, for all types and pitches.
 template <typename T>
-void vorn_add(const Tensor<T>& in1, const Tensor<T>& in2, Tensor<T>& out, DType alpha0,
-              DType alpha1, DType beta) {
+void add_by_rule(const Tensor<T>& in1, const Tensor<T>& in2, Tensor<T>& out, DType alpha0,
+                 DType alpha1, DType beta) {
     if (is_equal(beta, 0)) {
         binary_op(func::add(alpha0, alpha1), in1, in2, out);
     } else {
         trinary_inplace_op(func::add_inplace(alpha0, alpha1, beta), in1, in2, out);
     }
+}
+
+/// out = alpha0 * in1 + alpha1 * in2 + beta * out, computed in float.
+template <typename T>
+void vorn_add(const Tensor<T>& in1, const Tensor<T>& in2, Tensor<T>& out, DType alpha0,
+              DType alpha1, DType beta) {
+    add_by_rule(in1, in2, out, alpha0, alpha1, beta);
 }
 
 /// The same for float. A plain sum of contiguous host tensors takes the vector library, which tests
@@ -55,7 +62,7 @@ inline void vorn_add(const Tensor<float>& in1, const Tensor<float>& in2, Tensor<
             gpu::vorn_axpy(in2, out, alpha0, alpha1);
         }
     } else {
-        vorn_add<float>(in1, in2, out, alpha0, alpha1, beta);
+        add_by_rule(in1, in2, out, alpha0, alpha1, beta);
     }
 }
 
@@ -68,7 +75,7 @@ void vorn_mul(Tensor<T>& t, T val) {
 /// The same for float, a scal where `t` is contiguous.
 inline void vorn_mul(Tensor<float>& t, DType val) {
     if (!t.is_contiguous()) {
-        vorn_mul<float>(t, val);
+        unary_op(func::mul_constant<float>(val), t, t);
     } else if (is_cpu_device(t.get_device())) {
         cpu::vorn_scal(t, val);
     } else {
