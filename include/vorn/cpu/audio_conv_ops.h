@@ -74,8 +74,11 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int,
             for (int c = start; c <= end; ++c, sum += temporal_dim, patch += dimN, ahead += share) {
                 prefetch_run(ahead, share);
                 prefetch_run(patch + kAhead * dimN, dimN);
+                // A patch beyond the last frequency, which is the caller's fault, is cut off there.
+                const int frequencies = c < 0 ? 0 : std::clamp(fbank - c, 0, filter_size);
+                const index_t size = static_cast<index_t>(frequencies) * temporal_dim;
 #pragma GCC ivdep
-                for (index_t j = 0; j < dimN; ++j) {
+                for (index_t j = 0; j < size; ++j) {
                     sum[j] += patch[j];
                 }
             }

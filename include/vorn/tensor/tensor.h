@@ -382,10 +382,10 @@ public:
     void count_valid_label(const Tensor<int>& mask, DType ignore_label_val, size_t* count);
     /// Per row of the class scores `in`: max_idx = the class of the largest score, this = that
     /// score; and *count = the number of rows with the mask on whose class is the label and whose
-    /// label is not `ignore_label_val`. Among equal scores the host takes the lowest class. On a GPU
-    /// class c is read by thread c % 128, and that of the first thread in bit-reversed order wins:
-    /// 0, then 64, 32, 96 and so on. The host compares class and label as floats, a GPU as integers.
-    /// Aborts unless `in` is a matrix and the element counts fit its rows.
+    /// label is not `ignore_label_val`. Among equal scores the host takes the lowest class. On a
+    /// GPU class c is read by thread c % 128, and that of the first thread in bit-reversed order
+    /// wins: 0, then 64, 32, 96 and so on. The host compares class and label as floats, a GPU as
+    /// integers. Aborts unless `in` is a matrix and the element counts fit its rows.
     void cal_classify_acu_target(const Tensor<float>& in, const Tensor<float>& label,
                                  const Tensor<int>& mask, Tensor<int>& max_idx,
                                  DType ignore_label_val, size_t* count);
@@ -653,7 +653,8 @@ public:
     // A feature row holds context frame s, delta d and frequency q at (s * delta + d) * fbank + q.
     // Group g has the positions conv_start[g] to conv_end[g], both inclusive, and a block of rows
     // of its own: row (frame n, position c) of the group stands n * positions + c - conv_start[g]
-    // rows behind the group's first. All matrices are dense. `conv_out_dim` is not read.
+    // rows behind the group's first. Positions lie in [0, fbank - filter_size], which is the
+    // caller's to keep. All matrices are dense. `conv_out_dim` is not read.
 
     /// The patch matrix: column f * temporal_dim + t of row (n, c) is feat(n, t * fbank + c + f).
     void expand_feat(const Tensor& feat, int fbank, int delta, int conv_out_dim, int filter_size,
