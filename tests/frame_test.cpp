@@ -88,6 +88,20 @@ TEST_P(FrameTest, EmptyTensorsAreLeftAlone) {
     g_sync_flag = false;
 }
 
+TEST_P(FrameTest, TensorsWithoutAxesAreLeftAlone) {
+    g_sync_flag = true;
+    const Tensor<float> in(device());
+    for (Tensor<float> out : {Tensor<float>(device()), Tensor<float>(Dim(), device())}) {
+        unary_op(func::square(), in, out);
+        binary_inplace_op(func::add(1, 1), in, out);
+        trinary_inplace_op(func::elem_mul(1, 0), in, in, out);
+        vorn_fill(out, 1.0f);
+        vorn_fill(out, 0.0f);
+        EXPECT_EQ(out.get_dim(), 0u);
+    }
+    g_sync_flag = false;
+}
+
 TEST_P(FrameTest, FillsEveryTypeAndNothingBesideAView) {
     for_each_type([this](auto zero) {
         using T = decltype(zero);
