@@ -13,8 +13,9 @@ target_compile_options(vorn_flags INTERFACE
   "$<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Release>>:-O3>"
   "$<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=${vorn_host_flags_for_nvcc}>"
   "$<$<COMPILE_LANGUAGE:CUDA>:--fmad=false>"
-  "-UNDEBUG"
-  "$<$<COMPILE_LANGUAGE:CUDA>:--diag-suppress=20012,20014>")
+  # A host function that a kernel calls by way of a rule becomes a bare exit in machine code.
+  "$<$<COMPILE_LANGUAGE:CUDA>:-Werror=cross-execution-space-call>"
+  "-UNDEBUG")
 
 # Files with kernels are CUDA where the toolkit is the real one, and C++ on the simulated one.
 function(vorn_compile_as_cuda target)

@@ -40,6 +40,18 @@ Layout random_layout(std::mt19937& random) {
     return layout;
 }
 
+// Positions beyond the last frequency are the caller's fault; no memory beyond is touched.
+TEST_P(AudioConvTest, ErrorsBeyondTheLastFrequencyAreCutOff) {
+    const int fbank = 4, filter = 2, temporal = 3, positions = 1000;
+    const Tensor<int> start = make<int>({0}), end = make<int>({positions - 1});
+    const Values errors(positions * filter * temporal, 1);
+    TensorF out = guarded(Dim(1, fbank * temporal));
+    out.zero();
+    out.shrink_errors(make(Dim(positions, filter * temporal), errors), fbank, 1, 0, filter, start,
+                      end);
+    EXPECT_EQ(values_of(out), (Values{1, 2, 2, 2, 1, 2, 2, 2, 1, 2, 2, 2}));
+}
+
 // Patches are copies; errors sum onto the features that the patches read: the host adds to the
 // output, a GPU replaces it.
 TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {

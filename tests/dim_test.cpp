@@ -1,5 +1,6 @@
 #include "vorn/tensor/dim.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include "device_test.h"
@@ -9,6 +10,10 @@
 namespace vorn {
 namespace test {
 namespace {
+
+TEST(DimTest, MaximumCanBeReferredTo) {
+    EXPECT_EQ(std::min(9, Dim::kMaxDim), 5);  // by reference, which needs a definition
+}
 
 TEST(DimTest, MakesAxes) {
     const std::pair<Dim, std::string> cases[] = {

@@ -1,3 +1,5 @@
+#include <climits>
+
 #include "device_test.h"
 #include "vorn/ops/ops.h"
 
@@ -86,6 +88,20 @@ TEST_P(FrameTest, EmptyTensorsAreLeftAlone) {
     g_sync_flag = false;
 }
 
+TEST_P(FrameTest, TensorsWithoutAxesAreLeftAlone) {
+    g_sync_flag = true;
+    const Tensor<float> in(device());
+    for (Tensor<float> out : {Tensor<float>(device()), Tensor<float>(Dim(), device())}) {
+        unary_op(func::square(), in, out);
+        binary_inplace_op(func::add(1, 1), in, out);
+        trinary_inplace_op(func::elem_mul(1, 0), in, in, out);
+        vorn_fill(out, 1.0f);
+        vorn_fill(out, 0.0f);
+        EXPECT_EQ(out.get_dim(), 0u);
+    }
+    g_sync_flag = false;
+}
+
 TEST_P(FrameTest, FillsEveryTypeAndNothingBesideAView) {
     for_each_type([this](auto zero) {
         using T = decltype(zero);
@@ -133,6 +149,14 @@ struct GridProbe {
     }
     __device__ void operator()(index_t row, index_t col) { (*this)(row + col); }
 };
+
+TEST(LaunchSizeTest, DivUp) {
+    for (int divisor : {1, 32, 128, 1024}) {
+        for (int64_t x : {0, 1, 10, 31, 32, 33, 127, 128, 129, INT_MAX - 127, INT_MAX}) {
+            EXPECT_EQ(div_up(static_cast<int>(x), divisor), (x + divisor - 1) / divisor) << x;
+        }
+    }
+}
 
 using LaunchTest = GpuTest;
 

@@ -176,6 +176,7 @@ TEST_P(IoTest, HfnnAndScore) {
     EXPECT_EQ(sequence(1, 2), fields({0, 0, 0, 2, 2}) + elements(Values{-0.5f, 0.75f, 7, 8.25f}));
     EXPECT_EQ(sequence(2, 1), fields({0, 0, 0, 1, 2}) + elements(Values{2, 3.25f}));
     EXPECT_EQ(sequence(0, 0), fields({0, 0, 0, 0, 2}));
+    EXPECT_EQ(sequence(-1, 0), fields({0, 0, 0, 0, 2}));  // nothing is read
 
     // Sizes are cut to 32 bits.
     const std::string cut = fields({6 | 7ll << 32, 2}, 8) + elements(values);
@@ -339,7 +340,11 @@ TEST(Failures, OfWriters) {
         {matrix, [&] { cube.write_score(out); }},
         {matrix, [&] { cube.write_score(out, 0, 1, 1); }},
         {"Check failed: (batch_idx) < (batch_size) ", [&] { view.write_score(out, 3, 3, 9); }},
-        {"Check failed: (batch_idx) >= (0) ", [&] { dense.write_score(out, -1, 0, 1); }},
+        {"Check failed: batch_size != 0 ", [&] { dense.write_score(out, -1, 0, 1); }},
+        {"Check failed: (batch_idx) >= (0) ", [&] { dense.write_score(out, -1, 2, 1); }},
+        {length, [&] { dense.write_score(out, -1, 2, 9); }},
+        {contiguous, [&] { view.write_score(out, -1, 2, 1); }},
+        {matrix, [&] { cube.write_score(out, -1, 1, 1); }},
         {"Check failed: tensor.get_h() % batch_size == 0 ",
          [&] { view.write_score(out, 0, 3, 9); }},
         {length, [&] { view.write_score(out, 0, 2, 3); }},

@@ -57,6 +57,25 @@ TEST_P(LinearOpsTest, ColumnsGoInAndComeOut) {
     }
 }
 
+TEST_P(LinearOpsTest, RowsBeyondWhatAGridTakes) {
+    const int columns_limit = 65535, max_out_limit = 32 * 65535;
+    const Values tall = random_values(columns_limit + 2, 7);
+    const int rows = static_cast<int>(tall.size());
+    TensorF wide = poisoned(Dim(rows, 2)), back = poisoned(Dim(rows, 1));
+    wide.col_append(make(Dim(rows, 1), tall), 1);
+    back.col_deappend(wide, 1);
+    EXPECT_EQ(values_of(back), tall);
+
+    const Values values = random_values(max_out_limit + 2, 8);
+    const Dim size(static_cast<int>(values.size()), 1);
+    TensorF in = make(size, values), out = poisoned(size), error = poisoned(size);
+    Tensor<int> idx = poisoned<int>(size);
+    out.max_out_fwd(in, 1, idx);
+    EXPECT_EQ(values_of(out), values);
+    error.max_out_bwd(out, 1, idx, 1, 0);
+    EXPECT_EQ(values_of(error), values);
+}
+
 using LinearOpsFailureTest = GpuTest;
 
 TEST_F(LinearOpsFailureTest, Texts) {

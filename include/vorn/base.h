@@ -10,9 +10,9 @@ using DType = float;          ///< Element type of real-valued tensors, and of a
 using index_t = size_t;       ///< Counts, extents and pitches.
 using ptr_t = unsigned long;  ///< A pointer held as an integer, for tables of device pointers.
 
-/// Ceiling division, for launch sizes.
+/// Ceiling division of x from 0 on by y from 1 on, for launch sizes.
 inline int div_up(int x, int y) {
-    return (x + y - 1) / y;
+    return x / y + (x % y > 0);  // a sum before the division could overflow
 }
 
 enum ActivationType {

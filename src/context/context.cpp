@@ -5,6 +5,10 @@
 #include <cudnn.h>
 #include <curand.h>
 
+#include <atomic>
+#include <cstdlib>
+
+#include "vorn/context/lifetime.h"
 #include "vorn/logging.h"
 #include "vorn/util/gpu_util.h"
 
@@ -22,6 +26,33 @@ bool has_gpu() {
         return works;
     }();
     return found;
+}
+
+static std::atomic<bool> exiting{false};
+
+void watch_for_exit() {
+    static const int registered = std::atexit([] { exiting = true; });
+    (void)registered;
+}
+
+bool is_exiting() {
+    return exiting;
+}
+
+static void destroy_stream(cudaStream_t stream) {
+    if (!is_exiting()) {
+        CHECK_CALL(cudaStreamDestroy(stream));
+    }
+}
+
+std::shared_ptr<CUstream_st> share_default_stream() {
+    if (t_ctx != nullptr && default_stream != nullptr &&
+        t_ctx->owned_stream.get() == default_stream) {
+        return t_ctx->owned_stream;
+    }
+    // A stream that others own.
+    const std::shared_ptr<void> nobody;
+    return {nobody, default_stream != nullptr ? default_stream : cudaStreamLegacy};
 }
 
 // Freed blocks stay in the pool, so that temporaries cost no call to the driver.
@@ -45,6 +76,7 @@ static void init_gpu(ThreadContext& ctx, int device) {
         CHECK_CALL(cudaStreamCreate(&stream));
     }
     default_stream = ctx.stream[NUMBER_OF_GLOBAL_STREAM];
+    ctx.owned_stream.reset(default_stream, destroy_stream);
     CHECK_CALL(cublasCreate(&ctx.handle));
     CHECK_CALL(cublasSetStream(ctx.handle, default_stream));
     CHECK_CALL(cublasSetMathMode(ctx.handle, CUBLAS_PEDANTIC_MATH));
@@ -55,6 +87,7 @@ static void init_gpu(ThreadContext& ctx, int device) {
     CHECK_CALL(cudaMalloc(reinterpret_cast<void**>(&ctx.gpu_mem), GPU_MEM_SIZE));
     CHECK_CALL(cudaMallocHost(reinterpret_cast<void**>(&ctx.cpu_mem), GPU_MEM_SIZE));
     CHECK_CALL(cudaEventCreateWithFlags(&ctx.event, cudaEventDisableTiming));
+    watch_for_exit();
 }
 
 static void release_gpu(ThreadContext& ctx) {
@@ -66,8 +99,11 @@ static void release_gpu(ThreadContext& ctx) {
     CHECK_CALL(cudnnDestroy(ctx.cudnn_handle));
     CHECK_CALL(cublasDestroy(ctx.handle));
     for (cudaStream_t stream : ctx.stream) {
-        CHECK_CALL(cudaStreamDestroy(stream));
+        if (stream != ctx.owned_stream.get()) {
+            destroy_stream(stream);
+        }
     }
+    ctx.owned_stream.reset();
     default_stream = nullptr;
 }
 
@@ -84,7 +120,7 @@ void init_thread_context(int device) {
 }
 
 void release_thread_context() {
-    if (nullptr == t_ctx) {
+    if (nullptr == t_ctx || is_exiting()) {
         return;
     }
     if (t_ctx->device >= 0) {
@@ -94,6 +130,12 @@ void release_thread_context() {
     delete t_ctx->mtx;
     delete t_ctx;
     t_ctx = nullptr;
+}
+
+void synchronize() {
+    if (has_gpu()) {
+        CHECK_CALL(cudaStreamSynchronize(default_stream));
+    }
 }
 
 void seed_thread_context(unsigned long long seed) {

@@ -1,3 +1,7 @@
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "device_fixture.h"
 
 namespace {
@@ -79,12 +83,13 @@ struct AtExit {
     cudaStream_t stream = nullptr;
     ~AtExit() {
         if (pointer != nullptr) {
-            std::_Exit(cudaFreeAsync(pointer, stream) + cudaStreamDestroy(stream));
+            std::fputs(cudaGetErrorString(cudaFreeAsync(pointer, stream)), stderr);
+            std::_Exit(cudaStreamDestroy(stream) == cudaErrorCudartUnloading ? 0 : 1);
         }
     }
 } at_exit;
 
-TEST_F(ErrorTest, StaticDestructorsMayCall) {
+TEST_F(ErrorTest, StaticDestructorsThatCallAreRefused) {
     EXPECT_EXIT(
         {
             at_exit.stream = create_stream();
@@ -92,7 +97,24 @@ TEST_F(ErrorTest, StaticDestructorsMayCall) {
             launch(config(1000, 256), nothing);
             std::exit(2);
         },
-        testing::ExitedWithCode(0), "");
+        testing::ExitedWithCode(0), "driver shutting down");
+}
+
+__global__ void print_and_fail(int zero) {
+    printf("the kernel's last words\n");
+    assert(zero != 0);
+}
+
+TEST_F(ErrorTest, AFailedAssertionDoesNotLoseWhatWasPrinted) {
+    EXPECT_DEATH(
+        {
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);  // as where it is a pipe
+            launch(config(1, 1), print_and_fail, 0);
+            cudaDeviceSynchronize();
+            std::abort();
+        },
+        "the kernel's last words");
 }
 
 }  // namespace

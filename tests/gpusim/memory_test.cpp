@@ -204,4 +204,15 @@ TEST_F(MemoryTest, AddressSanitizerSeesKernelsOutsideTheirBlocks) {
 }
 #endif
 
+TEST_F(MemoryTest, AFreeInTheNullStreamComesAfterTheWorkOfTheOthers) {
+    const cudaStream_t a = create_stream(), b = create_stream(cudaStreamNonBlocking);
+    void *first = nullptr, *second = nullptr;
+    ASSERT_CUDA(cudaMallocAsync(&first, 4096, nullptr));
+    Gate gate(a);
+    ASSERT_CUDA(cudaMemsetAsync(first, 1, 4096, a));
+    ASSERT_CUDA(cudaFreeAsync(first, nullptr));
+    ASSERT_CUDA(cudaMallocAsync(&second, 4096, b));
+    EXPECT_NE(second, first);
+}
+
 }  // namespace

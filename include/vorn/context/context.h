@@ -23,11 +23,16 @@ extern __thread bool g_sync_flag;
 /// scratch. Without a GPU it sets up the host generator only. Aborts if the thread has a context.
 void init_thread_context(int device = 0);
 
-/// Waits for the thread's work and frees its context. Does nothing where there is none.
+/// Waits for the thread's work and frees its context. Does nothing where there is none, and where
+/// exit() has come so far that the GPU's runtime may be gone.
 void release_thread_context();
 
 /// Restarts the thread's host and GPU random generators at `seed`. Aborts without a context.
 void seed_thread_context(unsigned long long seed);
+
+/// Waits until the GPU has done what the calling thread has queued on its `default_stream`. Aborts
+/// with the text of the status if that failed. Does nothing on a machine without a GPU.
+void synchronize();
 
 /// True where a GPU (or the simulated one) can be used.
 bool has_gpu();

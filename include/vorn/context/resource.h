@@ -1,6 +1,7 @@
 #ifndef VORN_CONTEXT_RESOURCE_H_
 #define VORN_CONTEXT_RESOURCE_H_
 
+#include <memory>
 #include <mutex>
 #include <random>
 
@@ -41,6 +42,7 @@ struct ThreadContext {
     int device;         ///< GPU ordinal, -1 where there is none.
     rng_t* c_gen;
     bool is_init;
+    std::shared_ptr<CUstream_st> owned_stream;  ///< `default_stream`, for blocks that outlive us.
 };
 
 }  // namespace vorn

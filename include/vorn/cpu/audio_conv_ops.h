@@ -74,8 +74,11 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int,
             for (int c = start; c <= end; ++c, sum += temporal_dim, patch += dimN, ahead += share) {
                 prefetch_run(ahead, share);
                 prefetch_run(patch + kAhead * dimN, dimN);
+                // A patch beyond the last frequency, which is the caller's fault, is cut off there.
+                const int frequencies = c < 0 ? 0 : std::clamp(fbank - c, 0, filter_size);
+                const index_t size = static_cast<index_t>(frequencies) * temporal_dim;
 #pragma GCC ivdep
-                for (index_t j = 0; j < dimN; ++j) {
+                for (index_t j = 0; j < size; ++j) {
                     sum[j] += patch[j];
                 }
             }
@@ -158,26 +161,27 @@ struct FramePooling {
         }
     }
 
+    using Full = Lanes<float>::Full;
+    using FullInt = Lanes<int>::Full;
+
     template <index_t count>
     void pool_block(const float* in, int* max_idx, float* out) const {
-        using Full = Lanes<float>::Full;
-        using FullInt = Lanes<int>::Full;
+        const index_t step = pooling_size * ld;
         Full max[kPositions] = {};
         FullInt idx[kPositions] = {};
-#pragma GCC unroll 4
-        for (index_t p = 0; p < count; ++p, in += pooling_size * ld) {
-            load(max[p], in);
-            for (int t = 1; t < pooling_size; ++t) {
-                Full value;
-                load(value, in + t * ld);
-                const FullInt above = value > max[p];
-                idx[p] = above ? t - FullInt{} : idx[p];
-                max[p] = above ? value : max[p];
-            }
+        // Not a loop, which would leave the arrays in memory.
+        find_max(in, max[0], idx[0]);
+        if constexpr (count > 1) {
+            find_max(in + step, max[1], idx[1]);
+        }
+        if constexpr (count > 2) {
+            find_max(in + 2 * step, max[2], idx[2]);
+        }
+        if constexpr (count > 3) {
+            find_max(in + 3 * step, max[3], idx[3]);
         }
         transpose_halves(max);
         transpose_halves(idx);
-#pragma GCC unroll 4
         for (index_t k = 0; k < kPositions; ++k) {
             put<count>(__builtin_shufflevector(max[k], max[k], 0, 1, 2, 3),
                        __builtin_shufflevector(idx[k], idx[k], 0, 1, 2, 3),
@@ -185,6 +189,18 @@ struct FramePooling {
             put<count>(__builtin_shufflevector(max[k], max[k], 4, 5, 6, 7),
                        __builtin_shufflevector(idx[k], idx[k], 4, 5, 6, 7),
                        max_idx + (k + 4) * pooling_len, out + (k + 4) * pooling_len);
+        }
+    }
+
+    /// The first maxima over one pooling region, of as many filters as lanes.
+    VORN_FORCE_INLINE void find_max(const float* in, Full& max, FullInt& idx) const {
+        load(max, in);
+        for (int t = 1; t < pooling_size; ++t) {
+            Full value;
+            load(value, in + t * ld);
+            const FullInt above = value > max;
+            idx = above ? t - FullInt{} : idx;
+            max = above ? value : max;
         }
     }
 
@@ -196,12 +212,11 @@ struct FramePooling {
             load(old, out);
             store(out, alpha * max + beta * old);
             store(max_idx, idx);
-            return;
-        }
-#pragma GCC unroll 3
-        for (index_t p = 0; p < count; ++p) {
-            out[p] = alpha * max[p] + beta * out[p];
-            max_idx[p] = idx[p];
+        } else {
+            for (index_t p = 0; p < count; ++p) {
+                out[p] = alpha * max[p] + beta * out[p];
+                max_idx[p] = idx[p];
+            }
         }
     }
 

@@ -71,6 +71,10 @@ template <typename T>
 void vorn_write_tensor_score(const Tensor<T>& tensor, std::ofstream& out, int batch_idx,
                              int batch_size, int frame_len) {
     CHECK(tensor.is_contiguous());
+    // Before the head is written; the test of the axes, which is made there, goes first.
+    if (frame_len > 0 && tensor.get_dim() == 2) {
+        CHECK_GE(batch_idx, 0);
+    }
     tensor.get_size().write_score(out, frame_len);
     const index_t dimN = tensor.get_w();
     for (index_t t = 0; static_cast<int>(t) < frame_len; ++t) {

@@ -5,10 +5,12 @@
 #include "vorn/cpu/channel_ops.h"
 #include "vorn/cpu/label_ops.h"
 #include "vorn/cpu/loss_ops.h"
+#include "vorn/cpu/softmax_ops.h"
+#include "vorn/cpu/vec_ops.h"
 #include "vorn/tensor/tensor.h"
 
-/// Host forms that leave the frame for a vector library. All operands are contiguous and of the
-/// size of `out`; `out` may be an input.
+/// The host forms of the families that ops/math_ops.h offers. Those below leave the frame for a
+/// vector library: all operands are contiguous and of the size of `out`; `out` may be an input.
 namespace vorn {
 namespace cpu {
 

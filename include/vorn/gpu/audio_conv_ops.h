@@ -69,9 +69,9 @@ static __global__ void KeReorderErrors(float* out, int width, const int* conv_st
 /// bias: (in_row / sub_row x in_col), out: (in_row x in_col). A block takes a row.
 static __global__ void KeAudioConvBatchBias(const float* bias, float* out, int sub_row, int in_row,
                                             int in_col) {
-    for (int row = blockIdx.x; row < in_row; row += gridDim.x) {
+    for (index_t row = blockIdx.x; row < in_row; row += gridDim.x) {
         const float* bias_row = bias + row / sub_row * in_col;
-        for (int col = threadIdx.x; col < in_col; col += blockDim.x) {
+        for (index_t col = threadIdx.x; col < in_col; col += blockDim.x) {
             out[row * in_col + col] += bias_row[col];
         }
     }
@@ -90,7 +90,7 @@ __global__ void KeAudioConvBatchBiasBp(const float* dy, float* dbias, int sub_ro
     const int first = blockIdx.y * sub_row;
     float sum = 0.0f;
     if (c < in_col) {
-        for (int r = y; r < sub_row && first + r < in_row; r += VT) {
+        for (index_t r = y; r < sub_row && first + r < in_row; r += VT) {
             sum += dy[(first + r) * in_col + c];
         }
     }

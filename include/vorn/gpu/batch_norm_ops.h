@@ -153,9 +153,6 @@ inline void vorn_audio_batch_norm_inf(const Tensor<float>& x, const Tensor<float
                                       Tensor<float>& out, DType) {
     const index_t dim_m = x.row(), dim_n = x.get_w();
     const int threads = 256, grids = static_cast<int>(dim_m);
-    if (grids == 0) {
-        return;
-    }
     launch<KeAudioBatchNormInf>(grids, threads, x.get_ptr(), scale.get_ptr(), bias.get_ptr(),
                                 mean.get_ptr(), var.get_ptr(), mask.get_ptr(), out.get_ptr(), dim_m,
                                 dim_n);
@@ -173,9 +170,6 @@ inline void vorn_audio_batch_norm_train(const Tensor<float>& x, const Tensor<flo
     const int VT = 32;
     const index_t dim_m = x.row(), dim_n = x.get_w();
     const int grids = div_up(static_cast<int>(dim_n), NT);
-    if (grids == 0) {
-        return;
-    }
     launch<KeAudioBatchNormTrain<NT, VT>>(
         grids, dim3(NT, VT, 1), x.get_ptr(), scale.get_ptr(), bias.get_ptr(), mask.get_ptr(),
         run_mean.get_ptr(), run_var.get_ptr(), statis_mean.get_ptr(), statis_var.get_ptr(),
@@ -193,9 +187,6 @@ inline void vorn_audio_batch_norm_bp(const Tensor<float>& x, const Tensor<float>
     const int VT = 32;
     const index_t dim_m = x.row(), dim_n = x.get_w();
     const int grids = div_up(static_cast<int>(dim_n), NT);
-    if (grids == 0) {
-        return;
-    }
     launch<KeAudioBatchNormBp<NT, VT>>(
         grids, dim3(NT, VT, 1), x.get_ptr(), dy.get_ptr(), scale.get_ptr(), saved_mean.get_ptr(),
         saved_inv_std.get_ptr(), mask.get_ptr(), dscale.get_ptr(), dbias.get_ptr(), dx.get_ptr(),

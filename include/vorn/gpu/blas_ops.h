@@ -8,11 +8,12 @@
 #include "vorn/cpu/blas_ops.h"
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
+#include "vorn/gpu/reduce_all.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU linear algebra on cuBLAS, through the handle of the thread's context. cuBLAS is
 /// column-major: a row-major matrix is for it its own transpose, with the pitch as leading
-/// dimension.
+/// dimension. Folds of all elements stand in gpu/reduce_all.h, which this header includes.
 namespace vorn {
 namespace gpu {
 
@@ -96,25 +97,52 @@ inline void vorn_norm1(const Tensor<float>& in, DType* res) {
 
 // ---- Least squares
 
-/// The dot product of a and b over [begin, n), by one warp; every lane returns it. `part` is shared
-/// memory of a warp's size, the warp's own.
-inline __device__ float warp_dot(const float* a, const float* b, int begin, int n, float* part) {
+/// The fold of [begin, n) from 0 on, value = add(value, i), then value = join(value, other) of the
+/// lanes, by one warp; every lane returns it. `part` is shared memory of a warp's size, the warp's
+/// own.
+template <typename Add, typename Join>
+__device__ float warp_fold(int begin, int n, float* part, Add add, Join join) {
     const int lane = threadIdx.x % wrap_size;
-    float sum = 0;
+    float value = 0;
     for (int i = begin + lane; i < n; i += wrap_size) {
-        sum = fmaf(a[i], b[i], sum);
+        value = add(value, i);
     }
-    part[lane] = sum;
+    part[lane] = value;
     __syncwarp();
     for (int half = wrap_size / 2; half > 0; half /= 2) {
         if (lane < half) {
-            part[lane] += part[lane + half];
+            part[lane] = join(part[lane], part[lane + half]);
         }
         __syncwarp();
     }
-    sum = part[0];
+    value = part[0];
     __syncwarp();
-    return sum;
+    return value;
+}
+
+/// The dot product of a and b over [begin, n).
+inline __device__ float warp_dot(const float* a, const float* b, int begin, int n, float* part) {
+    return warp_fold(
+        begin, n, part, [=](float sum, int i) { return fmaf(a[i], b[i], sum); },
+        [](float x, float y) { return x + y; });
+}
+
+/// The largest magnitude over [begin, n) of a, in which a NaN counts as nothing.
+inline __device__ float warp_max(const float* a, int begin, int n, float* part) {
+    return warp_fold(
+        begin, n, part, [=](float max, int i) { return fmaxf(max, fabsf(a[i])); },
+        [](float x, float y) { return fmaxf(x, y); });
+}
+
+/// The sum of squares over [begin, n) of a, of which every element is divided by 2^exponent.
+inline __device__ float warp_squares(const float* a, int begin, int n, int exponent, float* part) {
+    return warp_fold(
+        begin, n, part,
+        [=](float sum, int i) {
+            const float x = scalbnf(a[i], -exponent);
+            return fmaf(x, x, sum);
+        },
+        [](float x, float y) { return x + y; });
 }
 
 /// Shortest solutions of wide systems, one block each, NT threads of whole warps.
@@ -136,18 +164,23 @@ __global__ void KeMinNormSolve(float* a, int m, int n, int ld_a, float* x, int l
 
     for (int k = 0; k < m; ++k) {
         float* v = a + static_cast<size_t>(k) * ld_a;
-        const float head = v[k];
-        const float tail = warp_dot(v, v, k + 1, n, part);
+        const float max_tail = warp_max(v, k + 1, n, part);
+        // Scaled by a power of 2, which rounds nothing, so that the squares stay floats.
+        const float max_row = fmaxf(fabsf(v[k]), max_tail);
+        const int exponent = max_row > 0 ? ilogbf(max_row) : 0;
+        const float head = scalbnf(v[k], -exponent);
+        const float tail = warp_squares(v, k + 1, n, exponent, part);
         __syncthreads();
-        const float diagonal = tail == 0 ? head : -copysignf(sqrtf(fmaf(head, head, tail)), head);
-        const float tau_k = tail == 0 ? 0 : (diagonal - head) / diagonal;
-        if (tail != 0) {
+        float diagonal = head, tau_k = 0;
+        if (max_tail != 0 || tail != 0) {  // a NaN shows in the sum only
+            diagonal = -copysignf(sqrtf(fmaf(head, head, tail)), head);
+            tau_k = (diagonal - head) / diagonal;
             for (int j = k + 1 + tid; j < n; j += NT) {
-                v[j] /= head - diagonal;
+                v[j] = scalbnf(v[j], -exponent) / (head - diagonal);
             }
         }
         if (tid == 0) {
-            v[k] = diagonal;
+            v[k] = scalbnf(diagonal, exponent);
             tau[k] = tau_k;
         }
         __syncthreads();

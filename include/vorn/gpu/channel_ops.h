@@ -8,8 +8,7 @@
 
 /// GPU forms of slices and of concatenation along channels. One kernel reaches a list of tensors
 /// of any length: the host writes their addresses and their channel offsets into a table on the
-/// device, and each block looks its own tensor up there. What would be a grid without blocks is
-/// left without a launch.
+/// device, and each block looks its own tensor up there.
 namespace vorn {
 namespace gpu {
 
@@ -24,7 +23,8 @@ static __global__ void KeShrink(float* out, const float* in, int outer, int chan
     if (k >= inner) {
         return;
     }
-    for (int o = blockDim.y * blockIdx.y + threadIdx.y; o < outer; o += gridDim.y * blockDim.y) {
+    for (index_t o = blockDim.y * blockIdx.y + threadIdx.y; o < outer;
+         o += gridDim.y * blockDim.y) {
         out[o * inner + k] = in[(o * channel + index) * inner + k];
     }
 }
@@ -36,16 +36,14 @@ static __global__ void KeShrinkBp(float* out, const float* in, int outer, int ch
     if (k >= inner) {
         return;
     }
-    for (int o = blockDim.y * blockIdx.y + threadIdx.y; o < outer; o += gridDim.y * blockDim.y) {
+    for (index_t o = blockDim.y * blockIdx.y + threadIdx.y; o < outer;
+         o += gridDim.y * blockDim.y) {
         out[(o * channel + index) * inner + k] = in[o * inner + k];
     }
 }
 
 inline void vorn_shrink(const float* in, float* out, index_t outer, index_t channel, index_t inner,
                         index_t index) {
-    if (outer * inner == 0) {
-        return;
-    }
     launch<KeShrink>(matrix_grid(outer, inner, kShrinkThreads), kShrinkThreads, out, in,
                      static_cast<int>(outer), static_cast<int>(channel), static_cast<int>(inner),
                      static_cast<int>(index));
@@ -54,9 +52,6 @@ inline void vorn_shrink(const float* in, float* out, index_t outer, index_t chan
 
 inline void vorn_shrink_bp(const float* in, float* out, index_t outer, index_t channel,
                            index_t inner, index_t index) {
-    if (outer * inner == 0) {
-        return;
-    }
     launch<KeShrinkBp>(matrix_grid(outer, inner, kShrinkThreads), kShrinkThreads, out, in,
                        static_cast<int>(outer), static_cast<int>(channel), static_cast<int>(inner),
                        static_cast<int>(index));
@@ -74,7 +69,7 @@ __device__ inline int number_at(const float* const* table, int i) {
 __device__ inline void blend_in_block(const float* from, float* to, int count, float alpha,
                                       float beta) {
     const int t = blockDim.x * threadIdx.y + threadIdx.x;
-    for (int i = t; i < count; i += blockDim.x * blockDim.y) {
+    for (index_t i = t; i < count; i += blockDim.x * blockDim.y) {
         to[i] = fmaf(from[i], alpha, to[i] * beta);
     }
 }
@@ -140,9 +135,6 @@ inline void vorn_channel_append(const std::vector<Tensor<float>*>& src_vec, Tens
 
     const int num = static_cast<int>(dst.get_n()), channel = static_cast<int>(dst.get_c());
     const int height = static_cast<int>(dst.get_h()), width = static_cast<int>(dst.get_w());
-    if (num == 0 || batch == 0) {
-        return;
-    }
     launch<KeChannelAppend>(dim3(num, batch, 1), kChannelBlock, dst.get_ptr(),
                             reinterpret_cast<const float**>(ptr.get_ptr()), batch, num, channel,
                             height, width, alpha, beta);
@@ -167,9 +159,6 @@ inline void vorn_channel_append_derivative(const std::vector<Tensor<float>*>& ds
 
     const int num = static_cast<int>(src.get_n()), channel = static_cast<int>(src.get_c());
     const int height = static_cast<int>(src.get_h()), width = static_cast<int>(src.get_w());
-    if (num == 0) {
-        return;
-    }
     launch<KeChannelAppendDerivative>(dim3(num, count, 1), kChannelBlock,
                                       reinterpret_cast<float**>(ptr.get_ptr()), src.get_ptr(),
                                       batch, num, channel, height, width, alpha, beta);

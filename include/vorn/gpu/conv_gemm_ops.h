@@ -17,8 +17,9 @@ namespace gpu {
                                                  int stride_h, int stride_w, int dilation_h,
                                                  int dilation_w, int height_col, int width_col,
                                                  DType* data_col) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < n;
-         index += blockDim.x * gridDim.x) {
+    for (index_t item = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; item < n;
+         item += gridDim.x * static_cast<index_t>(blockDim.x)) {
+        const int index = static_cast<int>(item);
         const int w_col = index % width_col;
         const int h_index = index / width_col;
         const int h_col = h_index % height_col;
@@ -47,8 +48,9 @@ namespace gpu {
                                                  int width_col, DType* data_im) {
     const int kernel_extent_w = (kernel_w - 1) * dilation_w + 1;
     const int kernel_extent_h = (kernel_h - 1) * dilation_h + 1;
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < n;
-         index += blockDim.x * gridDim.x) {
+    for (index_t item = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; item < n;
+         item += gridDim.x * static_cast<index_t>(blockDim.x)) {
+        const int index = static_cast<int>(item);
         const int w_im = index % width + pad_w;
         const int h_im = (index / width) % height + pad_h;
         const int c_im = index / (width * height);

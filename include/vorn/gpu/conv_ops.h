@@ -126,10 +126,10 @@ inline void vorn_conv_bias(const Tensor<float>& dy, Tensor<float>& out, DType al
 /// takes a sample's channel.
 static __global__ void KeTransposeChannelHeight(const DType* in, DType* out, int num, int channel,
                                                 int height, int width) {
-    for (int n = blockIdx.y; n < num; n += gridDim.y) {
-        for (int c = blockIdx.x; c < channel; c += gridDim.x) {
-            for (int h = threadIdx.y; h < height; h += blockDim.y) {
-                for (int w = threadIdx.x; w < width; w += blockDim.x) {
+    for (index_t n = blockIdx.y; n < num; n += gridDim.y) {
+        for (index_t c = blockIdx.x; c < channel; c += gridDim.x) {
+            for (index_t h = threadIdx.y; h < height; h += blockDim.y) {
+                for (index_t w = threadIdx.x; w < width; w += blockDim.x) {
                     out[((n * height + h) * channel + c) * width + w] =
                         in[((n * channel + c) * height + h) * width + w];
                 }
@@ -139,9 +139,6 @@ static __global__ void KeTransposeChannelHeight(const DType* in, DType* out, int
 }
 
 inline void vorn_transpose_channel_height(const Tensor<float>& in, Tensor<float>& out) {
-    if (out.get_element_count() == 0) {
-        return;
-    }
     const int num = static_cast<int>(in.get_n()), channel = static_cast<int>(in.get_c());
     launch<KeTransposeChannelHeight>(dim3(channel, std::min(num, kMaxGridSize)), dim3(128, 4),
                                      in.get_ptr(), out.get_ptr(), num, channel,

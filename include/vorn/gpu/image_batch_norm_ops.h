@@ -112,9 +112,6 @@ inline void vorn_image_bat_norm_back_inf(BatNormType, const Tensor<float>& x,
     for (int axis = 2; axis < size.get_axis(); ++axis) {
         inner *= size[axis];
     }
-    if (outer * channel * inner == 0) {
-        return;
-    }
     launch<KeBatNormBackInf<NT>>(
         static_cast<unsigned>(std::min<index_t>(outer * channel, kMaxGridSize)), NT, out.get_ptr(),
         x.get_ptr(), var.get_ptr(), scale.get_ptr(), epsilon, outer, channel, inner);

@@ -35,9 +35,6 @@ __global__ void KeIterateOp(Op f, index_t dimM, index_t dimN) {
 
 template <typename Op>
 void iterate(Op f, index_t count) {
-    if (count == 0) {
-        return;  // a launch without blocks is refused
-    }
     const int NT = 128;
     const int max_blocks = kMaxGridSize;
     const int grid_size = std::min(div_up(count, NT), max_blocks);
@@ -47,13 +44,10 @@ void iterate(Op f, index_t count) {
 
 template <typename Op>
 void iterate(Op f, index_t dimM, index_t dimN) {
-    if (dimM == 0 || dimN == 0) {
-        return;
-    }
     const int NT = 128;
     const int max_blocks = kMaxGridSize;
     const int grid_x = std::min(div_up(dimN, NT), 32);
-    const int grid_y = std::min(static_cast<int>(dimM), max_blocks / grid_x);
+    const int grid_y = std::min(static_cast<int>(dimM), max_blocks / std::max(grid_x, 1));
     launch<KeIterateOp<Op>>(dim3(grid_x, grid_y, 1), NT, f, dimM, dimN);
     VORN_KERNEL_TAIL();
 }

@@ -4,6 +4,7 @@
 #include <cuda_runtime.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <type_traits>
 #include <utility>
 
@@ -18,6 +19,7 @@ namespace vorn {
 
 const int wrap_size = 32;        ///< Threads of a warp.
 const int kMaxGridSize = 40960;  ///< Cap of grids over rows or items; kernels step over the rest.
+const int kMaxGridY = 65535;     ///< What a GPU takes of blocks along y.
 
 namespace gpu {
 
@@ -28,11 +30,24 @@ inline dim3 matrix_grid(index_t rows, index_t cols, int threads) {
                 static_cast<unsigned>(std::min<index_t>(rows, kMaxGridSize)), 1);
 }
 
+/// Calls f(first, count) for the rows [first, first + count) that one launch takes, with
+/// `block_rows` of them to a block along y, until all `rows` had their turn.
+template <typename F>
+void for_each_launch(int rows, int block_rows, F f) {
+    const int most = kMaxGridY * block_rows;
+    for (int64_t first = 0; first < rows; first += most) {
+        f(static_cast<index_t>(first), static_cast<int>(std::min<int64_t>(rows - first, most)));
+    }
+}
+
 /// The one door for kernels: queues `kernel` on the calling thread's `default_stream`, without
-/// dynamic shared memory. The result is the caller's tail's to see: every operation ends with
-/// VORN_KERNEL_TAIL(), once behind its launches.
+/// dynamic shared memory. A grid without blocks, which an empty output gives, is no launch. Every
+/// operation ends with VORN_KERNEL_TAIL(), once after its launches, which looks at their result.
 template <auto kernel, typename... A>
 void launch(dim3 grid, dim3 block, A&&... args) {
+    if (grid.x == 0 || grid.y == 0 || grid.z == 0) {
+        return;
+    }
     cudaLaunchConfig_t config = {};
     config.gridDim = grid;
     config.blockDim = block;

@@ -69,10 +69,10 @@ __global__ void KeCalClassifyAcuTargetFindMax(const float* in, int* max_idx, flo
     const float* row = in + blockIdx.x * dim_n;
     float max = row[0];
     int idx = 0;
-    for (int col = t; col < dim_n; col += kThreads) {
+    for (index_t col = t; col < dim_n; col += kThreads) {
         if (row[col] > max) {
             max = row[col];
-            idx = col;
+            idx = static_cast<int>(col);
         }
     }
     smax[t] = max;
@@ -140,10 +140,8 @@ inline void vorn_cal_classify_acu_target(const Tensor<float>& in, const Tensor<f
                                          size_t* count) {
     const int NT_max = 128, NT_count = 1024;
     const int dim_m = static_cast<int>(in.get_size(0)), dim_n = static_cast<int>(in.get_size(1));
-    if (dim_m > 0) {
-        launch<KeCalClassifyAcuTargetFindMax<NT_max>>(
-            dim_m, NT_max, in.get_ptr(), max_idx.get_ptr(), out.get_ptr(), dim_m, dim_n);
-    }
+    launch<KeCalClassifyAcuTargetFindMax<NT_max>>(dim_m, NT_max, in.get_ptr(), max_idx.get_ptr(),
+                                                  out.get_ptr(), dim_m, dim_n);
     wait_for_count_slot();
     launch<KeCalClassifyAcuTargetCount<NT_count>>(1, NT_count, max_idx.get_ptr(), label.get_ptr(),
                                                   mask.get_ptr(), count_slot(), ignore_label_val,

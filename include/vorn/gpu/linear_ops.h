@@ -4,7 +4,8 @@
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
-/// GPU forms of the linear layer helpers, on dense matrices: one thread an element.
+/// GPU forms of the linear layer helpers, on dense matrices: one thread an element. Rows beyond
+/// what a grid takes along y get further launches.
 namespace vorn {
 namespace gpu {
 
@@ -72,16 +73,24 @@ inline dim3 tile_grid(int columns, int rows) {
 inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<int>& idx_vec,
                              Tensor<float>& out) {
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
-    launch<KeMaxOutForward>(tile_grid(dimN, dimM), dim3(32, 32, 1), in.get_ptr(), out.get_ptr(),
-                            idx_vec.get_ptr(), pooling_size, dimM, dimN);
+    for_each_launch(dimM, wrap_size, [&](index_t first, int rows) {
+        const index_t start = first * dimN;
+        launch<KeMaxOutForward>(tile_grid(dimN, rows), dim3(32, 32, 1),
+                                in.get_ptr() + start * pooling_size, out.get_ptr() + start,
+                                idx_vec.get_ptr() + start, pooling_size, rows, dimN);
+    });
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Tensor<int>& idx_vec,
                              Tensor<float>& out, DType alpha, DType beta) {
     const int dimM = static_cast<int>(in.row()), dimN = static_cast<int>(in.get_w());
-    launch<KeMaxOutBackward>(tile_grid(dimN, dimM), dim3(32, 32, 1), in.get_ptr(), out.get_ptr(),
-                             idx_vec.get_ptr(), pooling_size, dimM, dimN, alpha, beta);
+    for_each_launch(dimM, wrap_size, [&](index_t first, int rows) {
+        const index_t start = first * dimN;
+        launch<KeMaxOutBackward>(tile_grid(dimN, rows), dim3(32, 32, 1), in.get_ptr() + start,
+                                 out.get_ptr() + start * pooling_size, idx_vec.get_ptr() + start,
+                                 pooling_size, rows, dimN, alpha, beta);
+    });
     VORN_KERNEL_TAIL();
 }
 
@@ -89,8 +98,11 @@ inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t
     const int NT = 512;
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
     const int in_dimN = static_cast<int>(in.get_w());
-    launch<KeColAppend>(dim3(div_up(in_dimN, NT), dimM, 1), NT, in.get_ptr(), out.get_ptr(),
-                        static_cast<int>(offset), in_dimN, dimM, dimN);
+    for_each_launch(dimM, 1, [&](index_t first, int rows) {
+        launch<KeColAppend>(dim3(div_up(in_dimN, NT), rows, 1), NT, in.get_ptr() + first * in_dimN,
+                            out.get_ptr() + first * dimN, static_cast<int>(offset), in_dimN, rows,
+                            dimN);
+    });
     VORN_KERNEL_TAIL();
 }
 
@@ -98,8 +110,11 @@ inline void vorn_col_deappend(const Tensor<float>& in, Tensor<float>& out, index
     const int NT = 512;
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
     const int in_dimN = static_cast<int>(in.get_w());
-    launch<KeColDeAppend>(dim3(div_up(dimN, NT), dimM, 1), NT, in.get_ptr(), out.get_ptr(),
-                          static_cast<int>(offset), in_dimN, dimM, dimN);
+    for_each_launch(dimM, 1, [&](index_t first, int rows) {
+        launch<KeColDeAppend>(dim3(div_up(dimN, NT), rows, 1), NT, in.get_ptr() + first * in_dimN,
+                              out.get_ptr() + first * dimN, static_cast<int>(offset), in_dimN, rows,
+                              dimN);
+    });
     VORN_KERNEL_TAIL();
 }
 

@@ -39,9 +39,6 @@ static __global__ void KeMatrixCrossEntropy(const float* in, float* out, const f
 inline void vorn_cross_entropy(const Tensor<float>& in, const Tensor<float>& label,
                                const Tensor<int>& mask, Tensor<float>& out, index_t outer,
                                index_t channel, index_t inner, DType alpha, DType beta) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 512;
     launch<KeMatrixCrossEntropy>(div_up(static_cast<int>(outer * inner), NT), NT, in.get_ptr(),
                                  out.get_ptr(), label.get_ptr(), mask.get_ptr(), outer, channel,
@@ -57,8 +54,9 @@ static __global__ void KeMatrixCrossEntropyBp(float* out, const float* in, const
     if (c >= channel) {
         return;
     }
-    for (int y = blockDim.y * blockIdx.y + threadIdx.y; y < outer * inner;
-         y += gridDim.y * blockDim.y) {
+    for (index_t item = blockDim.y * blockIdx.y + threadIdx.y; item < outer * inner;
+         item += gridDim.y * blockDim.y) {
+        const int y = static_cast<int>(item);
         const int label_val = static_cast<int>(label[y]);
         if (label_val < 0) {
             printf("[CE bp] lable_val %d index %d float_val %f\n", label_val, y,
@@ -73,9 +71,6 @@ static __global__ void KeMatrixCrossEntropyBp(float* out, const float* in, const
 inline void vorn_cross_entropy_bp(const Tensor<float>& in, const Tensor<float>& label,
                                   const Tensor<int>& mask, Tensor<float>& out, index_t outer,
                                   index_t channel, index_t inner, DType alpha, DType beta) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 512;
     launch<KeMatrixCrossEntropyBp>(matrix_grid(outer * inner, channel, NT), NT, out.get_ptr(),
                                    in.get_ptr(), label.get_ptr(), mask.get_ptr(),
@@ -93,7 +88,7 @@ template <int kThreads, typename Add>
 __device__ float block_row_sum(float* sum_s, int cols, Add add) {
     const int t = thread_in_block();
     float sum = 0;
-    for (int col = t; col < cols; col += kThreads) {
+    for (index_t col = t; col < cols; col += kThreads) {
         sum = add(sum, col);
     }
     sum_s[t] = sum;
@@ -110,11 +105,11 @@ __global__ void KeMatrixSumSquareError(const float* in, const float* label, floa
                                        const int* mask, int dim_m, int dim_n, float alpha,
                                        float beta) {
     __shared__ float sum_s[kThreads];
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
         const float *x = in + row * dim_n, *y = label + row * dim_n;
         const int cols = mask[row] == 1 ? dim_n : 0;
-        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, int col) {
+        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, index_t col) {
             const float d = x[col] - y[col];
             return fmaf(d, d, acc);
         });
@@ -129,9 +124,6 @@ inline void vorn_mean_squre_error(const Tensor<float>& in, const Tensor<float>& 
                                   DType beta) {
     const int NT = 128;
     const index_t dim_m = in.get_h(), dim_n = in.get_w();
-    if (dim_m == 0) {
-        return;
-    }
     launch<KeMatrixSumSquareError<NT>>(matrix_grid(dim_m, 1, NT), NT, in.get_ptr(), label.get_ptr(),
                                        out.get_ptr(), mask.get_ptr(), static_cast<int>(dim_m),
                                        static_cast<int>(dim_n), alpha, beta);
@@ -146,9 +138,9 @@ static __global__ void KeMatrixMeanSquareErrorBp(const float* label, const float
     if (col >= dim_n) {
         return;
     }
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
-        const int i = row * dim_n + col;
+        const index_t i = row * dim_n + col;
         out[i] = func::mean_squre_error_bp(mask[row] == 1, label[i], in[i], out[i], alpha, beta);
     }
 }
@@ -156,9 +148,6 @@ static __global__ void KeMatrixMeanSquareErrorBp(const float* label, const float
 inline void vorn_mean_squre_error_bp(const Tensor<float>& in, const Tensor<float>& label,
                                      const Tensor<int>& mask, Tensor<float>& out, DType alpha,
                                      DType beta) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 128;
     const index_t dim_m = out.row(), dim_n = out.get_w();
     launch<KeMatrixMeanSquareErrorBp>(
@@ -171,11 +160,11 @@ template <int kThreads>
 __global__ void KeRnnoise(const float* y_pred, const float* y_true, float* cost, const int* mask,
                           int dim_m, int dim_n, float alpha, float beta) {
     __shared__ float sum_s[kThreads];
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
         const float *p = y_pred + row * dim_n, *t = y_true + row * dim_n;
         const int cols = mask[row] == 1 ? dim_n : 0;
-        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, int col) {
+        const float sum = block_row_sum<kThreads>(sum_s, cols, [=](float acc, index_t col) {
             return acc + func::rnnoise_cost(p[col], t[col]);
         });
         if (threadIdx.x == 0) {
@@ -188,9 +177,6 @@ inline void vorn_rnnoise(const Tensor<float>& y_pred, const Tensor<float>& y_tru
                          const Tensor<int>& mask, Tensor<float>& cost, DType alpha, DType beta) {
     const int NT = 128;
     const index_t dim_m = y_pred.get_h(), dim_n = y_pred.get_w();
-    if (dim_m == 0) {
-        return;
-    }
     launch<KeRnnoise<NT>>(matrix_grid(dim_m, 1, NT), NT, y_pred.get_ptr(), y_true.get_ptr(),
                           cost.get_ptr(), mask.get_ptr(), static_cast<int>(dim_m),
                           static_cast<int>(dim_n), alpha, beta);
@@ -204,9 +190,9 @@ static __global__ void KeRnnoiseBp(const float* y_true, const float* y_pred, flo
     if (col >= dim_n) {
         return;
     }
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < dim_m;
          row += gridDim.y * blockDim.y) {
-        const int i = row * dim_n + col;
+        const index_t i = row * dim_n + col;
         delta[i] = mask[row] == 1 ? func::rnnoise_bp(y_pred[i], y_true[i], delta[i], alpha, beta)
                                   : beta * delta[i];
     }
@@ -215,9 +201,6 @@ static __global__ void KeRnnoiseBp(const float* y_true, const float* y_pred, flo
 inline void vorn_rnnoise_bp(const Tensor<float>& y_pred, const Tensor<float>& y_true,
                             const Tensor<int>& mask, Tensor<float>& delta, DType alpha,
                             DType beta) {
-    if (delta.count() == 0) {
-        return;
-    }
     const int NT = 128;
     const index_t dim_m = delta.row(), dim_n = delta.get_w();
     launch<KeRnnoiseBp>(matrix_grid(dim_m, dim_n, NT), NT, y_true.get_ptr(), y_pred.get_ptr(),
@@ -250,9 +233,6 @@ static __global__ void KeFixedLoss(const float* in, index_t ld_in, float* out, i
 
 /// Pitches are honoured.
 inline void vorn_fixed_loss(const Tensor<float>& in, Tensor<float>& out) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 1024;
     const index_t dim_m = out.row(), dim_n = out.get_w();
     launch<KeFixedLoss>(div_up(static_cast<int>(dim_n), NT), NT, in.get_ptr(), in.ld(),

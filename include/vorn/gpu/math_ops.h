@@ -5,5 +5,7 @@
 #include "vorn/gpu/channel_ops.h"
 #include "vorn/gpu/label_ops.h"
 #include "vorn/gpu/loss_ops.h"
+#include "vorn/gpu/softmax_ops.h"
+#include "vorn/gpu/vec_ops.h"
 
 #endif  // VORN_GPU_MATH_OPS_H_

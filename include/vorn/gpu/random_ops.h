@@ -6,7 +6,6 @@
 #include "vorn/gpu/kernel_util.h"
 
 /// Random fills of dense runs of device memory, drawn on the device by the thread's generator.
-/// Empty runs, which would make a grid without blocks, are left without a launch.
 namespace vorn {
 namespace gpu {
 
@@ -29,7 +28,7 @@ inline void vorn_uniform_random(DType* ptr, int size) {
 inline void vorn_mask_random(DType* ptr, int size, DType mask_prob) {
     const int NT = 128;
     if (size == 0) {
-        return;
+        return;  // whether cuRAND takes an empty run isn't told
     }
     vorn_uniform_random(ptr, size);
     launch<KeGenMaskByThreshold>(div_up(size, NT), NT, ptr, mask_prob, size);

@@ -86,9 +86,6 @@ void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
     const int NT = 128;
     const index_t h = in.get_h(), w = in.get_w();
     const int grid_size = static_cast<int>(h);
-    if (grid_size == 0) {
-        return;
-    }
     launch<KeReduceRow<NT, Reducer, In, Out>>(grid_size, NT, f, in.get_data(), in.ld(),
                                               out.get_data(), h, w);
     VORN_KERNEL_TAIL();
@@ -101,9 +98,6 @@ void reduce_2d_col(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
     const int VT = 32;
     const index_t h = in.get_h(), w = in.get_w();  // not of `out`, which may have any shape
     const int grid_size = div_up(static_cast<int>(w), NT);
-    if (grid_size == 0) {
-        return;
-    }
     launch<KeReduceCol<NT, VT, Reducer, In, Out>>(grid_size, dim3(NT, VT, 1), f, in.get_data(),
                                                   in.ld(), out.get_data(), h, w);
     VORN_KERNEL_TAIL();

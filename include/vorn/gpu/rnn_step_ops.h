@@ -138,7 +138,7 @@ static __global__ void KeDiagMatrixDiff_S(const float* a, size_t a_ld, const flo
     const int col = cell_col(), x = threadIdx.x, y = threadIdx.y;
     float sum = 0;
     if (col < width) {
-        for (int row = y; row < height; row += kDiagTile) {
+        for (index_t row = y; row < height; row += kDiagTile) {
             sum += a[row * a_ld + col] * b[row * b_ld + col];
         }
     }
@@ -156,10 +156,11 @@ static __global__ void KeDiagMatrixDiff_S(const float* a, size_t a_ld, const flo
 /// in, out: (seq_len * batch_size x feature_size), batch_seq_len: batch_size. One block a row.
 static __global__ void KeMaskReverse(const float* in, const int* batch_seq_len, float* out,
                                      int batch_size, int seq_len, int feature_size) {
-    for (int row = blockIdx.x; row < batch_size * seq_len; row += gridDim.x) {
+    for (index_t r = blockIdx.x; r < batch_size * seq_len; r += gridDim.x) {
+        const int row = static_cast<int>(r);
         const int s = row / batch_size, b = row % batch_size, cur_seq_len = batch_seq_len[b];
         const int target = s < cur_seq_len ? (cur_seq_len - 1 - s) * batch_size + b : row;
-        for (int col = threadIdx.x; col < feature_size; col += blockDim.x) {
+        for (index_t col = threadIdx.x; col < feature_size; col += blockDim.x) {
             out[target * feature_size + col] = in[row * feature_size + col];
         }
     }
@@ -172,7 +173,7 @@ namespace rnn_step {
 /// mask: (sub_frame_len x batch_size), batch_seq_len: batch_size. One thread a sequence.
 static __global__ void KeCountValidLabel(const int* mask, int* batch_seq_len, int batch_size,
                                          int sub_frame_len) {
-    for (int b = cell_col(); b < batch_size; b += gridDim.x * blockDim.x) {
+    for (index_t b = cell_col(); b < batch_size; b += gridDim.x * blockDim.x) {
         int count = 0;
         for (int t = 0; t < sub_frame_len; ++t) {
             count += mask[t * batch_size + b] != 0;

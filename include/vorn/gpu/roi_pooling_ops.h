@@ -151,9 +151,6 @@ inline void vorn_roi_pool_fwd(const ROIPoolingDesc& desc, const Tensor<float>& d
                               DType alpha, DType beta) {
     const Dim& map = data.get_size();
     const int count = static_cast<int>(out.get_element_count());
-    if (count == 0) {
-        return;
-    }
     launch<KeROIPoolFwd>(div_up(count, kRoiThreads), kRoiThreads, count, data.get_ptr(),
                          desc.spatial_scale, map[-3], map[-2], map[-1], desc.pooled_height,
                          desc.pooled_width, rois.get_ptr(), out.get_ptr(), max_idx.get_ptr(), alpha,
@@ -166,9 +163,6 @@ inline void vorn_roi_pool_diff(const ROIPoolingDesc& desc, const Tensor<float>& 
                                Tensor<float>& out, DType alpha, DType beta) {
     const Dim& map = out.get_size();
     const int count = static_cast<int>(out.get_element_count());
-    if (count == 0) {
-        return;
-    }
     launch<KeROIPoolDiff>(div_up(count, kRoiThreads), kRoiThreads, count, diff.get_ptr(),
                           max_idx.get_ptr(), diff.get_size()[-4], desc.spatial_scale, map[-3],
                           map[-2], map[-1], desc.pooled_height, desc.pooled_width, out.get_ptr(),
@@ -181,9 +175,6 @@ inline void vorn_psroi_pool_fwd(const PSROIPoolingDesc& desc, const Tensor<float
                                 Tensor<float>& out) {
     const Dim &map = data.get_size(), &grid = out.get_size();
     const int count = static_cast<int>(out.get_element_count());
-    if (count == 0) {
-        return;
-    }
     launch<KePSROIPoolFwd>(div_up(count, kRoiThreads), kRoiThreads, count, data.get_ptr(),
                            desc.spatial_scale, map[-3], map[-2], map[-1], grid[-2], grid[-1],
                            rois.get_ptr(), grid[-3], desc.group_size, out.get_ptr(),
@@ -196,9 +187,6 @@ inline void vorn_psroi_pool_diff(const PSROIPoolingDesc& desc, const Tensor<floa
                                  Tensor<float>& out) {
     const Dim &map = out.get_size(), &grid = diff.get_size();
     const int count = static_cast<int>(diff.get_element_count());
-    if (count == 0) {
-        return;
-    }
     launch<KePSROIPoolDiff>(div_up(count, kRoiThreads), kRoiThreads, count, diff.get_ptr(),
                             map_channel.get_ptr(), get_reverse<-4>(grid), desc.spatial_scale,
                             map[-3], map[-2], map[-1], grid[-2], grid[-1], grid[-3], out.get_ptr(),

@@ -11,7 +11,6 @@
 
 /// Kernels of softmax over the channels of dense (outer, channel, inner) data. Where inner is 1 a
 /// block works on one row together; elsewhere a thread owns a position and walks its channels.
-/// Empty outputs, which would make a grid without blocks, are left without a launch.
 namespace vorn {
 namespace gpu {
 
@@ -26,7 +25,7 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
     const int row = blockIdx.x * channel;
 
     dfMax_s[t] = -FLT_MAX;
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         if (dfMax_s[t] < in[row + col]) {
             dfMax_s[t] = in[row + col];
         }
@@ -39,19 +38,19 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
     }
     __syncthreads();
 
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         out[row + col] = expf(in[row + col] - max);
     }
     __syncthreads();
     float sum = 0;
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         sum += out[row + col];
     }
     dfMax_s[t] = sum;
     block_fold<kThreads>([&](int to, int from) { dfMax_s[to] += dfMax_s[from]; });
     __syncthreads();
 
-    for (int col = t; col < channel; col += kThreads) {
+    for (index_t col = t; col < channel; col += kThreads) {
         out[row + col] = out[row + col] / dfMax_s[0];
     }
 }
@@ -84,7 +83,7 @@ inline void vorn_softmax(const Tensor<float>& in, Tensor<float>& out, index_t ou
     CHECK_NOTNULL(in_ptr);
     CHECK_NOTNULL(out_ptr);
     if (out.count() == 0) {
-        return;
+        return;  // without channels there is no first one
     }
     const unsigned grid = static_cast<unsigned>(outer);
     if (inner == 1) {
@@ -115,9 +114,6 @@ __global__ void KeStatChannelSum(const float* in, float* out, index_t, index_t c
 
 inline void vorn_stat_channel_sum(const Tensor<float>& a, Tensor<float>& out, index_t outer,
                                   index_t channel, index_t inner) {
-    if (out.count() == 0) {
-        return;
-    }
     const int NT = 128;
     launch<KeStatChannelSum<NT>>(static_cast<unsigned>(outer), NT, a.get_ptr(), out.get_ptr(),
                                  outer, channel, inner);
@@ -135,9 +131,9 @@ static __global__ void KeSoftmaxBackwardNormal(float* dst_grad, const float* out
     if (col >= channel) {
         return;
     }
-    for (int row = blockDim.y * blockIdx.y + threadIdx.y; row < static_cast<int>(outer);
+    for (index_t row = blockDim.y * blockIdx.y + threadIdx.y; row < outer;
          row += gridDim.y * blockDim.y) {
-        const int i = row * channel + col;
+        const index_t i = row * channel + col;
         const float gradient = output[i] * (src_grad[i] - sum[row]) * alpha;
         dst_grad[i] = fmaf(dst_grad[i], beta, gradient);
     }
@@ -167,9 +163,6 @@ inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<flo
     CHECK_NOTNULL(src_grad_p);
     CHECK_NOTNULL(dst_grad_p);
     CHECK_NOTNULL(out_p);
-    if (out.count() == 0) {
-        return;
-    }
     const index_t max_blocks = kMaxGridSize;
     if (inner == 1) {
         const int NT = 512;

@@ -13,15 +13,12 @@
 namespace vorn {
 namespace gpu {
 
-/// Queues `kernel` with a thread for each element of `out`; nothing where it has none.
+/// Queues `kernel` with a thread for each element of `out`.
 template <auto kernel, typename... A>
 void launch_on_elements(const Tensor<float>& out, A... args) {
     const int NT = 1024;
-    if (out.count() != 0) {
-        const dim3 grid(static_cast<unsigned>(out.row()), div_up(static_cast<int>(out.col()), NT),
-                        1);
-        launch<kernel>(grid, NT, args...);
-    }
+    const dim3 grid(static_cast<unsigned>(out.row()), div_up(static_cast<int>(out.col()), NT), 1);
+    launch<kernel>(grid, NT, args...);
 }
 
 // ---- alpha0 * in(i, j) + alpha1 * vec + beta * out(i, j)

@@ -5,7 +5,8 @@
 #include "vorn/gpu/audio_conv_ops.h"
 
 /// Convolution of filter banks along frequency: patches and their adjoint, bias and pooling.
-/// Formulas and layouts stand at the members of Tensor. Sizes are the caller's.
+/// Formulas and layouts stand at the members of Tensor. Sizes are the caller's. A GPU takes at most
+/// 65535 blocks of rows in vorn_audio_conv_batch_bias_bp and refuses the launch beyond that.
 namespace vorn {
 
 inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int delta, int conv_out_dim,

@@ -5,9 +5,11 @@
 
 #include "vorn/cpu/blas_ops.h"
 #include "vorn/gpu/blas_ops.h"
+#include "vorn/ops/reduce.h"
 #include "vorn/tensor/tensor.h"
 
 /// Linear algebra on row-major matrices with pitches: the checks, then one branch on the device.
+/// Sums and extrema of all elements stand in ops/reduce.h, which this header includes.
 namespace vorn {
 
 /// Aborts unless a, b and c are matrices of one device whose shapes fit c = op(a) * op(b), where

@@ -7,7 +7,8 @@
 #include "vorn/cpu/channel_ops.h"
 #include "vorn/gpu/channel_ops.h"
 
-/// Slices of one axis, and tensors (N, C, H, W) concatenated along their channels.
+/// Slices of one axis, and tensors (N, C, H, W) concatenated along their channels. A GPU takes at
+/// most 65535 tensors of a concatenation and refuses the launch beyond that.
 namespace vorn {
 
 /// out = index `index` of axis `dim` of `in`. Dense operands.

@@ -7,11 +7,13 @@
 #include "vorn/cpu/vector_math.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/ops/op_wrappers.h"
+#include "vorn/ops/reduce_functors.h"
 
 /// Scalar rules, each written once for host and device. `x`, `a` and `b` are elements of the
 /// operands, `c` is the old value of the output. Arithmetic is in float where nothing else is said,
 /// every product and sum rounded in the order written; on int tensors the rules `add` and
-/// `add_inplace` thereby compute in float, and storing the result truncates it towards zero.
+/// `add_inplace` thereby compute in float, and storing the result truncates it towards zero. The
+/// rules of folds stand in ops/reduce_functors.h, which this header includes.
 namespace vorn {
 namespace func {
 

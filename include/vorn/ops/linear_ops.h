@@ -5,8 +5,7 @@
 #include "vorn/gpu/linear_ops.h"
 
 /// Maxout and the assembly of a wide matrix from column blocks; formulas stand at the members of
-/// Tensor. Shapes are the caller's. A GPU takes at most 65535 rows of column blocks and refuses the
-/// launch beyond that.
+/// Tensor. Shapes are the caller's.
 namespace vorn {
 
 inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<int>& idx_vec,

@@ -3,7 +3,7 @@
 
 #include "vorn/cpu/softmax_ops.h"
 #include "vorn/gpu/softmax_ops.h"
-#include "vorn/ops/math_ops.h"
+#include "vorn/ops/element_ops.h"
 #include "vorn/tensor/tensor.h"
 
 /// Softmax over the channels of a tensor read as three nested extents: element (o, c, k) lies at

@@ -8,6 +8,7 @@
 /// A matrix combined with a vector along its rows, its columns or its diagonal. Matrix and output
 /// are read and written with their own pitches, as row() by col() of the output; the vector is a
 /// dense run, whatever its shape. The old output is always read. `out` may be the matrix itself.
+/// A GPU takes at most 65535 * 1024 columns and refuses the launch beyond that.
 namespace vorn {
 
 /// out(i, j) = alpha0 * mat(i, j) + alpha1 * vec[j] + beta * out(i, j). Tests nothing: sizes and

@@ -21,7 +21,7 @@ namespace vorn {
 /// a negative one counts from the end: -1 is width. An index outside [-axes, axes) aborts with
 /// "error axis index.".
 struct Dim {
-    static const int kMaxDim = 5;
+    static constexpr int kMaxDim = 5;
 
     int dims[kMaxDim];  ///< Extents; entries at and beyond `dimension` have no meaning.
     int dimension;      ///< Axes in use, 0 to kMaxDim.

@@ -657,7 +657,8 @@ public:
     // A feature row holds context frame s, delta d and frequency q at (s * delta + d) * fbank + q.
     // Group g has the positions conv_start[g] to conv_end[g], both inclusive, and a block of rows
     // of its own: row (frame n, position c) of the group stands n * positions + c - conv_start[g]
-    // rows behind the group's first. All matrices are dense. `conv_out_dim` is not read.
+    // rows behind the group's first. Positions lie in [0, fbank - filter_size], which is the
+    // caller's to keep. All matrices are dense. `conv_out_dim` is not read.
 
     /// The patch matrix: column f * temporal_dim + t of row (n, c) is feat(n, t * fbank + c + f).
     void expand_feat(const Tensor& feat, int fbank, int delta, int conv_out_dim, int filter_size,

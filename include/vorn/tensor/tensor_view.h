@@ -34,7 +34,7 @@ public:
     int n_s, c_s, h_s, w_s;
 };
 
-/// A tensor as a matrix of row() rows, for kernels.
+/// A tensor as a matrix of row() rows, for kernels. One without axes has no elements.
 template <typename T, bool is_contiguous>
 class MatrixView;
 
@@ -42,7 +42,8 @@ template <typename T>
 class MatrixView<T, true> {
 public:
     /// Aborts on a pitched tensor.
-    explicit MatrixView(const Tensor<T>& t) : _ptr(t.get_ptr()), _width(t.get_w()) {
+    explicit MatrixView(const Tensor<T>& t)
+        : _ptr(t.get_ptr()), _width(get_reverse<-1>(t.get_size())) {
         CHECK(t.is_contiguous());
     }
 
@@ -57,7 +58,7 @@ template <typename T>
 class MatrixView<T, false> {
 public:
     explicit MatrixView(const Tensor<T>& t)
-        : _ptr(t.get_ptr()), _width(t.get_w()), _width_ld(t.ld()) {}
+        : _ptr(t.get_ptr()), _width(get_reverse<-1>(t.get_size())), _width_ld(t.ld()) {}
 
     VORN_HD T& operator()(int row, int col) const { return _ptr[row * _width_ld + col]; }
     VORN_HD T& operator()(int idx) const { return _ptr[(idx / _width) * _width_ld + idx % _width]; }

@@ -30,8 +30,10 @@ void* gpusim::allocate_in_stream(size_t size, const StreamPtr& stream) {
 
 bool gpusim::free_in_stream(void* pointer, const StreamPtr& stream) {
     const size_t size = Memory::get().block_size(pointer);
-    if (kAddressSanitizer && size != 0) {
-        Device::get().submit(stream, make_task([=] { poison(pointer, size); }));
+    Device& device = Device::get();
+    // A task of the null stream waits for the other streams, which have to be done with the block.
+    if (size != 0 && (kAddressSanitizer || stream == device.null_stream())) {
+        device.submit(stream, make_task([=] { poison(pointer, size); }));
     }
     return size != 0 && Memory::get().free(pointer, stream);
 }

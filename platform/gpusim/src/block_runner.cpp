@@ -245,6 +245,8 @@ void BlockRunner::release_warp() {
 }
 
 void BlockRunner::fail_assertion(const char* expression, const Site& site) {
+    // What the kernel printed: abort(), in which a failed assertion mostly ends, would lose it.
+    std::fflush(stdout);
     std::fprintf(stderr, "%s:%u: %s: block: %s, thread: %s Assertion `%s` failed.\n", site.file,
                  site.line, site.function, triple(blockIdx).c_str(), triple(threadIdx).c_str(),
                  expression);

@@ -15,6 +15,7 @@ namespace {
 
 thread_local bool on_stream_thread = false;
 std::atomic<bool> forked{false};
+std::atomic<bool> unloading{false};
 
 }  // namespace
 
@@ -29,6 +30,9 @@ cudaError_t call_barrier() {
     if (on_stream_thread) {
         return cudaErrorNotPermitted;
     }
+    if (unloading.load(std::memory_order_relaxed)) {
+        return cudaErrorCudartUnloading;
+    }
     return Device::get().fault();
 }
 
@@ -42,11 +46,13 @@ Device::Device() : null_stream_(std::make_shared<CUstream_st>(false)) {
     launch_blocking_ = blocking != nullptr && std::strcmp(blocking, "1") == 0;
     // A child has none of the streams' threads.
     pthread_atfork(nullptr, nullptr, [] { forked = true; });
-    // Kernels must not outlive what exit() destroys.
+    // Kernels must not outlive what exit() destroys, and what it destroys after this must not call:
+    // the runtime of a real GPU may be gone by then.
     std::atexit([] {
         if (!forked) {
             Device::get().synchronize_all();
         }
+        unloading = true;
     });
 }
 

@@ -74,7 +74,7 @@ namespace gpusim {
 
 class Device {
 public:
-    /// Never destroyed, so that calls from static destructors find it whole.
+    /// Never destroyed, so that calls from static destructors are refused and do no harm.
     static Device& get();
 
     StreamPtr create_stream(bool non_blocking);
@@ -124,8 +124,9 @@ private:
 /// Records `error` as the thread's last error unless it is cudaSuccess; returns it.
 cudaError_t record_error(cudaError_t error);
 
-/// What keeps a call from going ahead: a fault of the device, a call from a stream's own thread or
-/// from a process that was forked off after the device came up.
+/// What keeps a call from going ahead: a fault of the device, a call from a stream's own thread,
+/// from a process that was forked off after the device came up, or from what exit() destroys after
+/// the device.
 cudaError_t call_barrier();
 
 /// The frame of a runtime call.

@@ -17,6 +17,7 @@ constexpr ErrorText kTexts[] = {
     TEXT(cudaErrorInvalidValue, "invalid argument"),
     TEXT(cudaErrorMemoryAllocation, "out of memory"),
     TEXT(cudaErrorInitializationError, "initialization error"),
+    TEXT(cudaErrorCudartUnloading, "driver shutting down"),
     TEXT(cudaErrorInvalidConfiguration, "invalid configuration argument"),
     TEXT(cudaErrorInvalidPitchValue, "invalid pitch argument"),
     TEXT(cudaErrorInvalidMemcpyDirection, "invalid copy direction for memcpy"),

@@ -10,6 +10,7 @@ enum cudaError : int {
     cudaErrorInvalidValue = 1,
     cudaErrorMemoryAllocation = 2,
     cudaErrorInitializationError = 3,
+    cudaErrorCudartUnloading = 4,
     cudaErrorInvalidConfiguration = 9,
     cudaErrorInvalidPitchValue = 12,
     cudaErrorInvalidMemcpyDirection = 21,
