@@ -87,8 +87,8 @@ void from_columns(benchmark::State& state) {
                     image);
     });
 }
-BENCHMARK(to_columns)->Name("im2col, 64 x 56 x 56, 3 x 3")->Arg(1)->Arg(2)->Arg(3);
-BENCHMARK(from_columns)->Name("col2im, same")->Arg(1)->Arg(2)->Arg(3);
+BENCHMARK(to_columns)->Name("im2col, 64 x 56 x 56, 3 x 3")->Arg(1)->Arg(2);
+BENCHMARK(from_columns)->Name("col2im, same")->Arg(1)->Arg(2);
 
 void add_bias(benchmark::State& state) {
     Convolution c;

@@ -207,10 +207,10 @@ TEST_P(ConvTest, Bias) {
     }
 }
 
-TEST_P(ConvTest, TransposeChannelHeight) {
-    if (GetParam() == Place::kGpuPitched) {
-        GTEST_SKIP() << "dense only";
-    }
+class TransposeChannelHeightTest : public DeviceTest {};
+INSTANTIATE_TEST_SUITE_P(Places, TransposeChannelHeightTest, kDensePlaces, name_of_place);
+
+TEST_P(TransposeChannelHeightTest, ExchangesTwoAxes) {
     // On both sides of a block's 128 x 4 threads and of the grid's cap; and nothing at all.
     for (const Dim& size : {Dim(2, 3, 4, 5), Dim(1, 1, 1, 1), Dim(2, 3, 5, 129), Dim(3, 2, 9, 31),
                             Dim(40961, 1, 2, 1), Dim(0, 3, 4, 5), Dim(2, 3, 4, 0)}) {
@@ -351,10 +351,56 @@ TEST_F(HostConvTest, TransposeChannelHeightChecksInOrder) {
     });
 }
 
+TEST(CudnnTranslations, GoBothWays) {
+    using namespace gpu::helper;
+    for (int i = 0; i < 8; ++i) {  // the library's values follow cuDNN's after AUTO
+        EXPECT_EQ(convert_conv_algo(static_cast<ConvAlgo>(i + 1)), i);
+        EXPECT_EQ(convert_cudnn_conv_algo(static_cast<cudnnConvolutionFwdAlgo_t>(i)), i + 1);
+    }
+    for (int i = 0; i < 7; ++i) {
+        EXPECT_EQ(convert_conv_grad_algo(static_cast<ConvGradAlgo>(i + 1)), i);
+        EXPECT_EQ(convert_cudnn_conv_grad_algo(static_cast<cudnnConvolutionBwdFilterAlgo_t>(i)),
+                  i + 1);
+    }
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ(convert_conv_diff_algo(static_cast<ConvDiffAlgo>(i + 1)), i);
+        EXPECT_EQ(convert_cudnn_conv_diff_algo(static_cast<cudnnConvolutionBwdDataAlgo_t>(i)),
+                  i + 1);
+    }
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(convert_conv_algo_pref(static_cast<ConvAlgoPref>(i)), i);
+        EXPECT_EQ(convert_conv_grad_algo_pref(static_cast<ConvGradAlgoPref>(i)), i);
+        EXPECT_EQ(convert_conv_diff_algo_pref(static_cast<ConvDiffAlgoPref>(i)), i);
+        EXPECT_EQ(convert_pooling_type(static_cast<PoolingType>(i)), i);
+    }
+    EXPECT_EQ(convert_batch_norm_mode(NORM_1CHW), CUDNN_BATCHNORM_PER_ACTIVATION);
+    EXPECT_EQ(convert_batch_norm_mode(NORM_1C11), CUDNN_BATCHNORM_SPATIAL);
+    for (const auto& [status, expected] :
+         {std::pair<cudnnStatus_t, ConvPerfStatus>{CUDNN_STATUS_SUCCESS, CONV_PERF_OK},
+          {CUDNN_STATUS_ALLOC_FAILED, CONV_PERF_ALLOC_FAILED},
+          {CUDNN_STATUS_INTERNAL_ERROR_DEVICE_ALLOCATION_FAILED, CONV_PERF_ALLOC_FAILED},
+          {CUDNN_STATUS_NOT_SUPPORTED, CONV_PERF_INTERNAL_ERROR},
+          {CUDNN_STATUS_INTERNAL_ERROR, CONV_PERF_INTERNAL_ERROR}}) {
+        EXPECT_EQ(convert_cudnn_conv_perf_status(status), expected);
+    }
+    expect_failures({
+        {"invalid ConvAlgo 9", [] { convert_conv_algo(static_cast<ConvAlgo>(9)); }},
+        {"invalid ConvDiffAlgo 7", [] { convert_conv_diff_algo(static_cast<ConvDiffAlgo>(7)); }},
+        {"invalid cudnnConvolutionFwdAlgo_t 8",
+         [] { convert_cudnn_conv_algo(CUDNN_CONVOLUTION_FWD_ALGO_COUNT); }},
+        {"invalid cudnnConvolutionBwdFilterAlgo_t 7",
+         [] { convert_cudnn_conv_grad_algo(CUDNN_CONVOLUTION_BWD_FILTER_ALGO_COUNT); }},
+        {"invalid ConvDiffAlgo 6",
+         [] { convert_cudnn_conv_diff_algo(CUDNN_CONVOLUTION_BWD_DATA_ALGO_COUNT); }},
+        {"invalid BatNormType 2", [] { convert_batch_norm_mode(BAT_NORM_UNKNOWN); }},
+    });
+}
+
 class GpuConvTest : public GpuTest {
 protected:
     const ConvDesc desc{1, 1, 1, 1};
-    TensorF x{Dim(2, 3, 8, 9), GPU}, w{Dim(4, 3, 3, 3), GPU}, y{Dim(2, 4, 8, 9), GPU};
+    const Device device = has_gpu() ? GPU : CPU;  // without one the test is skipped
+    TensorF x{Dim(2, 3, 8, 9), device}, w{Dim(4, 3, 3, 3), device}, y{Dim(2, 4, 8, 9), device};
 };
 
 // A choice without work space needs none, a limited one no more than that; a trial tells what the
@@ -400,50 +446,11 @@ TEST_F(GpuConvTest, QueriesAgree) {
 }
 
 TEST_F(GpuConvTest, RefusesWhatHasNoTranslation) {
-    using namespace gpu::helper;
-    for (int i = 0; i < 8; ++i) {  // the library's values follow cuDNN's after AUTO
-        EXPECT_EQ(convert_conv_algo(static_cast<ConvAlgo>(i + 1)), i);
-        EXPECT_EQ(convert_cudnn_conv_algo(static_cast<cudnnConvolutionFwdAlgo_t>(i)), i + 1);
-    }
-    for (int i = 0; i < 7; ++i) {
-        EXPECT_EQ(convert_conv_grad_algo(static_cast<ConvGradAlgo>(i + 1)), i);
-        EXPECT_EQ(convert_cudnn_conv_grad_algo(static_cast<cudnnConvolutionBwdFilterAlgo_t>(i)),
-                  i + 1);
-    }
-    for (int i = 0; i < 6; ++i) {
-        EXPECT_EQ(convert_conv_diff_algo(static_cast<ConvDiffAlgo>(i + 1)), i);
-        EXPECT_EQ(convert_cudnn_conv_diff_algo(static_cast<cudnnConvolutionBwdDataAlgo_t>(i)),
-                  i + 1);
-    }
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(convert_conv_algo_pref(static_cast<ConvAlgoPref>(i)), i);
-        EXPECT_EQ(convert_conv_grad_algo_pref(static_cast<ConvGradAlgoPref>(i)), i);
-        EXPECT_EQ(convert_conv_diff_algo_pref(static_cast<ConvDiffAlgoPref>(i)), i);
-        EXPECT_EQ(convert_pooling_type(static_cast<PoolingType>(i)), i);
-    }
-    EXPECT_EQ(convert_batch_norm_mode(NORM_1CHW), CUDNN_BATCHNORM_PER_ACTIVATION);
-    EXPECT_EQ(convert_batch_norm_mode(NORM_1C11), CUDNN_BATCHNORM_SPATIAL);
-    for (const auto& [status, expected] :
-         {std::pair<cudnnStatus_t, ConvPerfStatus>{CUDNN_STATUS_SUCCESS, CONV_PERF_OK},
-          {CUDNN_STATUS_ALLOC_FAILED, CONV_PERF_ALLOC_FAILED},
-          {CUDNN_STATUS_INTERNAL_ERROR_DEVICE_ALLOCATION_FAILED, CONV_PERF_ALLOC_FAILED},
-          {CUDNN_STATUS_NOT_SUPPORTED, CONV_PERF_INTERNAL_ERROR},
-          {CUDNN_STATUS_INTERNAL_ERROR, CONV_PERF_INTERNAL_ERROR}}) {
-        EXPECT_EQ(convert_cudnn_conv_perf_status(status), expected);
-    }
     TensorF out(y.get_size(), GPU), dw(w.get_size(), GPU), dx(x.get_size(), GPU);
     expect_failures({
         {"invalid ConvAlgo 0", [&] { out.conv_fwd(desc, x, w, nullptr, 0); }},
         {"invalid ConvGradAlgo 0", [&] { dw.conv_grad(desc, x, y, nullptr, 0); }},
         {"invalid ConvDiffAlgo 0", [&] { dx.conv_diff(desc, w, y, nullptr, 0); }},
-        {"invalid ConvAlgo 9", [&] { convert_conv_algo(static_cast<ConvAlgo>(9)); }},
-        {"invalid ConvDiffAlgo 7", [&] { convert_conv_diff_algo(static_cast<ConvDiffAlgo>(7)); }},
-        {"invalid cudnnConvolutionFwdAlgo_t 8",
-         [&] { convert_cudnn_conv_algo(CUDNN_CONVOLUTION_FWD_ALGO_COUNT); }},
-        {"invalid cudnnConvolutionBwdFilterAlgo_t 7",
-         [&] { convert_cudnn_conv_grad_algo(CUDNN_CONVOLUTION_BWD_FILTER_ALGO_COUNT); }},
-        {"invalid ConvDiffAlgo 6",
-         [&] { convert_cudnn_conv_diff_algo(CUDNN_CONVOLUTION_BWD_DATA_ALGO_COUNT); }},
         {"invalid ConvAlgoPref 3",
          [&] { x.conv_get_fwd_algo(desc, x, w, y, static_cast<ConvAlgoPref>(3), 0); }},
         {"invalid ConvGradAlgoPref 3",
@@ -456,8 +463,22 @@ TEST_F(GpuConvTest, RefusesWhatHasNoTranslation) {
          [&] { x.conv_get_grad_work_space_size(desc, x, y, w, CONV_GRAD_ALGO_AUTO); }},
         {"invalid ConvDiffAlgo 0",
          [&] { x.conv_get_diff_work_space_size(desc, x, y, w, CONV_DIFF_ALGO_AUTO); }},
-        {"invalid BatNormType 2", [&] { convert_batch_norm_mode(BAT_NORM_UNKNOWN); }},
     });
+}
+
+// cuDNN refuses empty tensors; an empty batch has a gradient of 0, which blends.
+TEST_F(GpuConvTest, EmptyBatch) {
+    const TensorF no_x(Dim(0, 3, 8, 9), GPU);
+    TensorF no_y(Dim(0, 4, 8, 9), GPU), no_dx(no_x.get_size(), GPU),
+        dw = dense(w.get_size(), Values(108, 4), GPU),
+        dbias = dense(Dim(1, 4, 1, 1), Values(4, 4), GPU);
+    no_y.conv_fwd(desc, no_x, w, nullptr, 0);
+    no_dx.conv_diff(desc, w, no_y, nullptr, 0);
+    no_y.add_tensor(dbias);
+    dw.conv_grad(desc, no_x, no_y, nullptr, 0, 1, 0.5f);
+    dbias.conv_bias(no_y, 1, 1);
+    EXPECT_EQ(values_of(dw), Values(108, 2));
+    EXPECT_EQ(values_of(dbias), Values(4, 4));
 }
 
 TEST_F(GpuConvTest, ChecksDevicesInOrder) {

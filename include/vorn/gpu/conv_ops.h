@@ -4,13 +4,15 @@
 #include <algorithm>
 #include <vector>
 
+#include "vorn/gpu/blas_ops.h"
 #include "vorn/gpu/conv_gemm_ops.h"
 #include "vorn/gpu/cudnn_wrap.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU convolution of images: one call of cuDNN for the whole batch. Images carry their pitch,
-/// filters are dense.
+/// filters are dense. cuDNN refuses empty tensors, which don't come to it: an empty output is left
+/// alone, and the gradients of an empty batch are 0.
 namespace vorn {
 namespace gpu {
 
@@ -45,6 +47,9 @@ struct ConvDescriptors {
 inline void vorn_conv_fwd(const ConvDesc& conv_desc, const Tensor<float>& x, const Tensor<float>& w,
                           Tensor<float>& out, void* work_space, index_t work_space_size_byte,
                           DType alpha, DType beta) {
+    if (out.get_element_count() == 0) {
+        return;
+    }
     const helper::ConvDescriptors desc(conv_desc, x, w, out);
     const cudnnConvolutionFwdAlgo_t algo = helper::convert_conv_algo(conv_desc.algo);
     const cudnnStatus_t ret = cudnnConvolutionForward(
@@ -57,6 +62,9 @@ inline void vorn_conv_fwd(const ConvDesc& conv_desc, const Tensor<float>& x, con
 inline void vorn_conv_grad(const ConvDesc& conv_desc, const Tensor<float>& x,
                            const Tensor<float>& dy, Tensor<float>& out, void* work_space,
                            index_t work_space_size_byte, DType alpha, DType beta) {
+    if (dy.get_element_count() == 0) {
+        return gpu::vorn_scal(out, beta);
+    }
     const helper::ConvDescriptors desc(conv_desc, x, out, dy);
     const cudnnConvolutionBwdFilterAlgo_t algo =
         helper::convert_conv_grad_algo(conv_desc.grad_algo);
@@ -70,6 +78,9 @@ inline void vorn_conv_grad(const ConvDesc& conv_desc, const Tensor<float>& x,
 inline void vorn_conv_diff(const ConvDesc& conv_desc, const Tensor<float>& w,
                            const Tensor<float>& dy, Tensor<float>& out, void* work_space,
                            index_t work_space_size_byte, DType alpha, DType beta) {
+    if (out.get_element_count() == 0) {
+        return;
+    }
     const helper::ConvDescriptors desc(conv_desc, out, w, dy);
     const cudnnConvolutionBwdDataAlgo_t algo = helper::convert_conv_diff_algo(conv_desc.diff_algo);
     const cudnnStatus_t ret = cudnnConvolutionBackwardData(
@@ -81,6 +92,9 @@ inline void vorn_conv_diff(const ConvDesc& conv_desc, const Tensor<float>& w,
 
 inline void vorn_add_tensor(const Tensor<float>& bias, Tensor<float>& out, DType alpha,
                             DType beta) {
+    if (out.get_element_count() == 0) {
+        return;
+    }
     cudnnTensorDescriptor_t bias_desc, out_desc;
     helper::create_tensor_desc(&bias_desc, bias);
     helper::create_tensor_desc(&out_desc, out);
@@ -94,6 +108,9 @@ inline void vorn_add_tensor(const Tensor<float>& bias, Tensor<float>& out, DType
 
 /// Blends once for the whole batch.
 inline void vorn_conv_bias(const Tensor<float>& dy, Tensor<float>& out, DType alpha, DType beta) {
+    if (dy.get_element_count() == 0) {
+        return gpu::vorn_scal(out, beta);
+    }
     cudnnTensorDescriptor_t dy_desc, out_desc;
     helper::create_tensor_desc(&dy_desc, dy);
     helper::create_tensor_desc(&out_desc, out);

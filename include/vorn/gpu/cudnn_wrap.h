@@ -4,6 +4,7 @@
 #include <cudnn.h>
 #include <cudnn_preference.h>
 
+#include <algorithm>
 #include <cstddef>
 
 #include "vorn/base.h"
@@ -29,22 +30,20 @@ struct Pair {
 
 template <typename Ours, typename Theirs, size_t n>
 Theirs to_cudnn(const Pair<Ours, Theirs> (&pairs)[n], Ours value, const char* failure) {
-    for (const Pair<Ours, Theirs>& pair : pairs) {
-        if (pair.ours == value) {
-            return pair.theirs;
-        }
+    const auto* pair = std::find_if(pairs, pairs + n, [&](auto& p) { return p.ours == value; });
+    if (pair == pairs + n) {
+        LOG_FATAL << failure << static_cast<int>(value);
     }
-    LOG_FATAL << failure << static_cast<int>(value);
+    return pair->theirs;
 }
 
 template <typename Ours, typename Theirs, size_t n>
 Ours from_cudnn(const Pair<Ours, Theirs> (&pairs)[n], Theirs value, const char* failure) {
-    for (const Pair<Ours, Theirs>& pair : pairs) {
-        if (pair.theirs == value) {
-            return pair.ours;
-        }
+    const auto* pair = std::find_if(pairs, pairs + n, [&](auto& p) { return p.theirs == value; });
+    if (pair == pairs + n) {
+        LOG_FATAL << failure << static_cast<int>(value);
     }
-    LOG_FATAL << failure << static_cast<int>(value);
+    return pair->ours;
 }
 
 inline constexpr Pair<ConvAlgo, cudnnConvolutionFwdAlgo_t> kConvAlgos[] = {

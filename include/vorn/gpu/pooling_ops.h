@@ -5,12 +5,16 @@
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
-/// GPU pooling of images, which is cuDNN's. Images carry their pitch.
+/// GPU pooling of images, which is cuDNN's. Images carry their pitch. An empty
+/// output is left alone, because cuDNN refuses empty tensors.
 namespace vorn {
 namespace gpu {
 
 inline void vorn_pool_fwd(const PoolingDesc& pooling_desc, const Tensor<float>& in,
                           Tensor<float>& out, DType alpha, DType beta) {
+    if (out.get_element_count() == 0) {
+        return;
+    }
     cudnnPoolingDescriptor_t pool_desc;
     cudnnTensorDescriptor_t in_desc, out_desc;
     helper::create_pooling_desc(&pool_desc, pooling_desc);
@@ -29,6 +33,9 @@ inline void vorn_pool_fwd(const PoolingDesc& pooling_desc, const Tensor<float>& 
 inline void vorn_pool_diff(const PoolingDesc& pooling_desc, const Tensor<float>& y,
                            const Tensor<float>& dy, const Tensor<float>& x, Tensor<float>& out,
                            DType alpha, DType beta) {
+    if (out.get_element_count() == 0) {
+        return;
+    }
     cudnnPoolingDescriptor_t pool_desc;
     cudnnTensorDescriptor_t y_desc, dy_desc, x_desc, out_desc;
     helper::create_pooling_desc(&pool_desc, pooling_desc);

@@ -413,10 +413,10 @@ public:
     // (N, K, OH, OW) with OH = (H + 2 padding_height - (dilation_h (KH - 1) + 1)) / stride_h + 1,
     // and OW likewise. A convolution is a cross-correlation: the filter is not flipped. Shapes and
     // outputs are the caller's to fit. On a GPU images carry their pitch, filters are dense, and
-    // the algorithm of the operation in `conv_desc` has to be named, not AUTO; all is dense on the
-    // host. `work_space` lies on the device of this tensor; what it needs is told below. Aborts
-    // where it is too small, but for a 1 x 1 filter without padding and steps, which the host does
-    // without.
+    // the algorithm of the operation in `conv_desc` has to be named, or it aborts: AUTO is the
+    // host's only. All is dense on the host. `work_space` lies on the device of this tensor; what
+    // it needs is told below. Aborts where it is too small. The host needs none for a 1 x 1 filter
+    // without padding and steps. Old values are not read on a GPU if beta is 0.
 
     /// this(n, k, oh, ow) = alpha * sum over c, i, j of w(k, c, i, j) x(n, c, oh stride_h -
     /// padding_height + i dilation_h, ow stride_w - padding_width + j dilation_w) + beta * old,
@@ -462,8 +462,8 @@ public:
     index_t conv_get_diff_work_space_size(const ConvDesc& conv_desc, const Tensor<float>& x,
                                           const Tensor<float>& dy, const Tensor<float>& dw,
                                           ConvDiffAlgo algo);
-    /// Trials of all algorithms on memory of the GPU library's own, the fastest first; one record
-    /// of AUTO on the host.
+    /// Trials of all algorithms on memory of the GPU library's own, in its order, the fastest
+    /// first, those that failed included; one record of AUTO on the host.
     std::vector<ConvAlgoPerf> conv_get_fwd_algo_perf(const ConvDesc& conv_desc,
                                                      const Tensor<float>& x, const Tensor<float>& w,
                                                      const Tensor<float>& y);
@@ -478,16 +478,20 @@ public:
 
     // ---- Image pooling ------------------------------------------------------------------------
 
-    /// Each region of each channel pooled: alpha * pool(x) + beta * old. The host has regions for
-    /// ceil((H + 2 pad_h - win_height) / stride_h) + 1 rows, and columns likewise, cut to the image
-    /// at their ends; this tensor is at least that large. Maxima pass over NaN and start from the
-    /// lowest finite float. Both averages divide, on the host, by the count that includes padding
-    /// above and left of the image, but not below and right; a region outside the image has the
-    /// average 0.
+    // Images are (N, C, H, W) and carry their pitch. The caller sizes outputs: the host has regions
+    // for ceil((H + 2 pad_h - win_height) / stride_h) + 1 rows, and columns likewise, cut to the
+    // image at their ends, and the output is at least that large; a GPU rounds down. Aborts on an
+    // unknown pooling type.
+
+    /// Each region of each channel pooled: alpha * pool(x) + beta * old. Maxima pass over NaN and
+    /// start from the lowest finite float. Averages are (sum * alpha) / count. On the host both
+    /// types count the padding above and left of the image, but not that below and right; on a GPU
+    /// one counts all padding, the other none. A region outside the image has the average 0.
     void pool_fwd(const PoolingDesc& pooling_desc, const Tensor<float>& x, DType alpha = 1,
                   DType beta = 0);
     /// On dx: alpha * the gradient at `x` + beta * old, from the gradient `dy` at the forward
-    /// output `y`. The first of equal maxima takes it all. The host doesn't read `y`.
+    /// output `y`. Old values are not read if beta is 0. The first of equal maxima takes the whole
+    /// gradient of its region. The host doesn't read `y`.
     void pool_bp(const PoolingDesc& pooling_desc, const Tensor<float>& y, const Tensor<float>& dy,
                  const Tensor<float>& x, DType alpha = 1, DType beta = 0);
 

@@ -22,11 +22,18 @@ enum cudnnConvolutionBwdDataPreference_t {
     CUDNN_CONVOLUTION_BWD_DATA_SPECIFY_WORKSPACE_LIMIT = 2
 };
 
-/// The first of `count` algorithms, the best first, that works within the memory that `preference`
-/// allows: none, any, or at most `memory_limit_bytes`.
-template <typename Preference, typename Perf, typename Algo>
-cudnnStatus_t cudnn_first_within(Preference preference, size_t memory_limit_bytes,
-                                 const Perf* results, int count, Algo* algo) {
+/// Asks query(room, &count, results) for the algorithms, the best first, and takes the first that
+/// works within the memory that `preference` allows: none, any, or at most `memory_limit_bytes`.
+template <typename Perf, int algo_count, typename Query, typename Algo>
+cudnnStatus_t cudnn_first_within(int preference, size_t memory_limit_bytes, Query query,
+                                 Algo* algo) {
+    constexpr int room = 2 * algo_count;  // one may be listed with and without tensor cores
+    Perf results[room];
+    int count = 0;
+    const cudnnStatus_t status = query(room, &count, results);
+    if (status != CUDNN_STATUS_SUCCESS) {
+        return status;
+    }
     const size_t limit = preference == 0 ? 0 : preference == 1 ? ~size_t{0} : memory_limit_bytes;
     for (int i = 0; i < count; ++i) {
         if (results[i].status == CUDNN_STATUS_SUCCESS && results[i].memory <= limit) {
@@ -42,14 +49,14 @@ inline cudnnStatus_t cudnnGetConvolutionForwardAlgorithm(
     const cudnnFilterDescriptor_t w_desc, const cudnnConvolutionDescriptor_t conv_desc,
     const cudnnTensorDescriptor_t y_desc, cudnnConvolutionFwdPreference_t preference,
     size_t memory_limit_bytes, cudnnConvolutionFwdAlgo_t* algo) {
-    cudnnConvolutionFwdAlgoPerf_t results[CUDNN_CONVOLUTION_FWD_ALGO_COUNT];
-    int count = 0;
-    const cudnnStatus_t status =
-        cudnnGetConvolutionForwardAlgorithm_v7(handle, x_desc, w_desc, conv_desc, y_desc,
-                                               CUDNN_CONVOLUTION_FWD_ALGO_COUNT, &count, results);
-    return status != CUDNN_STATUS_SUCCESS
-               ? status
-               : cudnn_first_within(preference, memory_limit_bytes, results, count, algo);
+    using Perf = cudnnConvolutionFwdAlgoPerf_t;
+    return cudnn_first_within<Perf, CUDNN_CONVOLUTION_FWD_ALGO_COUNT>(
+        preference, memory_limit_bytes,
+        [&](int room, int* count, Perf* results) {
+            return cudnnGetConvolutionForwardAlgorithm_v7(handle, x_desc, w_desc, conv_desc, y_desc,
+                                                          room, count, results);
+        },
+        algo);
 }
 
 inline cudnnStatus_t cudnnGetConvolutionBackwardFilterAlgorithm(
@@ -57,14 +64,14 @@ inline cudnnStatus_t cudnnGetConvolutionBackwardFilterAlgorithm(
     const cudnnTensorDescriptor_t dy_desc, const cudnnConvolutionDescriptor_t conv_desc,
     const cudnnFilterDescriptor_t dw_desc, cudnnConvolutionBwdFilterPreference_t preference,
     size_t memory_limit_bytes, cudnnConvolutionBwdFilterAlgo_t* algo) {
-    cudnnConvolutionBwdFilterAlgoPerf_t results[CUDNN_CONVOLUTION_BWD_FILTER_ALGO_COUNT];
-    int count = 0;
-    const cudnnStatus_t status = cudnnGetConvolutionBackwardFilterAlgorithm_v7(
-        handle, x_desc, dy_desc, conv_desc, dw_desc, CUDNN_CONVOLUTION_BWD_FILTER_ALGO_COUNT,
-        &count, results);
-    return status != CUDNN_STATUS_SUCCESS
-               ? status
-               : cudnn_first_within(preference, memory_limit_bytes, results, count, algo);
+    using Perf = cudnnConvolutionBwdFilterAlgoPerf_t;
+    return cudnn_first_within<Perf, CUDNN_CONVOLUTION_BWD_FILTER_ALGO_COUNT>(
+        preference, memory_limit_bytes,
+        [&](int room, int* count, Perf* results) {
+            return cudnnGetConvolutionBackwardFilterAlgorithm_v7(handle, x_desc, dy_desc, conv_desc,
+                                                                 dw_desc, room, count, results);
+        },
+        algo);
 }
 
 inline cudnnStatus_t cudnnGetConvolutionBackwardDataAlgorithm(
@@ -72,14 +79,14 @@ inline cudnnStatus_t cudnnGetConvolutionBackwardDataAlgorithm(
     const cudnnTensorDescriptor_t dy_desc, const cudnnConvolutionDescriptor_t conv_desc,
     const cudnnTensorDescriptor_t dx_desc, cudnnConvolutionBwdDataPreference_t preference,
     size_t memory_limit_bytes, cudnnConvolutionBwdDataAlgo_t* algo) {
-    cudnnConvolutionBwdDataAlgoPerf_t results[CUDNN_CONVOLUTION_BWD_DATA_ALGO_COUNT];
-    int count = 0;
-    const cudnnStatus_t status = cudnnGetConvolutionBackwardDataAlgorithm_v7(
-        handle, w_desc, dy_desc, conv_desc, dx_desc, CUDNN_CONVOLUTION_BWD_DATA_ALGO_COUNT, &count,
-        results);
-    return status != CUDNN_STATUS_SUCCESS
-               ? status
-               : cudnn_first_within(preference, memory_limit_bytes, results, count, algo);
+    using Perf = cudnnConvolutionBwdDataAlgoPerf_t;
+    return cudnn_first_within<Perf, CUDNN_CONVOLUTION_BWD_DATA_ALGO_COUNT>(
+        preference, memory_limit_bytes,
+        [&](int room, int* count, Perf* results) {
+            return cudnnGetConvolutionBackwardDataAlgorithm_v7(handle, w_desc, dy_desc, conv_desc,
+                                                               dx_desc, room, count, results);
+        },
+        algo);
 }
 
 #endif  // CUDNN_PREFERENCE_H_

@@ -11,16 +11,12 @@
 
 namespace gpusim::cudnn {
 
-namespace {
-
 template <class T>
 struct Descriptor {
     using Value = T;
     T value{};
     bool set = false;
 };
-
-}  // namespace
 
 }  // namespace gpusim::cudnn
 
@@ -35,88 +31,66 @@ namespace {
 
 /// The descriptors of one kind that live.
 template <class D>
-class Descriptors {
-public:
-    using Value = typename D::Value;
+struct Live {
+    std::mutex mutex;
+    std::unordered_map<D*, std::unique_ptr<D>> descriptors;
 
     /// Never destroyed, so that calls from static destructors find it whole.
-    static Descriptors& get() {
-        static auto* const descriptors = new Descriptors;
-        return *descriptors;
+    static Live& get() {
+        static auto* const live = new Live;
+        return *live;
     }
-
-    cudnnStatus_t create(D** desc) {
-        if (desc == nullptr) {
-            return CUDNN_STATUS_BAD_PARAM;
-        }
-        auto created = std::make_unique<D>();
-        *desc = created.get();
-        std::lock_guard<std::mutex> lock(mutex_);
-        live_[*desc] = std::move(created);
-        return CUDNN_STATUS_SUCCESS;
-    }
-
-    cudnnStatus_t destroy(D* desc) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return desc == nullptr || live_.erase(desc) == 1 ? CUDNN_STATUS_SUCCESS
-                                                         : CUDNN_STATUS_BAD_PARAM;
-    }
-
-    /// Calls change(descriptor).
-    template <class F>
-    cudnnStatus_t update(D* desc, F change) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (live_.count(desc) == 0) {
-            return CUDNN_STATUS_BAD_PARAM;
-        }
-        change(*desc);
-        return CUDNN_STATUS_SUCCESS;
-    }
-
-    cudnnStatus_t set(D* desc, const Value& value) {
-        return update(desc, [&](D& d) {
-            d.value = value;
-            d.set = true;
-        });
-    }
-
-    bool read(D* desc, Value* value) {
-        bool set = false;
-        update(desc, [&](D& d) {
-            *value = d.value;
-            set = d.set;
-        });
-        return set;
-    }
-
-private:
-    std::mutex mutex_;
-    std::unordered_map<D*, std::unique_ptr<D>> live_;
 };
 
 template <class D>
 cudnnStatus_t create(D** desc) {
-    return Descriptors<D>::get().create(desc);
-}
-
-template <class D>
-cudnnStatus_t set(D* desc, const typename D::Value& value) {
-    return Descriptors<D>::get().set(desc, value);
-}
-
-template <class D, class F>
-cudnnStatus_t update(D* desc, F change) {
-    return Descriptors<D>::get().update(desc, change);
+    if (desc == nullptr) {
+        return CUDNN_STATUS_BAD_PARAM;
+    }
+    auto created = std::make_unique<D>();
+    *desc = created.get();
+    Live<D>& live = Live<D>::get();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    live.descriptors[*desc] = std::move(created);
+    return CUDNN_STATUS_SUCCESS;
 }
 
 template <class D>
 cudnnStatus_t destroy(D* desc) {
-    return Descriptors<D>::get().destroy(desc);
+    Live<D>& live = Live<D>::get();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    return desc == nullptr || live.descriptors.erase(desc) == 1 ? CUDNN_STATUS_SUCCESS
+                                                                : CUDNN_STATUS_BAD_PARAM;
+}
+
+/// Calls change(descriptor).
+template <class D, class F>
+cudnnStatus_t update(D* desc, F change) {
+    Live<D>& live = Live<D>::get();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    if (live.descriptors.count(desc) == 0) {
+        return CUDNN_STATUS_BAD_PARAM;
+    }
+    change(*desc);
+    return CUDNN_STATUS_SUCCESS;
+}
+
+template <class D>
+cudnnStatus_t set(D* desc, const typename D::Value& value) {
+    return update(desc, [&](D& d) {
+        d.value = value;
+        d.set = true;
+    });
 }
 
 template <class D>
 bool read_value(D* desc, typename D::Value* value) {
-    return Descriptors<D>::get().read(desc, value);
+    bool set = false;
+    update(desc, [&](D& d) {
+        *value = d.value;
+        set = d.set;
+    });
+    return set;
 }
 
 bool valid(cudnnDataType_t type) {

@@ -1,5 +1,6 @@
 #include "cudnn_handle.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 
@@ -33,16 +34,11 @@ bool overlap(const Operand& a, const Operand& b) {
     return before(begin_a, begin_b + b.size) && before(begin_b, begin_a + a.size);
 }
 
-cudnnStatus_t check_type(const Operand& operand, cudnnDataType_t type) {
-    if (operand.tensor == nullptr) {
-        return CUDNN_STATUS_SUCCESS;
-    }
-    if (operand.tensor->type != type) {
-        return CUDNN_STATUS_BAD_PARAM;
-    }
-    return type == CUDNN_DATA_FLOAT && !operand.tensor->has_negative_stride()
-               ? CUDNN_STATUS_SUCCESS
-               : CUDNN_STATUS_NOT_SUPPORTED;
+/// One list after the other.
+template <class F>
+bool all_of(std::initializer_list<Operand> inputs, std::initializer_list<Operand> outputs, F test) {
+    return std::all_of(inputs.begin(), inputs.end(), test) &&
+           std::all_of(outputs.begin(), outputs.end(), test);
 }
 
 }  // namespace
@@ -50,42 +46,41 @@ cudnnStatus_t check_type(const Operand& operand, cudnnDataType_t type) {
 cudnnStatus_t check_operands(const char* function, std::initializer_list<Operand> inputs,
                              std::initializer_list<Operand> outputs, bool in_place) {
     const cudnnDataType_t type = inputs.begin()->tensor->type;
-    for (const auto& operands : {inputs, outputs}) {
-        for (const Operand& operand : operands) {
-            const cudnnStatus_t status = check_type(operand, type);
-            if (status != CUDNN_STATUS_SUCCESS) {
-                return status;
-            }
-            if (operand.data == nullptr && operand.size != 0) {
-                return CUDNN_STATUS_BAD_PARAM;
-            }
-        }
+    if (!all_of(inputs, outputs, [&](const Operand& o) {
+            return (o.tensor == nullptr || o.tensor->type == type) &&
+                   (o.data != nullptr || o.size == 0);
+        })) {
+        return CUDNN_STATUS_BAD_PARAM;
+    }
+    if (type != CUDNN_DATA_FLOAT ||
+        !all_of(inputs, outputs,
+                [](const Operand& o) {
+                    return o.tensor == nullptr || !o.tensor->has_negative_stride();
+                }) ||
+        std::any_of(outputs.begin(), outputs.end(), [](const Operand& o) {
+            return o.tensor != nullptr && o.tensor->overlaps_itself();
+        })) {
+        return CUDNN_STATUS_NOT_SUPPORTED;
     }
     for (const Operand& output : outputs) {
-        if (output.tensor != nullptr && output.tensor->overlaps_itself()) {
-            return CUDNN_STATUS_NOT_SUPPORTED;
-        }
-        for (const auto& operands : {inputs, outputs}) {
-            for (const Operand& other : operands) {
-                const bool same = &other == inputs.begin() && &output == outputs.begin() &&
-                                  in_place && other.data == output.data &&
-                                  other.tensor->stride == output.tensor->stride;
-                if (&other != &output && !same && overlap(output, other)) {
-                    std::fprintf(stderr, "gpusim: %s: %s overlaps %s\n", function, output.name,
-                                 other.name);
-                    return CUDNN_STATUS_BAD_PARAM;
-                }
+        const auto apart = [&](const Operand& other) {
+            const bool same = in_place && &output == outputs.begin() && &other == inputs.begin() &&
+                              other.data == output.data &&
+                              other.tensor->stride == output.tensor->stride;
+            if (&other == &output || same || !overlap(output, other)) {
+                return true;
             }
+            std::fprintf(stderr, "gpusim: %s: %s overlaps %s\n", function, output.name, other.name);
+            return false;
+        };
+        if (!all_of(inputs, outputs, apart)) {
+            return CUDNN_STATUS_BAD_PARAM;
         }
     }
-    for (const auto& operands : {inputs, outputs}) {
-        for (const Operand& operand : operands) {
-            if (!check_operand(function, operand.name, operand.data, operand.size)) {
-                return CUDNN_STATUS_EXECUTION_FAILED;
-            }
-        }
-    }
-    return CUDNN_STATUS_SUCCESS;
+    const auto usable = [&](const Operand& o) {
+        return check_operand(function, o.name, o.data, o.size);
+    };
+    return all_of(inputs, outputs, usable) ? CUDNN_STATUS_SUCCESS : CUDNN_STATUS_EXECUTION_FAILED;
 }
 
 }  // namespace gpusim::cudnn
