@@ -23,8 +23,8 @@ enum ActivationType {
 };
 
 enum BatNormType {
-    NORM_1CHW = 0,
-    NORM_1C11 = 1,
+    NORM_1CHW = 0,  ///< statistics of each activation
+    NORM_1C11 = 1,  ///< statistics of each channel
     BAT_NORM_UNKNOWN = 2,
 };
 
@@ -156,7 +156,7 @@ struct PoolingDesc {
           pooling_type(its_pooling_type) {}
 };
 
-/// A grid of bins over a rectangle of a feature map.
+/// A grid of bins over a rectangle of a feature map; by default a single bin at the map's scale.
 struct ROIPoolingDesc {
     int pooled_height;    ///< bins in a column of the grid
     int pooled_width;     ///< bins in a row of the grid
@@ -169,7 +169,7 @@ struct ROIPoolingDesc {
           spatial_scale(its_spatial_scale) {}
 };
 
-/// The same with channels of their own for each bin.
+/// The same with channels of their own for each bin; the output's shape tells the grid.
 struct PSROIPoolingDesc {
     int out_dim;          ///< output channels; not read, the output's shape tells them
     int group_size;       ///< side of the grid of channel groups

@@ -35,9 +35,9 @@ struct RoiBins {
     std::vector<func::Span> rows, cols;
 };
 
-/// Channels whose maxima are taken together, their values at a cell side by side. The few columns
-/// of a bin in one channel are a slow chain of dependent steps: six times as slow, measured with
-/// regions of all sizes on a map of 38 x 50.
+/// Channels whose maxima are taken together, their values at a cell side by side. One channel at a
+/// time, the few columns of a bin are a chain of dependent steps: seven times as slow, measured
+/// with regions of all sizes on a map of 38 x 50.
 constexpr int kRoiLanes = 32;
 
 /// The maximum of a bin in each lane, and its place, the first in row-major order among equals.
@@ -204,7 +204,7 @@ inline void vorn_psroi_pool_diff(const PSROIPoolingDesc& desc, const Tensor<floa
                                  Tensor<float>& out) {
     const Dim &map = out.get_size(), &grid = diff.get_size();
     const int channels = map[-3], height = map[-2], width = map[-1];
-    const int num_rois = grid[-4], output_dim = grid[-3];
+    const int num_rois = get_reverse<-4>(grid), output_dim = grid[-3];
     const float* diff_p = diff.get_ptr();
     const int* channel_p = map_channel.get_ptr();
     for (int n = 0; n < num_rois; ++n) {

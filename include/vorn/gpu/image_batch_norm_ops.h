@@ -12,7 +12,7 @@
 namespace vorn {
 namespace gpu {
 
-/// What cuDNN once asked for at least. A NaN is raised to it too.
+/// At least the minimum of cuDNN's earlier versions; today's takes 0 too. A NaN is raised to it.
 inline double cudnn_epsilon(DType epsilon) {
     constexpr double kMinEpsilon = 1e-5;
     return epsilon >= kMinEpsilon ? epsilon : kMinEpsilon;

@@ -15,27 +15,27 @@ namespace gpu {
 
 constexpr int kRoiThreads = 1024;
 
-/// The place of an element in the grids.
-struct BinIndex {
-    int n, c, ph, pw;
+/// The place of an element in a dense tensor of four axes: of a cell, or of a bin.
+struct Place {
+    int n, c, h, w;
 
-    __device__ BinIndex(int index, int channels, int pooled_height, int pooled_width)
-        : n(index / pooled_width / pooled_height / channels),
-          c(index / pooled_width / pooled_height % channels),
-          ph(index / pooled_width % pooled_height),
-          pw(index % pooled_width) {}
+    __device__ Place(int index, int channels, int height, int width)
+        : n(index / width / height / channels),
+          c(index / width / height % channels),
+          h(index / width % height),
+          w(index % width) {}
 };
 
 static __global__ void KeROIPoolFwd(int count, const DType* bottom_data, DType spatial_scale,
                                     int channels, int height, int width, int pooled_height,
                                     int pooled_width, const DType* bottom_rois, DType* top_data,
                                     int* argmax_data, DType alpha, DType beta) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
+    for (unsigned index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
          index += blockDim.x * gridDim.x) {
-        const BinIndex at(index, channels, pooled_height, pooled_width);
+        const Place at(index, channels, pooled_height, pooled_width);
         const func::Roi<func::RoiAxis> roi(bottom_rois + func::kRoiFields * at.n, spatial_scale,
                                            pooled_height, pooled_width);
-        const func::Span rows = roi.h.cells_of(at.ph, height), cols = roi.w.cells_of(at.pw, width);
+        const func::Span rows = roi.h.cells_of(at.h, height), cols = roi.w.cells_of(at.w, width);
         const DType* plane = bottom_data + (roi.image * channels + at.c) * height * width;
         DType maxval = rows.is_empty() || cols.is_empty() ? 0 : -FLT_MAX;
         int maxidx = -1;
@@ -59,10 +59,10 @@ static __global__ void KeROIPoolDiff(int count, const DType* top_diff, const int
                                      int width, int pooled_height, int pooled_width,
                                      DType* bottom_diff, const DType* bottom_rois, DType alpha,
                                      DType beta) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
+    for (unsigned index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
          index += blockDim.x * gridDim.x) {
-        const BinIndex at(index, channels, height, width);  // a cell: (n, c, h, w)
-        const int cell = at.ph * width + at.pw;
+        const Place at(index, channels, height, width);
+        const int cell = at.h * width + at.w;
         DType gradient = 0;
         for (int roi_n = 0; roi_n < num_rois; ++roi_n) {
             const func::Roi<func::RoiAxis> roi(bottom_rois + func::kRoiFields * roi_n,
@@ -70,8 +70,8 @@ static __global__ void KeROIPoolDiff(int count, const DType* top_diff, const int
             if (roi.image != at.n) {
                 continue;
             }
-            const func::Span rows = roi.h.bins_of(at.ph, pooled_height),
-                             cols = roi.w.bins_of(at.pw, pooled_width);
+            const func::Span rows = roi.h.bins_of(at.h, pooled_height),
+                             cols = roi.w.bins_of(at.w, pooled_width);
             const int offset = (roi_n * channels + at.c) * pooled_height * pooled_width;
             for (int ph = rows.begin; ph < rows.end; ++ph) {
                 for (int pw = cols.begin; pw < cols.end; ++pw) {
@@ -98,14 +98,14 @@ static __global__ void KePSROIPoolFwd(int count, const DType* bottom_data, DType
                                       int channels, int height, int width, int pooled_height,
                                       int pooled_width, const DType* bottom_rois, int output_dim,
                                       int group_size, DType* top_data, int* mapping_channel) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
+    for (unsigned index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
          index += blockDim.x * gridDim.x) {
-        const BinIndex at(index, output_dim, pooled_height, pooled_width);
+        const Place at(index, output_dim, pooled_height, pooled_width);
         const func::Roi<func::PSRoiAxis<true>> roi(bottom_rois + func::kRoiFields * at.n,
                                                    spatial_scale, pooled_height, pooled_width);
-        const func::Span rows = roi.h.cells_of(at.ph, height), cols = roi.w.cells_of(at.pw, width);
-        const int gh = group_of_bin(at.ph, pooled_height, group_size),
-                  gw = group_of_bin(at.pw, pooled_width, group_size);
+        const func::Span rows = roi.h.cells_of(at.h, height), cols = roi.w.cells_of(at.w, width);
+        const int gh = group_of_bin(at.h, pooled_height, group_size),
+                  gw = group_of_bin(at.w, pooled_width, group_size);
         const int c = (at.c * group_size + gh) * group_size + gw;
         const DType* plane = bottom_data + (roi.image * channels + c) * height * width;
         DType sum = 0;
@@ -126,12 +126,12 @@ static __global__ void KePSROIPoolDiff(int count, const DType* top_diff, const i
                                        int height, int width, int pooled_height, int pooled_width,
                                        int output_dim, DType* bottom_diff,
                                        const DType* bottom_rois) {
-    for (int index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
+    for (unsigned index = blockIdx.x * blockDim.x + threadIdx.x; index < count;
          index += blockDim.x * gridDim.x) {
-        const BinIndex at(index, output_dim, pooled_height, pooled_width);
+        const Place at(index, output_dim, pooled_height, pooled_width);
         const func::Roi<func::PSRoiAxis<true>> roi(bottom_rois + func::kRoiFields * at.n,
                                                    spatial_scale, pooled_height, pooled_width);
-        const func::Span rows = roi.h.cells_of(at.ph, height), cols = roi.w.cells_of(at.pw, width);
+        const func::Span rows = roi.h.cells_of(at.h, height), cols = roi.w.cells_of(at.w, width);
         if (rows.is_empty() || cols.is_empty()) {
             continue;
         }
@@ -200,8 +200,9 @@ inline void vorn_psroi_pool_diff(const PSROIPoolingDesc& desc, const Tensor<floa
         return;
     }
     launch<KePSROIPoolDiff>(div_up(count, kRoiThreads), kRoiThreads, count, diff.get_ptr(),
-                            map_channel.get_ptr(), grid[-4], desc.spatial_scale, map[-3], map[-2],
-                            map[-1], grid[-2], grid[-1], grid[-3], out.get_ptr(), rois.get_ptr());
+                            map_channel.get_ptr(), get_reverse<-4>(grid), desc.spatial_scale,
+                            map[-3], map[-2], map[-1], grid[-2], grid[-1], grid[-3], out.get_ptr(),
+                            rois.get_ptr());
     VORN_KERNEL_TAIL();
 }
 

@@ -497,26 +497,32 @@ public:
 
     // ---- Pooling of regions of interest -------------------------------------------------------
     // `rois` is (R, 5, 1, 1): batch index, start column, start row, end column and end row, both
-    // ends included, in coordinates of the image. Feature maps are (N, C, H, W). All is dense. A
+    // ends included, in coordinates of the image. A region that ends before it starts is one cell
+    // for maxima and a tenth of a cell for averages. Feature maps are (N, C, H, W). All is dense. A
     // batch index outside 0 ... N - 1 is the caller's to avoid.
 
-    /// On (R, C, pooled_height, pooled_width): alpha * the maximum of each bin + beta * old, in
-    /// which a bin outside the map has the maximum 0. `max_idx` receives the position h * W + w of
-    /// each maximum, the first in row-major order among equals, or -1. The host aborts on a batch
-    /// index outside the map's. After Girshick, "Fast R-CNN", ICCV 2015.
+    /// On (R, C, pooled_height, pooled_width): alpha * the maximum of each bin + beta * old.
+    /// Coordinates are scaled, then rounded to whole cells, halves away from zero. Maxima pass over
+    /// NaN and start from the lowest finite float; a bin outside the map has the maximum 0.
+    /// `max_idx` receives the position h * W + w of each maximum, the first in row-major order
+    /// among equals, or -1. The host aborts on a batch index outside the map's. After Girshick,
+    /// "Fast R-CNN", ICCV 2015.
     void roi_pool_fwd(const ROIPoolingDesc& desc, const Tensor<float>& data,
                       const Tensor<float>& rois, Tensor<int>& max_idx, DType alpha = 1,
                       DType beta = 0);
     /// On the gradient at `data`: alpha * the sum of `diff` over the bins whose maximum an element
-    /// was + beta * old.
+    /// was + beta * old. By rounding, a last bin may reach one cell beyond its region; a maximum
+    /// there gets nothing.
     void roi_pool_bp(const ROIPoolingDesc& desc, const Tensor<float>& diff,
                      const Tensor<float>& rois, const Tensor<int>& max_idx, DType alpha = 1,
                      DType beta = 0);
     /// On (R, D, PH, PW): the average of each bin over channel (d * group_size + gh) * group_size +
     /// gw of `data`, which has D * group_size^2; (gh, gw) is the bin's place in the grid of groups.
-    /// The host takes a grid of group_size^2 bins, a GPU any. `map_channel` receives the channel.
-    /// An empty bin gives 0. Aborts unless alpha is 1 and beta 0. After Dai, Li, He and Sun,
-    /// "R-FCN", NIPS 2016.
+    /// The host takes a grid of group_size^2 bins, a GPU any. Coordinates are rounded, then scaled,
+    /// and a bin averages the cells that it touches; a GPU rounds a bin's edges once and the host
+    /// twice, so that few bins may differ by a cell. An empty bin gives 0. `map_channel` receives
+    /// the channel. Aborts unless alpha is 1 and beta 0. After Dai, Li, He and Sun, "R-FCN", NIPS
+    /// 2016.
     void psroi_pool_fwd(const PSROIPoolingDesc& desc, const Tensor<float>& data,
                         const Tensor<float>& rois, Tensor<int>& map_channel, DType alpha = 1,
                         DType beta = 0);
@@ -528,9 +534,11 @@ public:
 
     // ---- Batch normalization of images, on a GPU only -----------------------------------------
     // Images are (N, C, H, W). Statistics and parameters are (1, C, 1, 1) for NORM_1C11, which
-    // normalizes each channel, and (1, C, H, W) for NORM_1CHW, which normalizes each activation.
-    // `epsilon` below 1e-5 counts as 1e-5 but for the last form. After Ioffe and Szegedy, "Batch
-    // normalization", ICML 2015.
+    // normalizes each channel, and (1, C, H, W) for NORM_1CHW, which normalizes each activation;
+    // `gamma` of another element count aborts, and so does a host tensor. `epsilon` below 1e-5, or
+    // NaN, counts as 1e-5 but for the last form. Images are dense in training and in the last form
+    // and carry their pitch in the others. After Ioffe and Szegedy, "Batch normalization", ICML
+    // 2015.
 
     /// alpha * (gamma (x - mean) / sqrt(var + epsilon) + bias) + beta * old
     void image_bat_norm_forward_inf(BatNormType norm_type, DType alpha, DType beta,
@@ -540,21 +548,24 @@ public:
     /// The same with the mean and variance of the batch; `mean` receives that mean and `var` its
     /// inverse standard deviation, 1 / sqrt(variance + epsilon), for the backward form. The running
     /// statistics become (1 - exp_avg_factor) * old + exp_avg_factor * (mean or unbiased variance).
-    /// Two axes, (N, W), are taken with NORM_1CHW only.
+    /// Two axes, (N, W), are taken as (N, 1, 1, W), with NORM_1CHW only; the other forms take them
+    /// as one image, so that a view of four axes is what goes to them. Aborts unless there are 2 or
+    /// 4 axes.
     void image_bat_norm_forward_train(BatNormType norm_type, DType alpha, DType beta,
                                       const Tensor<float>& x, const Tensor<float>& gamma,
                                       const Tensor<float>& bias, DType exp_avg_factor,
                                       Tensor<float>& run_mean, Tensor<float>& run_var,
                                       DType epsilon, Tensor<float>& mean, Tensor<float>& var);
-    /// On dx: the gradients of the training form. The first pair of scalars blends this tensor, the
-    /// second `d_gamma` and `d_bias`.
+    /// On dx: the gradients of the training form, which filled `mean` and `var`. The first pair of
+    /// scalars blends this tensor, the second `d_gamma` and `d_bias`.
     void image_bat_norm_back(BatNormType norm_type, DType alpha_data_diff, DType beta_data_diff,
                              DType alpha_param_diff, DType beta_param_diff, const Tensor<float>& x,
                              Tensor<float>& dy, const Tensor<float>& gamma, Tensor<float>& d_gamma,
                              Tensor<float>& d_bias, DType epsilon, const Tensor<float>& mean,
                              const Tensor<float>& var);
     /// On dx: the gradient of the inference form, x * (1 / sqrt(var[c] + epsilon)) * scale[c],
-    /// where `x` is the gradient at its output and `scale` is gamma. Aborts unless NORM_1C11.
+    /// where `x` is the gradient at its output, (N, C, ...), and `scale` is gamma. Aborts unless
+    /// NORM_1C11, and on fewer than two axes.
     void image_bat_norm_back_inf(BatNormType norm_type, const Tensor<float>& x,
                                  const Tensor<float>& var, const Tensor<float>& scale,
                                  DType epsilon);
