@@ -19,7 +19,7 @@ struct TrainOptions {
     std::filesystem::path picture;  ///< --picture; empty: none
     std::string device = "cpu";     ///< cpu or gpu
     std::optional<int> epochs;      ///< a number that fits the set where not given
-    int batch = 16;                 ///< pages, of about seven digits each
+    int batch = 8;                  ///< pages, of about nine digits each
     int filters = 16;
     int hidden = 128;
     double learning_rate = 2e-3;

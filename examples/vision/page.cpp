@@ -13,9 +13,9 @@ namespace {
 
 using digit_images::kFrameSide;
 
-constexpr double kLeastScale = 0.7, kMostScale = 1.5;
+constexpr double kLeastScale = 0.8, kMostScale = 1.4;
 constexpr int kGap = 2;  // pixels between neighbours
-constexpr int kTries = 30;
+constexpr int kTries = 50;
 constexpr double kFaintestStroke = 0.7;
 constexpr double kMostNoise = 0.08;
 

@@ -47,7 +47,7 @@ public:
     PageMaker(int rows, int columns, common::Random* random);
 
     /// Puts a framed image, as values from 0 to 1, at a random place and in a random size, its
-    /// longer side 14 to 30 pixels. False where no room is found.
+    /// longer side 16 to 28 pixels. False where no room is found.
     bool add_digit(const float* image, int digit);
     /// Puts a speck, a dash or a cross to a random place where there is room.
     void add_clutter();

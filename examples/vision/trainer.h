@@ -22,7 +22,7 @@ struct TrainerOptions {
 };
 
 /// The most digits on a page of training.
-constexpr int kMostDigitsOnPage = 8;
+constexpr int kMostDigitsOnPage = 10;
 
 /// Trains a network with cross entropy and Adam on pages of augmented images. It looks at each
 /// digit, and at the windows that the search on a page would offer and that hold none. The calling

@@ -163,7 +163,7 @@ protected:
 
     Run train(std::uint64_t seed) {
         Network network(_shape, device());
-        vision::Trainer trainer(&network, &_images, {kEpochs, 2, 1e-2, seed});
+        vision::Trainer trainer(&network, &_images, {kEpochs, 1, 1e-2, seed});
         Run run;
         for (int epoch = 0; epoch < kEpochs; ++epoch) {
             run.losses.push_back(
@@ -180,15 +180,15 @@ protected:
         return run;
     }
 
-    static constexpr int kEpochs = 6;
+    static constexpr int kEpochs = 20;
     NetworkShape _shape = {4, 3, 5, 24, vision::kClasses};
-    ImageSet _images = seven_segments(200);
+    ImageSet _images = seven_segments(100);
 };
 
 TEST_P(VisionTraining, LearnsAndRepeats) {
     const Run once = train(1);
     EXPECT_LT(once.losses.back(), 0.5 * once.losses.front());
-    EXPECT_GT(once.accuracy, 0.8);
+    EXPECT_GT(once.accuracy, 0.5);  // by chance: 0.1
     if (device() == vorn::CPU) {
         EXPECT_NE(train(2).losses, once.losses);
         EXPECT_EQ(train(1).model, once.model);
@@ -198,8 +198,9 @@ TEST_P(VisionTraining, LearnsAndRepeats) {
 TEST_P(VisionTraining, StopsWhenToldToAndWhereItDiverges) {
     Network network(_shape, device());
     vision::Trainer trainer(&network, &_images, {1, 1, 1e-2, 1});
-    const auto state =
-        trainer.run_epoch([](const digit_images::TrainingState& s) { return s.images < 2 * 8; });
+    const auto state = trainer.run_epoch([](const digit_images::TrainingState& s) {
+        return s.images < 2 * vision::kMostDigitsOnPage;
+    });
     EXPECT_EQ(state.images, 2 * vision::kMostDigitsOnPage);
     EXPECT_GE(state.items, 8);
     network.parameters().back()->value.set_element(NAN);

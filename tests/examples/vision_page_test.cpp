@@ -61,8 +61,8 @@ TEST(VisionPage, HoldsDigitsWhereItSays) {
             const Box& box = page.digits[i].box;
             EXPECT_EQ(vision::intersection(box, {0, 0, page.columns, page.rows}), box);
             // Frames hold digits of 20 pixels.
-            EXPECT_GE(box.longer_side(), 20 * 0.7 - 1) << box;
-            EXPECT_LE(box.longer_side(), 20 * 1.5 + 2) << box;
+            EXPECT_GE(box.longer_side(), 20 * 0.8 - 1) << box;
+            EXPECT_LE(box.longer_side(), 20 * 1.4 + 2) << box;
             for (std::size_t j = 0; j < i; ++j) {
                 EXPECT_TRUE(vision::intersection(box.widened(1), page.digits[j].box).is_empty());
             }
