@@ -138,7 +138,7 @@ TEST_P(BlasTest, LeastSquares) {
         lhs.copy_from(dense(lhs.get_size(), a, CPU));
         inout.sgels(lhs, ws_d, ws_h);
         if (m < n) {
-            const auto expect_shortest = [&](float scale) {
+            const auto expect_shortest = [&, n = n](float scale) {
                 const Values result = values_of(inout);
                 for (int b = 0; b < batch; ++b) {
                     Values x(&result[b * longest], &result[b * longest] + n);
