@@ -128,6 +128,10 @@ cudaError_t record_error(cudaError_t error);
 /// from a process that was forked off after the device came up.
 cudaError_t call_barrier();
 
+/// To be called first on a thread that runs kernels: it may use device memory, and not this
+/// interface.
+void enter_device_thread();
+
 /// The frame of a runtime call.
 template <class F>
 cudaError_t api(F&& body) {
