@@ -1,12 +1,7 @@
 #ifndef VORN_CPU_ITERATOR_H_
 #define VORN_CPU_ITERATOR_H_
 
-#include <algorithm>
-#include <type_traits>
-#include <utility>
-
 #include "vorn/cpu/memory.h"
-#include "vorn/cpu/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host loops that run one scalar rule over every element. All tensors contiguous: one flat loop
@@ -35,43 +30,11 @@ void unary_row(Op f, const In* in, Out* out, index_t n) {
     }
 }
 
-/// Whether a rule of two operands is finish(expf(exponent(a)), b) and says so by these members.
-template <typename Op, typename = void>
-struct has_exponent : std::false_type {};
-template <typename Op>
-struct has_exponent<Op, std::void_t<decltype(std::declval<const Op&>().exponent(0.0f))>>
-    : std::true_type {};
-
-// The three steps of such a rule, each in a loop of its own over a block that stays in the L1
-// cache: together the calls would make the compiler spill what the arithmetic keeps in registers.
-template <typename Op>
-void exponential_row(Op f, const float* in1, const float* in2, float* out, index_t n) {
-    constexpr index_t kBlock = 512;
-    alignas(64) float value[kBlock];
-    for (index_t start = 0; start < n; start += kBlock) {
-        const index_t count = std::min(kBlock, n - start);
-        for (index_t i = 0; i < count; ++i) {
-            value[i] = f.exponent(in1[start + i]);
-        }
-        for (index_t i = 0; i < count; ++i) {
-            value[i] = expf(value[i]);
-        }
-#pragma GCC ivdep
-        for (index_t i = 0; i < count; ++i) {
-            out[start + i] = f.finish(value[i], in2[start + i]);
-        }
-    }
-}
-
 template <typename Op, typename In1, typename In2, typename Out>
 void binary_row(Op f, const In1* in1, const In2* in2, Out* out, index_t n) {
-    if constexpr (has_exponent<Op>::value) {
-        exponential_row(f, in1, in2, out, n);
-    } else {
 #pragma GCC ivdep
-        for (index_t i = 0; i < n; ++i) {
-            out[i] = f(in1[i], in2[i]);
-        }
+    for (index_t i = 0; i < n; ++i) {
+        out[i] = f(in1[i], in2[i]);
     }
 }
 
