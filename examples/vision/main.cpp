@@ -35,6 +35,10 @@ CLI::App* add_train(CLI::App* app, vision::TrainOptions* options) {
                        in_range(1, 512));
     common::add_number(command, "--hidden", &options->hidden, "Units of the hidden layer",
                        in_range(1, 8192));
+    common::add_number(command, "--grid", &options->grid,
+                       "Side of the grid into which a window is pooled", in_range(1, 32));
+    common::add_number(command, "--dropout", &options->dropout,
+                       "Share of hidden units left out in training", in_range(0.0, 0.95));
     common::add_number(command, "--learning-rate", &options->learning_rate,
                        "Highest step size of Adam", in_range(1e-6, 1.0));
     common::add_seed(command, &options->data.seed);

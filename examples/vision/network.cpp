@@ -45,7 +45,7 @@ std::int64_t value_count(const NetworkShape& shape) {
            (second * shape.grid * shape.grid + 1) * hidden + (hidden + 1) * shape.classes;
 }
 
-Network::Network(const NetworkShape& shape, vorn::Device device)
+Network::Network(const NetworkShape& shape, float dropout, vorn::Device device)
     : _device(device),
       _conv1("conv1", 1, validated(shape).filters, shape.filter_side, device),
       _conv2("conv2", shape.filters, 2 * shape.filters, kLaterSide, device),
@@ -56,6 +56,7 @@ Network::Network(const NetworkShape& shape, vorn::Device device)
       _pool1(device),
       _roi_pool(shape.grid, PoolLayer::kStep, device),
       _hidden("hidden", 2 * shape.filters * shape.grid * shape.grid, shape.hidden, device),
+      _dropout(dropout, device),
       _last("last", shape.hidden, shape.classes, device),
       _posteriors(device) {}
 
@@ -88,7 +89,8 @@ const vorn::Tensor<float>& Network::forward(const vorn::Tensor<float>& pages,
     _grids = _roi_pool.forward(_maps3, windows);
     _units = _hidden.forward(_grids);
     _units.relu();
-    const vorn::Tensor<float>& logits = _last.forward(_units);
+    _kept = _dropout.forward(_units, pass);
+    const vorn::Tensor<float>& logits = _last.forward(_kept);
     _posteriors.resize(logits.get_size());
     _posteriors.softmax(logits);
     return _posteriors;
@@ -96,7 +98,7 @@ const vorn::Tensor<float>& Network::forward(const vorn::Tensor<float>& pages,
 
 void Network::backward(const vorn::Tensor<float>& pages, const vorn::Tensor<float>& windows,
                        const vorn::Tensor<float>& error) {
-    vorn::Tensor<float>& unit_error = _last.backward(_units, error);
+    vorn::Tensor<float> unit_error = _dropout.backward(_last.backward(_kept, error));
     unit_error.relu_bp(_units, unit_error);
     const vorn::Tensor<float>& grid_error = _hidden.backward(_grids, unit_error);
 
