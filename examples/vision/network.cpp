@@ -102,20 +102,20 @@ void Network::backward(const vorn::Tensor<float>& pages, const vorn::Tensor<floa
     unit_error.relu_bp(_units, unit_error);
     const vorn::Tensor<float>& grid_error = _hidden.backward(_grids, unit_error);
 
-    vorn::Tensor<float>& error3 = _roi_pool.backward(_maps3, windows, grid_error);
-    error3.relu_bp(_maps3, error3);
-    _norm3.backward(_sums3, error3);
-    _conv3.backward(_maps2, error3);
+    vorn::Tensor<float>& maps3_error = _roi_pool.backward(_maps3, windows, grid_error);
+    maps3_error.relu_bp(_maps3, maps3_error);
+    const vorn::Tensor<float>& sums3_error = _norm3.backward(_sums3, maps3_error);
+    _conv3.backward(_maps2, sums3_error);
 
-    vorn::Tensor<float>& error2 = _conv3.input_error(_maps2, error3);
-    error2.relu_bp(_maps2, error2);
-    _norm2.backward(_sums2, error2);
-    _conv2.backward(_maps1, error2);
+    vorn::Tensor<float>& maps2_error = _conv3.input_error(_maps2, sums3_error);
+    maps2_error.relu_bp(_maps2, maps2_error);
+    const vorn::Tensor<float>& sums2_error = _norm2.backward(_sums2, maps2_error);
+    _conv2.backward(_maps1, sums2_error);
 
-    vorn::Tensor<float>& error1 = _conv2.input_error(_maps1, error2);
-    error1.relu_bp(_maps1, error1);
-    _norm1.backward(_pooled1, error1);
-    _conv1.backward(pages, _pool1.backward(_sums1, error1));
+    vorn::Tensor<float>& maps1_error = _conv2.input_error(_maps1, sums2_error);
+    maps1_error.relu_bp(_maps1, maps1_error);
+    const vorn::Tensor<float>& pooled1_error = _norm1.backward(_pooled1, maps1_error);
+    _conv1.backward(pages, _pool1.backward(_sums1, pooled1_error));
 }
 
 std::vector<common::Parameter*> Network::parameters() {
