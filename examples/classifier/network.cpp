@@ -54,7 +54,7 @@ Network::Network(const NetworkShape& shape, float dropout, vorn::Device device)
         _hidden.push_back(
             {common::LinearLayer("hidden" + std::to_string(i + 1),
                                  i == 0 ? shape.inputs : shape.hidden, outputs, device),
-             std::move(activation), Dropout(dropout, device)});
+             std::move(activation), common::Dropout(dropout, device)});
     }
 }
 

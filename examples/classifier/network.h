@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "classifier/activation.h"
-#include "classifier/dropout.h"
+#include "common/dropout.h"
 #include "common/linear_layer.h"
 #include "common/parameter.h"
 #include "common/pass.h"
@@ -58,7 +58,7 @@ private:
     struct Hidden {
         common::LinearLayer linear;
         std::unique_ptr<Activation> activation;
-        Dropout dropout;
+        common::Dropout dropout;
     };
 
     vorn::Device _device;

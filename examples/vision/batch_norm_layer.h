@@ -26,8 +26,9 @@ public:
     /// The result is the layer's own to change, and good until the next call.
     vorn::Tensor<float>& forward(const vorn::Tensor<float>& in, common::Pass pass);
     /// After a training forward() of `in`: sets the gradients from the error at the output, and
-    /// makes of it the error at the input.
-    void backward(const vorn::Tensor<float>& in, vorn::Tensor<float>& error);
+    /// returns the error at the input.
+    const vorn::Tensor<float>& backward(const vorn::Tensor<float>& in,
+                                        const vorn::Tensor<float>& error);
     std::vector<common::Parameter*> parameters() { return {&_scale, &_bias}; }
     std::vector<common::NamedTensor> statistics() {
         return {{_name + ".mean", &_mean}, {_name + ".variance", &_variance}};
@@ -38,9 +39,9 @@ private:
     common::Parameter _scale, _bias;
     vorn::Tensor<float> _mean, _variance;  ///< running means
     vorn::Tensor<float> _batch_mean, _batch_inv_std;
-    vorn::Tensor<float> _out;
-    // Copies of the host's images on the GPU.
-    vorn::Tensor<float> _gpu_in, _gpu_out, _gpu_error;
+    vorn::Tensor<float> _out, _in_error;
+    // What the host's images become on the GPU.
+    vorn::Tensor<float> _gpu_in, _gpu_out, _gpu_error, _gpu_in_error;
 };
 
 }  // namespace vision

@@ -21,7 +21,9 @@ struct TrainOptions {
     std::optional<int> epochs;      ///< a number that fits the set where not given
     int batch = 8;                  ///< pages, of about nine digits each
     int filters = 16;
+    int grid = 7;
     int hidden = 128;
+    double dropout = 0.3;
     double learning_rate = 2e-3;
 };
 

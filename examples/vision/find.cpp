@@ -58,7 +58,9 @@ void find_on_made_pages(const FindOptions& options, Finder* finder) {
     Score score;
     Page first;
     std::vector<Detection> on_first;
-    for (const Page& page : make_pages(images, options.pages, options.data.seed)) {
+    PageSeries pages(&images, options.data.seed);
+    while (score.pages < options.pages) {
+        const Page page = pages.next();
         const std::vector<Detection> detections = finder->find(page);
         if (score.pages == 0) {
             first = page;

@@ -29,12 +29,16 @@ CLI::App* add_train(CLI::App* app, vision::TrainOptions* options) {
         ->add_option("--epochs", options->epochs,
                      "Passes over the training set (default: 6, more where it is small)")
         ->check(in_range(1, 10000));
-    common::add_number(command, "--batch", &options->batch, "Pages in a batch", in_range(1, 1024));
+    common::add_number(command, "--batch", &options->batch, "Pages in a batch", in_range(1, 256));
     common::add_number(command, "--filters", &options->filters,
                        "Filters of the first convolution; the others have twice as many",
                        in_range(1, 512));
     common::add_number(command, "--hidden", &options->hidden, "Units of the hidden layer",
                        in_range(1, 8192));
+    common::add_number(command, "--grid", &options->grid,
+                       "Side of the grid into which a window is pooled", in_range(1, 32));
+    common::add_number(command, "--dropout", &options->dropout,
+                       "Share of hidden units left out in training", in_range(0.0, 0.95));
     common::add_number(command, "--learning-rate", &options->learning_rate,
                        "Highest step size of Adam", in_range(1e-6, 1.0));
     common::add_seed(command, &options->data.seed);

@@ -31,7 +31,7 @@ Network read_model(common::ModelReader& reader, vorn::Device device) {
         throw common::Error("the network does not fit its classes");
     }
     reader.expect_values(value_count(shape));
-    Network network(shape, device);
+    Network network(shape, 0, device);
     for (const common::NamedTensor& tensor : network.tensors()) {
         reader.read(tensor);
     }

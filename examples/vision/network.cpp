@@ -45,7 +45,7 @@ std::int64_t value_count(const NetworkShape& shape) {
            (second * shape.grid * shape.grid + 1) * hidden + (hidden + 1) * shape.classes;
 }
 
-Network::Network(const NetworkShape& shape, vorn::Device device)
+Network::Network(const NetworkShape& shape, float dropout, vorn::Device device)
     : _device(device),
       _conv1("conv1", 1, validated(shape).filters, shape.filter_side, device),
       _conv2("conv2", shape.filters, 2 * shape.filters, kLaterSide, device),
@@ -56,6 +56,7 @@ Network::Network(const NetworkShape& shape, vorn::Device device)
       _pool1(device),
       _roi_pool(shape.grid, PoolLayer::kStep, device),
       _hidden("hidden", 2 * shape.filters * shape.grid * shape.grid, shape.hidden, device),
+      _dropout(dropout, device),
       _last("last", shape.hidden, shape.classes, device),
       _posteriors(device) {}
 
@@ -88,7 +89,8 @@ const vorn::Tensor<float>& Network::forward(const vorn::Tensor<float>& pages,
     _grids = _roi_pool.forward(_maps3, windows);
     _units = _hidden.forward(_grids);
     _units.relu();
-    const vorn::Tensor<float>& logits = _last.forward(_units);
+    _kept = _dropout.forward(_units, pass);
+    const vorn::Tensor<float>& logits = _last.forward(_kept);
     _posteriors.resize(logits.get_size());
     _posteriors.softmax(logits);
     return _posteriors;
@@ -96,24 +98,24 @@ const vorn::Tensor<float>& Network::forward(const vorn::Tensor<float>& pages,
 
 void Network::backward(const vorn::Tensor<float>& pages, const vorn::Tensor<float>& windows,
                        const vorn::Tensor<float>& error) {
-    vorn::Tensor<float>& unit_error = _last.backward(_units, error);
+    vorn::Tensor<float> unit_error = _dropout.backward(_last.backward(_kept, error));
     unit_error.relu_bp(_units, unit_error);
     const vorn::Tensor<float>& grid_error = _hidden.backward(_grids, unit_error);
 
-    vorn::Tensor<float>& error3 = _roi_pool.backward(_maps3, windows, grid_error);
-    error3.relu_bp(_maps3, error3);
-    _norm3.backward(_sums3, error3);
-    _conv3.backward(_maps2, error3);
+    vorn::Tensor<float>& maps3_error = _roi_pool.backward(_maps3, windows, grid_error);
+    maps3_error.relu_bp(_maps3, maps3_error);
+    const vorn::Tensor<float>& sums3_error = _norm3.backward(_sums3, maps3_error);
+    _conv3.backward(_maps2, sums3_error);
 
-    vorn::Tensor<float>& error2 = _conv3.input_error(_maps2, error3);
-    error2.relu_bp(_maps2, error2);
-    _norm2.backward(_sums2, error2);
-    _conv2.backward(_maps1, error2);
+    vorn::Tensor<float>& maps2_error = _conv3.input_error(_maps2, sums3_error);
+    maps2_error.relu_bp(_maps2, maps2_error);
+    const vorn::Tensor<float>& sums2_error = _norm2.backward(_sums2, maps2_error);
+    _conv2.backward(_maps1, sums2_error);
 
-    vorn::Tensor<float>& error1 = _conv2.input_error(_maps1, error2);
-    error1.relu_bp(_maps1, error1);
-    _norm1.backward(_pooled1, error1);
-    _conv1.backward(pages, _pool1.backward(_sums1, error1));
+    vorn::Tensor<float>& maps1_error = _conv2.input_error(_maps1, sums2_error);
+    maps1_error.relu_bp(_maps1, maps1_error);
+    const vorn::Tensor<float>& pooled1_error = _norm1.backward(_pooled1, maps1_error);
+    _conv1.backward(pages, _pool1.backward(_sums1, pooled1_error));
 }
 
 std::vector<common::Parameter*> Network::parameters() {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/dropout.h"
 #include "common/linear_layer.h"
 #include "common/parameter.h"
 #include "common/pass.h"
@@ -34,11 +35,11 @@ std::int64_t value_count(const NetworkShape& shape);
 /// and max(x, 0), and through pooling after the first sums; pooling before the other two, which
 /// rise with their input as long as the scale is positive, saves three quarters of them. The maps
 /// of a page are computed once for all windows. A grid of maxima over each window goes through a
-/// hidden layer to a softmax.
+/// hidden layer, of which training drops units, to a softmax.
 class Network {
 public:
     /// All parameters are zero. Throws Error as validate() does.
-    Network(const NetworkShape& shape, vorn::Device device);
+    Network(const NetworkShape& shape, float dropout, vorn::Device device);
 
     /// Random weights of the scale that keeps the size of signals from layer to layer (He et al.,
     /// "Delving deep into rectifiers", ICCV 2015).
@@ -69,10 +70,13 @@ private:
     BatchNormLayer _norm1, _norm2, _norm3;
     PoolLayer _pool1;
     RoiPoolLayer _roi_pool;
-    common::LinearLayer _hidden, _last;
+    common::LinearLayer _hidden;
+    common::Dropout _dropout;
+    common::LinearLayer _last;
 
     // Of the latest batch: views of what the layers put out.
-    vorn::Tensor<float> _sums1, _pooled1, _maps1, _sums2, _maps2, _sums3, _maps3, _grids, _units;
+    vorn::Tensor<float> _sums1, _pooled1, _maps1, _sums2, _maps2, _sums3, _maps3, _grids, _units,
+        _kept;
     vorn::Tensor<float> _posteriors;
 };
 

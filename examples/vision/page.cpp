@@ -1,6 +1,7 @@
 #include "vision/page.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <numeric>
 
@@ -33,14 +34,15 @@ int drawn(int low, int high, common::Random* random) {
     return low + static_cast<int>(common::uniform(random) * (high - low + 1));
 }
 
-/// About a normal number, of deviation 1: the sum of four even ones, the quarters of one draw.
+/// About a normal number, of deviation 1: the sum of four even ones, the quarters of one draw. To
+/// draw for each of them took a tenth of training.
 float noise(common::Random* random) {
     const std::uint64_t bits = (*random)();
     std::uint64_t sum = 0;
     for (int i = 0; i < 4; ++i) {
         sum += bits >> (16 * i) & 0xffff;
     }
-    return (static_cast<float>(sum) / 65536 - 2) * 1.7320508f;  // each varies by 1/12
+    return (static_cast<float>(sum) / 65536 - 2) * 1.7320508f;  // the variance of each is 1/12
 }
 
 /// A framed image enlarged or reduced, between the centres of its pixels.
@@ -66,7 +68,7 @@ Page scaled(const float* image, double scale) {
     return page;
 }
 
-/// A stroke of one or two pixels from the middle of a piece.
+/// A stroke two pixels high through the middle of a piece.
 void draw_stroke(Page* piece, double angle, double length) {
     const double middle = (piece->rows - 1) / 2.0;
     for (double along = -length / 2; along <= length / 2; along += 0.25) {
@@ -78,14 +80,15 @@ void draw_stroke(Page* piece, double angle, double length) {
 }
 
 Page draw_clutter(common::Random* random) {
-    const int kind = drawn(0, 2, random);
-    const double length = kind == 0 ? between(0, 4, random) : between(8, 30, random);
+    enum { kSpeck, kDash, kCross };
+    const int kind = drawn(kSpeck, kCross, random);
+    const double length = kind == kSpeck ? between(0, 4, random) : between(8, 30, random);
     const int side = static_cast<int>(length) + 6;
     Page piece(side, side);
     // Nothing upright, which would be a one.
     const double angle = between(-0.5, 0.5, random);
     draw_stroke(&piece, angle, length);
-    if (kind == 2) {
+    if (kind == kCross) {
         draw_stroke(&piece, angle + M_PI / 2, length);
     }
     return piece;
@@ -172,28 +175,24 @@ Page PageMaker::finish() {
     return done;
 }
 
-std::vector<Page> make_pages(const digit_images::ImageSet& set, int pages, std::uint64_t seed) {
-    common::Random random(seed);
-    std::vector<int> order(set.count());
-    std::iota(order.begin(), order.end(), 0);
-    common::shuffle(&order, &random);
-    PageMaker maker(kPageRows, kPageColumns, &random);
-    std::vector<float> image(digit_images::kFramePixels);
-    std::vector<Page> made;
-    std::size_t next = 0;
-    while (static_cast<int>(made.size()) < pages) {
-        const int digits = drawn(kLeastDigits, kMostDigits, &random);
-        for (int i = 0; i < digits; ++i) {
-            const int chosen = order[next++ % order.size()];
-            digit_images::to_values(set.image(chosen), image.data());
-            maker.add_digit(image.data(), set.labels[chosen]);
-        }
-        for (int i = 0; i < kClutter; ++i) {
-            maker.add_clutter();
-        }
-        made.push_back(maker.finish());
+PageSeries::PageSeries(const digit_images::ImageSet* set, std::uint64_t seed)
+    : _set(set), _random(seed), _order(set->count()), _maker(kPageRows, kPageColumns, &_random) {
+    std::iota(_order.begin(), _order.end(), 0);
+    common::shuffle(&_order, &_random);
+}
+
+Page PageSeries::next() {
+    std::array<float, digit_images::kFramePixels> image;
+    const int digits = drawn(kLeastDigits, kMostDigits, &_random);
+    for (int i = 0; i < digits; ++i) {
+        const int chosen = _order[_used++ % _order.size()];
+        digit_images::to_values(_set->image(chosen), image.data());
+        _maker.add_digit(image.data(), _set->labels[chosen]);
     }
-    return made;
+    for (int i = 0; i < kClutter; ++i) {
+        _maker.add_clutter();
+    }
+    return _maker.finish();
 }
 
 }  // namespace vision

@@ -63,9 +63,21 @@ private:
     std::vector<Box> _taken;
 };
 
-/// Pages of framed images, made by a seed: each image of the set once, in a random order, so many
-/// to a page or as many as find room.
-std::vector<Page> make_pages(const digit_images::ImageSet& set, int pages, std::uint64_t seed);
+/// Pages of 256 x 192 pixels with clutter and 6 to 16 digits, or as many as find room. They are
+/// made by a seed of framed images in a random order, each used again when all have been.
+class PageSeries {
+public:
+    PageSeries(const digit_images::ImageSet* set, std::uint64_t seed);
+
+    Page next();
+
+private:
+    const digit_images::ImageSet* _set;
+    common::Random _random;
+    std::vector<int> _order;
+    std::size_t _used = 0;
+    PageMaker _maker;
+};
 
 }  // namespace vision
 

@@ -34,12 +34,13 @@ int run_train(const TrainOptions& options) {
     NetworkShape shape;
     shape.filters = options.filters;
     shape.hidden = options.hidden;
+    shape.grid = options.grid;
     shape.classes = kClasses;
     validate(shape);
     common::check_memory(value_count(shape));
     const digit_images::Data data = digit_images::load_data(options.data);
 
-    Network network(shape, compute.device());
+    Network network(shape, static_cast<float>(options.dropout), compute.device());
     const int epochs = options.epochs.value_or(digit_images::fitting_epochs(
         data.train.count(), options.batch * kMostDigitsOnPage, kLeastEpochs));
     Trainer trainer(&network, &data.train,

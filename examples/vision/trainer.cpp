@@ -96,6 +96,9 @@ digit_images::TrainingState Trainer::run_epoch(const digit_images::Report& repor
             _maker.add_page(page);
             add_windows(page);
         }
+        if (_maker.windows() == 0) {
+            throw common::Error("the training images are blank");
+        }
         train_batch(_maker.finish());
         state.add(_objective);
         if (!report(state)) {

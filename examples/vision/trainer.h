@@ -32,8 +32,9 @@ class Trainer {
 public:
     Trainer(Network* network, const digit_images::ImageSet* images, const TrainerOptions& options);
 
-    /// One pass over all images, in a new order. Calls `report` after each batch and stops early
-    /// when it returns false. Throws Error when the loss is not finite any more.
+    /// One pass over all images, in a new order; a few find no room on their page and are left out.
+    /// Calls `report` after each batch and stops early when it returns false. Throws Error when the
+    /// loss is not finite any more.
     digit_images::TrainingState run_epoch(const digit_images::Report& report);
 
 private:

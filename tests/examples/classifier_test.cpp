@@ -7,12 +7,12 @@
 #include <valarray>
 
 #include "classifier/batch.h"
-#include "classifier/dropout.h"
 #include "classifier/evaluation.h"
 #include "classifier/model_file.h"
 #include "classifier/network.h"
 #include "classifier/trainer.h"
 #include "common/cross_entropy.h"
+#include "common/dropout.h"
 #include "common/gnuplot.h"
 #include "digit_images/frame.h"
 #include "digit_images/plot.h"
@@ -159,7 +159,7 @@ TEST_P(ClassifierNetwork, DropoutLeavesOutAShareAndScalesTheRest) {
     constexpr float share = 0.3f;
     const std::vector<float> ones(rows * columns, 1);
     const vorn::Tensor<float> in = tensor(ones, vorn::Dim(rows, columns));
-    classifier::Dropout dropout(share, device());
+    common::Dropout dropout(share, device());
     EXPECT_EQ(dropout.forward(in, Pass::kInference).get_ptr(), in.get_ptr());
 
     const std::vector<float> first = to_host(dropout.forward(in, Pass::kTraining));

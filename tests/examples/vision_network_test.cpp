@@ -40,7 +40,7 @@ private:
 class Sample {
 public:
     explicit Sample(vorn::Device device)
-        : network(_shape, device),
+        : network(_shape, 0, device),
           _pages(vorn::Dim(2, 1, 12, 10), device),
           _windows(vorn::Dim(4, 5, 1, 1), device),
           _labels(vorn::Dim(4), device),
@@ -162,7 +162,7 @@ protected:
     };
 
     Run train(std::uint64_t seed) {
-        Network network(_shape, device());
+        Network network(_shape, 0.1f, device());
         vision::Trainer trainer(&network, &_images, {kEpochs, 1, 1e-2, seed});
         Run run;
         for (int epoch = 0; epoch < kEpochs; ++epoch) {
@@ -196,7 +196,7 @@ TEST_P(VisionTraining, LearnsAndRepeats) {
 }
 
 TEST_P(VisionTraining, StopsWhenToldToAndWhereItDiverges) {
-    Network network(_shape, device());
+    Network network(_shape, 0.1f, device());
     vision::Trainer trainer(&network, &_images, {1, 1, 1e-2, 1});
     const auto state = trainer.run_epoch([](const digit_images::TrainingState& s) {
         return s.images < 2 * vision::kMostDigitsOnPage;

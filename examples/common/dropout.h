@@ -1,10 +1,10 @@
-#ifndef CLASSIFIER_DROPOUT_H_
-#define CLASSIFIER_DROPOUT_H_
+#ifndef COMMON_DROPOUT_H_
+#define COMMON_DROPOUT_H_
 
 #include "common/pass.h"
 #include "vorn/vorn.h"
 
-namespace classifier {
+namespace common {
 
 /// In training each value is left out with probability `share`, by the random generator of the
 /// thread's context, and what is kept is scaled by 1 / (1 - share), so that inference, which leaves
@@ -17,7 +17,7 @@ public:
         : _share(share), _mask(device), _out(device), _in_error(device) {}
 
     /// `in` itself where nothing is left out. The result is good until the next call.
-    const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in, common::Pass pass);
+    const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in, Pass pass);
     /// The error at the input of the latest training forward(), from the error at its output.
     const vorn::Tensor<float>& backward(const vorn::Tensor<float>& error);
 
@@ -26,6 +26,6 @@ private:
     vorn::Tensor<float> _mask, _out, _in_error;
 };
 
-}  // namespace classifier
+}  // namespace common
 
-#endif  // CLASSIFIER_DROPOUT_H_
+#endif  // COMMON_DROPOUT_H_

@@ -1,9 +1,9 @@
-#include "classifier/dropout.h"
+#include "common/dropout.h"
 
-namespace classifier {
+namespace common {
 
-const vorn::Tensor<float>& Dropout::forward(const vorn::Tensor<float>& in, common::Pass pass) {
-    if (pass == common::Pass::kInference || _share == 0) {
+const vorn::Tensor<float>& Dropout::forward(const vorn::Tensor<float>& in, Pass pass) {
+    if (pass == Pass::kInference || _share == 0) {
         return in;
     }
     _mask.resize(in.get_size(), false);
@@ -22,4 +22,4 @@ const vorn::Tensor<float>& Dropout::backward(const vorn::Tensor<float>& error) {
     return _in_error;
 }
 
-}  // namespace classifier
+}  // namespace common
