@@ -8,7 +8,7 @@
 
 #include "floor.h"
 #include "vorn/context/context.h"
-#include "vorn/ops/ctc_math.h"
+#include "vorn/rules/ctc_math.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {

@@ -1,7 +1,7 @@
 
 #include "floor.h"
 #include "random_tensor.h"
-#include "vorn/ops/lstm_rule.h"
+#include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {

@@ -2,7 +2,7 @@
 
 #include "floor.h"
 #include "random_tensor.h"
-#include "vorn/cpu/vector_math.h"
+#include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 namespace vorn {

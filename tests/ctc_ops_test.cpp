@@ -3,7 +3,7 @@
 #include <numeric>
 
 #include "device_test.h"
-#include "vorn/ops/ctc_math.h"
+#include "vorn/rules/ctc_math.h"
 
 namespace vorn {
 namespace test {

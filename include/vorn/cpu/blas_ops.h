@@ -11,29 +11,13 @@
 
 #include "vorn/cpu/iterator.h"
 #include "vorn/cpu/transpose.h"
-#include "vorn/ops/functors.h"
+#include "vorn/rules/functors.h"
+#include "vorn/tensor/matrix_batch.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host linear algebra: products, norms and the solver on CBLAS and LAPACKE; what only streams
 /// through memory, in loops of our own.
 namespace vorn {
-
-/// The pitch as BLAS takes it: at least 1, also where a matrix has no columns.
-inline int leading_dimension(const Tensor<float>& matrix) {
-    return std::max(1, static_cast<int>(matrix.ld()));
-}
-
-/// How a tensor divides into matrices of `stride` elements each: the last axis is their columns.
-/// `step` is the distance between two of them in memory, which in a pitched tensor is more.
-struct MatrixBatch {
-    int columns, rows;
-    int64_t step;
-
-    MatrixBatch(const Tensor<float>& t, int64_t stride)
-        : columns(static_cast<int>(t.get_w())),
-          rows(columns == 0 ? 0 : static_cast<int>(stride / columns)),
-          step(rows * static_cast<int64_t>(t.ld())) {}
-};
 
 namespace cpu {
 

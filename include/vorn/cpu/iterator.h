@@ -6,7 +6,8 @@
 #include <utility>
 
 #include "vorn/cpu/memory.h"
-#include "vorn/cpu/vector_math.h"
+#include "vorn/rules/functors.h"
+#include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host loops that run one scalar rule over every element. All tensors contiguous: one flat loop
@@ -100,6 +101,16 @@ void generate(Op f, Tensor<OutT>& out) {
             stream_fill(out_p, val, dimN);
         }
         _mm_sfence();
+    }
+}
+
+/// All elements of `a` become `val`.
+template <typename T>
+void vorn_fill(Tensor<T>& a, T val) {
+    if (val == 0 && a.is_contiguous()) {
+        cpu::vorn_memset(a.get_ptr(), 0, a.get_element_count() * sizeof(T));
+    } else {
+        cpu::generate(func::constant<T>(val), a);
     }
 }
 

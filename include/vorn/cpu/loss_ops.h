@@ -8,7 +8,7 @@
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
 #include "vorn/cpu/reduce.h"
-#include "vorn/ops/loss_rule.h"
+#include "vorn/rules/loss_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the training objectives, on dense operands where nothing else is said.

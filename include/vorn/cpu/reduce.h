@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "vorn/cpu/lanes.h"
-#include "vorn/ops/reduce_functors.h"
+#include "vorn/rules/reduce_functors.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host folds. The order of rounding is fixed: each row, each column and the whole tensor fold in

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "vorn/ops/lstm_rule.h"
+#include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the fused LSTM steps. Every matrix has its own pitch.

@@ -5,7 +5,7 @@
 
 #include "vorn/cpu/lanes.h"
 #include "vorn/cpu/reduce.h"
-#include "vorn/ops/lstm_rule.h"
+#include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the pieces of an LSTM step. Without rows they write nothing.

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "vorn/cpu/transpose.h"
-#include "vorn/ops/roi_rule.h"
+#include "vorn/rules/roi_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the pooling of regions, on dense tensors. What the two axes of a region say is

@@ -8,7 +8,7 @@
 
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
-#include "vorn/cpu/vector_math.h"
+#include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of softmax over the channels of dense (outer, channel, inner) data. Each sum runs in

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "vorn/cpu/iterator.h"
-#include "vorn/cpu/vector_math.h"
+#include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the matrix and vector operations: one pass in memory order, every product and sum

@@ -5,10 +5,11 @@
 
 #include <algorithm>
 
-#include "vorn/cpu/blas_ops.h"
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
 #include "vorn/gpu/reduce_all.h"
+#include "vorn/rules/functors.h"
+#include "vorn/tensor/matrix_batch.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU linear algebra on cuBLAS, through the handle of the thread's context. cuBLAS is
@@ -80,7 +81,7 @@ inline void vorn_transpose(const Tensor<int>& in, Tensor<int>& out) {
     Tensor<int> tmp(out.get_size(), cpu_device()), tmp_in(in.get_size(), cpu_device());
     tmp.copy_from(out);
     tmp_in.copy_from(in);
-    cpu::vorn_transpose(tmp_in, tmp);
+    tmp.transpose(tmp_in);
     out.copy_from(tmp);
 }
 

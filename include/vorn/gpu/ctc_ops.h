@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "vorn/gpu/kernel_util.h"
-#include "vorn/ops/ctc_math.h"
+#include "vorn/rules/ctc_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU forms. All operands are dense; frame t of utterance n is row t * utt_num + n.

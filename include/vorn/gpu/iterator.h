@@ -4,7 +4,9 @@
 #include <algorithm>
 
 #include "vorn/gpu/kernel_util.h"
-#include "vorn/ops/op_wrappers.h"
+#include "vorn/gpu/memory.h"
+#include "vorn/rules/functors.h"
+#include "vorn/rules/op_wrappers.h"
 #include "vorn/tensor/tensor_view.h"
 
 /// Kernels that run one scalar rule over every element, and the GPU forms of the frame. A call
@@ -61,6 +63,16 @@ void generate(Op f, Tensor<OutT>& out) {
     } else {
         using View = MatrixView<OutT, false>;
         iterate(GenerateOp<Op, View>(f, View(out)), out.row(), out.col());
+    }
+}
+
+/// All elements of `a` become `val`.
+template <typename T>
+void vorn_fill(Tensor<T>& a, T val) {
+    if (val == 0 && a.is_contiguous()) {
+        gpu::vorn_memset(a.get_ptr(), 0, a.get_element_count() * sizeof(T));
+    } else {
+        gpu::generate(func::constant<T>(val), a);
     }
 }
 

@@ -12,9 +12,6 @@
 #include "vorn/logging.h"
 #include "vorn/util/gpu_util.h"
 
-/// Marks a rule that runs on both sides.
-#define VORN_HD __host__ __device__
-
 namespace vorn {
 
 const int wrap_size = 32;        ///< Threads of a warp.

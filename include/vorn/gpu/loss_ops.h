@@ -7,7 +7,7 @@
 
 #include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
-#include "vorn/ops/loss_rule.h"
+#include "vorn/rules/loss_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// Kernels of the training objectives, on dense operands where nothing else is said. Where a

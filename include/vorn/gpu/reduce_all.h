@@ -6,7 +6,7 @@
 
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/gpu/memory.h"
-#include "vorn/ops/reduce_functors.h"
+#include "vorn/rules/reduce_functors.h"
 #include "vorn/tensor/tensor.h"
 
 /// Folds of all elements of a contiguous tensor on a GPU, in a tree that depends on the element

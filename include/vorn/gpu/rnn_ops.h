@@ -5,7 +5,7 @@
 #include <type_traits>
 
 #include "vorn/gpu/kernel_util.h"
-#include "vorn/ops/lstm_rule.h"
+#include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU forms of the fused LSTM steps: one launch a step, one thread a cell.

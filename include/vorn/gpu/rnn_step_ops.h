@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "vorn/gpu/kernel_util.h"
-#include "vorn/ops/lstm_rule.h"
+#include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU forms of the pieces of an LSTM step. The element-wise kernels give each thread one element

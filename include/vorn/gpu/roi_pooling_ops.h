@@ -4,7 +4,7 @@
 #include <cfloat>
 
 #include "vorn/gpu/kernel_util.h"
-#include "vorn/ops/roi_rule.h"
+#include "vorn/rules/roi_rule.h"
 #include "vorn/tensor/tensor.h"
 
 /// GPU forms of the pooling of regions, one thread per element of the output, or of `diff` in the

@@ -5,7 +5,7 @@
 #include "vorn/cpu/memory.h"
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
-#include "vorn/ops/functors.h"
+#include "vorn/rules/functors.h"
 #include "vorn/ops/reduce.h"
 #include "vorn/tensor/tensor.h"
 
@@ -58,32 +58,6 @@ void binary_inplace_op(Op f, const Tensor<InT>& in, Tensor<OutT>& out) {
     binary_op(f, in, out, out);
 }
 
-namespace cpu {
-
-template <typename T>
-void vorn_fill(Tensor<T>& a, T val) {
-    if (val == 0 && a.is_contiguous()) {
-        cpu::vorn_memset(a.get_ptr(), 0, a.get_element_count() * sizeof(T));
-    } else {
-        cpu::generate(func::constant<T>(val), a);
-    }
-}
-
-}  // namespace cpu
-
-namespace gpu {
-
-template <typename T>
-void vorn_fill(Tensor<T>& a, T val) {
-    if (val == 0 && a.is_contiguous()) {
-        gpu::vorn_memset(a.get_ptr(), 0, a.get_element_count() * sizeof(T));
-    } else {
-        gpu::generate(func::constant<T>(val), a);
-    }
-}
-
-}  // namespace gpu
-
 /// All elements of `a` become `val`.
 template <typename T>
 void vorn_fill(Tensor<T>& a, T val) {
@@ -115,9 +89,8 @@ template <typename T>
 void vorn_memcpy_2d(const Device& sd, const Device& dd, const T* src_ptr, size_t spitch, T* dst_ptr,
                     size_t dpitch, size_t width, size_t height) {
     if (is_cpu_device(sd) && is_cpu_device(dd)) {
-        for (size_t i = 0; i < height; ++i, src_ptr += spitch, dst_ptr += dpitch) {
-            cpu::vorn_memcpy(dst_ptr, src_ptr, width * sizeof(T));
-        }
+        cpu::vorn_memcpy_2d(dst_ptr, dpitch * sizeof(T), src_ptr, spitch * sizeof(T),
+                            width * sizeof(T), height);
         return;
     }
     cudaMemcpyKind kind;

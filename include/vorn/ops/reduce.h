@@ -6,8 +6,8 @@
 #include "vorn/cpu/reduce.h"
 #include "vorn/gpu/reduce.h"
 #include "vorn/gpu/reduce_all.h"
-#include "vorn/ops/functors.h"
-#include "vorn/ops/reduce_functors.h"
+#include "vorn/rules/functors.h"
+#include "vorn/rules/reduce_functors.h"
 #include "vorn/tensor/tensor.h"
 
 /// Folds of rows, of columns and of all elements.

@@ -1,7 +1,7 @@
 #ifndef VORN_TENSOR_TENSOR_VIEW_H_
 #define VORN_TENSOR_TENSOR_VIEW_H_
 
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/host_device.h"
 #include "vorn/tensor/tensor.h"
 
 /// Views that own nothing and travel by value into loops and kernels.

@@ -1,11 +1,11 @@
-#ifndef VORN_OPS_REDUCE_FUNCTORS_H_
-#define VORN_OPS_REDUCE_FUNCTORS_H_
+#ifndef VORN_RULES_REDUCE_FUNCTORS_H_
+#define VORN_RULES_REDUCE_FUNCTORS_H_
 
 #include <cfloat>
 #include <cmath>
 
 #include "vorn/base.h"
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/host_device.h"
 
 /// Rules of folds. A comparison takes its second operand wherever it is false, so a NaN passes or
 /// goes by its place.
@@ -108,4 +108,4 @@ public:
 }  // namespace func
 }  // namespace vorn
 
-#endif  // VORN_OPS_REDUCE_FUNCTORS_H_
+#endif  // VORN_RULES_REDUCE_FUNCTORS_H_

@@ -1,5 +1,5 @@
-#ifndef VORN_CPU_VECTOR_MATH_H_
-#define VORN_CPU_VECTOR_MATH_H_
+#ifndef VORN_RULES_VECTOR_MATH_H_
+#define VORN_RULES_VECTOR_MATH_H_
 
 #include <cmath>
 
@@ -16,4 +16,4 @@ __attribute__((simd("notinbranch"), const)) float tanhf(float) noexcept;
 }
 #endif
 
-#endif  // VORN_CPU_VECTOR_MATH_H_
+#endif  // VORN_RULES_VECTOR_MATH_H_

@@ -1,9 +1,9 @@
-#ifndef VORN_OPS_ROI_RULE_H_
-#define VORN_OPS_ROI_RULE_H_
+#ifndef VORN_RULES_ROI_RULE_H_
+#define VORN_RULES_ROI_RULE_H_
 
 #include <cmath>
 
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/host_device.h"
 
 /// Where the bins of a region of interest lie on a feature map, written once for host and device.
 /// All real numbers are in single precision, and each operation rounds.
@@ -100,4 +100,4 @@ constexpr int kRoiFields = 5;
 }  // namespace func
 }  // namespace vorn
 
-#endif  // VORN_OPS_ROI_RULE_H_
+#endif  // VORN_RULES_ROI_RULE_H_

@@ -1,10 +1,10 @@
-#ifndef VORN_OPS_LSTM_RULE_H_
-#define VORN_OPS_LSTM_RULE_H_
+#ifndef VORN_RULES_LSTM_RULE_H_
+#define VORN_RULES_LSTM_RULE_H_
 
 #include <cmath>
 
-#include "vorn/cpu/vector_math.h"
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/rules/vector_math.h"
+#include "vorn/host_device.h"
 
 /// One cell of an LSTM with peepholes, all in single precision, written once for host and device.
 namespace vorn {
@@ -103,4 +103,4 @@ VORN_HD inline LstmCellError lstm_cell_bp(float i, float f, float g, float o, fl
 }  // namespace func
 }  // namespace vorn
 
-#endif  // VORN_OPS_LSTM_RULE_H_
+#endif  // VORN_RULES_LSTM_RULE_H_

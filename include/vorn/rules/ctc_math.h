@@ -1,10 +1,10 @@
-#ifndef VORN_OPS_CTC_MATH_H_
-#define VORN_OPS_CTC_MATH_H_
+#ifndef VORN_RULES_CTC_MATH_H_
+#define VORN_RULES_CTC_MATH_H_
 
 #include <cfloat>
 #include <cmath>
 
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/host_device.h"
 
 /// Arithmetic on natural logarithms of probabilities, for host and device.
 namespace vorn {
@@ -51,4 +51,4 @@ VORN_HD inline float ctc_log_add(float x, float y) {
 }  // namespace func
 }  // namespace vorn
 
-#endif  // VORN_OPS_CTC_MATH_H_
+#endif  // VORN_RULES_CTC_MATH_H_

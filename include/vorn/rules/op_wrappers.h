@@ -1,8 +1,8 @@
-#ifndef VORN_OPS_OP_WRAPPERS_H_
-#define VORN_OPS_OP_WRAPPERS_H_
+#ifndef VORN_RULES_OP_WRAPPERS_H_
+#define VORN_RULES_OP_WRAPPERS_H_
 
 #include "vorn/base.h"
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/host_device.h"
 
 /// What a kernel of the frame gets: a rule and the views of its operands, by value. One call does
 /// one element, at an index on the contiguous path, at a row and column on the pitched path. All
@@ -62,4 +62,4 @@ struct TrinaryInplaceOp {
 
 }  // namespace vorn
 
-#endif  // VORN_OPS_OP_WRAPPERS_H_
+#endif  // VORN_RULES_OP_WRAPPERS_H_

@@ -1,11 +1,11 @@
-#ifndef VORN_OPS_LOSS_RULE_H_
-#define VORN_OPS_LOSS_RULE_H_
+#ifndef VORN_RULES_LOSS_RULE_H_
+#define VORN_RULES_LOSS_RULE_H_
 
 #include <cfloat>
 #include <cmath>
 
-#include "vorn/cpu/vector_math.h"
-#include "vorn/gpu/kernel_util.h"
+#include "vorn/rules/vector_math.h"
+#include "vorn/host_device.h"
 
 /// The arithmetic of the training objectives for one element, written once for host and device. In
 /// float where nothing else is said, every product and sum rounded in the order written.
@@ -83,4 +83,4 @@ VORN_HD signed char fixed_level(float x, float max, Real biased) {
 }  // namespace func
 }  // namespace vorn
 
-#endif  // VORN_OPS_LOSS_RULE_H_
+#endif  // VORN_RULES_LOSS_RULE_H_
