@@ -5,8 +5,8 @@
 #include "vorn/cpu/memory.h"
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
-#include "vorn/rules/functors.h"
 #include "vorn/ops/reduce.h"
+#include "vorn/rules/functors.h"
 #include "vorn/tensor/tensor.h"
 
 /// The frame: checks, then one branch on the device of the output. Outputs are never resized here.
