@@ -13,27 +13,22 @@ void fill(const std::vector<float>& values, const vorn::Dim& size, vorn::Tensor<
 
 }  // namespace
 
-void BatchMaker::add_page(const Page& page) {
-    _rows = page.rows;
-    _columns = page.columns;
-    ++_pages;
-    _values.insert(_values.end(), page.values.begin(), page.values.end());
+void HostBatch::add_page(const Page& page) {
+    rows = page.rows;
+    columns = page.columns;
+    ++pages;
+    values.insert(values.end(), page.values.begin(), page.values.end());
 }
 
-void BatchMaker::add_window(const Box& box, int label) {
-    append_window(_pages - 1, box, &_windows);
-    _labels.push_back(static_cast<float>(label));
+void HostBatch::add_window(const Box& box, int label) {
+    append_window(pages - 1, box, &windows);
+    labels.push_back(static_cast<float>(label));
 }
 
-const Batch& BatchMaker::finish() {
-    fill(_values, vorn::Dim(_pages, 1, _rows, _columns), &_batch.pages);
-    fill(_windows, vorn::Dim(windows(), 5, 1, 1), &_batch.windows);
-    fill(_labels, vorn::Dim(windows()), &_batch.labels);
-    _pages = 0;
-    _values.clear();
-    _windows.clear();
-    _labels.clear();
-    return _batch;
+void Batch::set(const HostBatch& host) {
+    fill(host.values, vorn::Dim(host.pages, 1, host.rows, host.columns), &pages);
+    fill(host.windows, vorn::Dim(host.size(), 5, 1, 1), &windows);
+    fill(host.labels, vorn::Dim(host.size()), &labels);
 }
 
 }  // namespace vision

@@ -45,13 +45,14 @@ std::vector<Detection> Finder::find(const Page& page) {
     if (candidates.empty()) {
         return {};
     }
-    _maker.add_page(with_even_sides(page));
+    HostBatch windows;
+    windows.add_page(with_even_sides(page));
     for (const Box& box : candidates) {
-        _maker.add_window(box, kNoDigit);
+        windows.add_window(box, kNoDigit);
     }
-    const Batch& batch = _maker.finish();
+    _batch.set(windows);
     const vorn::Tensor<float>& posteriors =
-        _network->forward(batch.pages, batch.windows, common::Pass::kInference);
+        _network->forward(_batch.pages, _batch.windows, common::Pass::kInference);
     const auto classes = static_cast<int>(posteriors.get_w());
     std::vector<float> values(posteriors.count());
     posteriors.copy_to(values.data(), 0, values.size());

@@ -24,14 +24,14 @@ std::vector<Detection> suppress(std::vector<Detection> detections, double most_o
 /// and what is a digit stays but where a surer one overlaps.
 class Finder {
 public:
-    explicit Finder(Network* network) : _network(network), _maker(network->device()) {}
+    explicit Finder(Network* network) : _network(network), _batch(network->device()) {}
 
     /// The surest first. Throws Error when the posteriors are NaN.
     std::vector<Detection> find(const Page& page);
 
 private:
     Network* _network;
-    BatchMaker _maker;
+    Batch _batch;
 };
 
 /// How well digits were found.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <future>
 #include <numeric>
 
 #include "common/error.h"
@@ -20,6 +21,24 @@ constexpr int kClutter = 2;
 /// What fits no better than this holds no digit.
 constexpr double kEmptyOverlap = 0.4;
 
+/// Around each digit, a pixel off at most, and where the search would look and there is none.
+void add_windows(const Page& page, common::Random* random, HostBatch* batch) {
+    const auto off_by_one = [random] { return static_cast<int>(common::uniform(random) * 3) - 1; };
+    for (const PlacedDigit& placed : page.digits) {
+        const Box& box = placed.box;
+        batch->add_window({box.left + off_by_one(), box.top + off_by_one(),
+                           box.right + off_by_one(), box.bottom + off_by_one()},
+                          placed.digit);
+    }
+    for (const Box& box : candidate_boxes(page)) {
+        if (std::all_of(page.digits.begin(), page.digits.end(), [&](const PlacedDigit& placed) {
+                return overlap(placed.box, box) < kEmptyOverlap;
+            })) {
+            batch->add_window(box, kNoDigit);
+        }
+    }
+}
+
 }  // namespace
 
 Trainer::Trainer(Network* network, const digit_images::ImageSet* images,
@@ -30,7 +49,7 @@ Trainer::Trainer(Network* network, const digit_images::ImageSet* images,
       _parameters(network->parameters()),
       _optimizer(_parameters),
       _objective(network->device()),
-      _maker(network->device()),
+      _batch(network->device()),
       _random(options.seed),
       _order(images->count()),
       _pages(kPageSide, kPageSide, &_random) {
@@ -39,11 +58,11 @@ Trainer::Trainer(Network* network, const digit_images::ImageSet* images,
     std::iota(_order.begin(), _order.end(), 0);
 }
 
-/// Of the images from *next on, as many as find room.
-Page Trainer::make_page(int* next) {
+/// Of the next images, as many as find room.
+Page Trainer::make_page() {
     std::array<float, digit_images::kFramePixels> image;
-    for (int i = 0; i < kMostDigitsOnPage && *next < _images->count(); ++i, ++*next) {
-        const int chosen = _order[*next];
+    for (int i = 0; i < kMostDigitsOnPage && _next < _images->count(); ++i, ++_next) {
+        const int chosen = _order[_next];
         digit_images::augment(_images->image(chosen), &_random, image.data());
         _pages.add_digit(image.data(), _images->labels[chosen]);
     }
@@ -53,28 +72,24 @@ Page Trainer::make_page(int* next) {
     return _pages.finish();
 }
 
-void Trainer::add_windows(const Page& page) {
-    const auto off_by_one = [this] { return static_cast<int>(common::uniform(&_random) * 3) - 1; };
-    for (const PlacedDigit& placed : page.digits) {
-        const Box& box = placed.box;
-        _maker.add_window({box.left + off_by_one(), box.top + off_by_one(),
-                           box.right + off_by_one(), box.bottom + off_by_one()},
-                          placed.digit);
+HostBatch Trainer::make_batch() {
+    HostBatch batch;
+    for (int i = 0; i < _options.batch && _next < _images->count(); ++i) {
+        const Page page = make_page();
+        batch.add_page(page);
+        add_windows(page, &_random, &batch);
     }
-    for (const Box& box : candidate_boxes(page)) {
-        if (std::all_of(page.digits.begin(), page.digits.end(), [&](const PlacedDigit& placed) {
-                return overlap(placed.box, box) < kEmptyOverlap;
-            })) {
-            _maker.add_window(box, kNoDigit);
-        }
+    if (batch.size() == 0) {
+        throw common::Error("the training images are blank");
     }
+    return batch;
 }
 
-void Trainer::train_batch(const Batch& batch) {
+void Trainer::train_batch() {
     const vorn::Tensor<float>& posteriors =
-        _network->forward(batch.pages, batch.windows, common::Pass::kTraining);
-    _objective.compute(posteriors, batch.labels);
-    _network->backward(batch.pages, batch.windows, _objective.error(posteriors, batch.labels));
+        _network->forward(_batch.pages, _batch.windows, common::Pass::kTraining);
+    _objective.compute(posteriors, _batch.labels);
+    _network->backward(_batch.pages, _batch.windows, _objective.error(posteriors, _batch.labels));
     const double norm = common::clip_gradients(_parameters, kGradientLimit);
     if (!std::isfinite(_objective.mean_loss()) || !std::isfinite(norm)) {
         throw common::Error(
@@ -86,20 +101,22 @@ void Trainer::train_batch(const Batch& batch) {
 
 digit_images::TrainingState Trainer::run_epoch(const digit_images::Report& report) {
     common::shuffle(&_order, &_random);
-    digit_images::TrainingState state;
+    _next = 0;
     const int per_batch = _options.batch * kMostDigitsOnPage;
     _updates_planned =
         std::int64_t{(_images->count() + per_batch - 1) / per_batch} * _options.epochs;
-    while (state.images < _images->count()) {
-        for (int i = 0; i < _options.batch && state.images < _images->count(); ++i) {
-            const Page page = make_page(&state.images);
-            _maker.add_page(page);
-            add_windows(page);
+    const auto start_batch = [this] {
+        return std::async(std::launch::async, [this] { return make_batch(); });
+    };
+    digit_images::TrainingState state;
+    std::future<HostBatch> coming = start_batch();
+    while (coming.valid()) {
+        _batch.set(coming.get());
+        state.images = _next;
+        if (_next < _images->count()) {
+            coming = start_batch();
         }
-        if (_maker.windows() == 0) {
-            throw common::Error("the training images are blank");
-        }
-        train_batch(_maker.finish());
+        train_batch();
         state.add(_objective);
         if (!report(state)) {
             break;

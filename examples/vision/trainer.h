@@ -38,9 +38,9 @@ public:
     digit_images::TrainingState run_epoch(const digit_images::Report& report);
 
 private:
-    Page make_page(int* next);
-    void add_windows(const Page& page);
-    void train_batch(const Batch& batch);
+    Page make_page();
+    HostBatch make_batch();
+    void train_batch();
 
     Network* _network;
     const digit_images::ImageSet* _images;
@@ -48,12 +48,15 @@ private:
     std::vector<common::Parameter*> _parameters;
     common::Adam _optimizer;
     common::CrossEntropy _objective;
-    BatchMaker _maker;
-    common::Random _random;
-    std::vector<int> _order;
-    PageMaker _pages;
+    Batch _batch;
     std::int64_t _updates = 0;
     std::int64_t _updates_planned = 0;
+
+    // What makes a batch, on a thread of its own while the network learns from the one before.
+    common::Random _random;
+    std::vector<int> _order;
+    int _next = 0;  ///< in that order
+    PageMaker _pages;
 };
 
 }  // namespace vision
