@@ -1,6 +1,7 @@
 #ifndef VORN_GPU_AUDIO_CONV_OPS_H_
 #define VORN_GPU_AUDIO_CONV_OPS_H_
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
@@ -78,13 +79,12 @@ static __global__ void KeAudioConvBatchBias(const float* bias, float* out, int s
 }
 
 /// dy: (in_row x in_col), dbias: (in_row / sub_row x in_col). A block sums NT columns of one block
-/// of rows: first every VT-th row, then each warp the VT sums of one column. The pitch of NT + 1
-/// keeps the columns of the tile in different banks.
+/// of rows: a thread every VT-th row, then a tree the VT sums of one column.
 template <int NT, int VT>
 __global__ void KeAudioConvBatchBiasBp(const float* dy, float* dbias, int sub_row, int in_row,
                                        int in_col) {
-    static_assert(NT == VT, "the tile is read transposed");
-    __shared__ float s[NT][VT + 1];
+    static_assert(NT == wrap_size && VT == wrap_size, "the block is a tile");
+    __shared__ FoldTile<float> s;
     const int x = threadIdx.x, y = threadIdx.y;
     const int c = blockIdx.x * NT + x;
     const int first = blockIdx.y * sub_row;
@@ -94,21 +94,9 @@ __global__ void KeAudioConvBatchBiasBp(const float* dy, float* dbias, int sub_ro
             sum += dy[(first + r) * in_col + c];
         }
     }
-    s[x][y] = sum;
-    __syncthreads();
-    for (int stride = VT / 2; stride > 0; stride /= 2) {
-        float other = 0.0f;
-        if (x < VT / 2) {
-            other = s[y][x + stride];
-        }
-        __syncthreads();
-        if (x < VT / 2) {
-            s[y][x] += other;
-        }
-        __syncthreads();
-    }
+    sum = tile_fold(s, sum, [](float a, float b) { return a + b; });
     if (y == 0 && c < in_col) {
-        dbias[blockIdx.y * in_col + c] = s[x][0];
+        dbias[blockIdx.y * in_col + c] = sum;
     }
 }
 
@@ -174,13 +162,15 @@ static __global__ void KeMaxPoolingBWD(const float* in, int nframe, const int* c
     *winner = alpha * in[pos] + beta * *winner;
 }
 
+const dim3 kAudioBlock(32, 32, 1);
+
 inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int delta, int, int filter_size,
                              const Tensor<int>& conv_start, const Tensor<int>& conv_end,
                              Tensor<float>& out) {
     const int out_row = static_cast<int>(out.row()), out_col = static_cast<int>(out.get_w());
     const int context = static_cast<int>(feat.get_w()) / (fbank * delta);
     launch<KeReorderFeats>(
-        dim3(div_up(out_row, 32), div_up(out_col, 32), 1), dim3(32, 32, 1), feat.get_ptr(),
+        covering_grid(out_row, out_col, kAudioBlock), kAudioBlock, feat.get_ptr(),
         conv_start.get_ptr(), conv_end.get_ptr(), static_cast<int>(conv_start.get_element_count()),
         filter_size, out.get_ptr(), fbank, delta, context, static_cast<int>(feat.row()), out_row);
     VORN_KERNEL_TAIL();
@@ -191,7 +181,7 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int delta
                                const Tensor<int>& conv_end, Tensor<float>& out) {
     const int out_row = static_cast<int>(out.row()), out_col = static_cast<int>(out.get_w());
     const int context = out_col / (fbank * delta);
-    launch<KeReorderErrors>(dim3(div_up(out_row, 32), div_up(out_col, 32), 1), dim3(32, 32, 1),
+    launch<KeReorderErrors>(covering_grid(out_row, out_col, kAudioBlock), kAudioBlock,
                             out.get_ptr(), out_col, conv_start.get_ptr(), conv_end.get_ptr(),
                             static_cast<int>(conv_start.get_element_count()), filter_size,
                             expand.get_ptr(), fbank, delta, context, out_row);
@@ -222,10 +212,9 @@ inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_si
                              DType alpha, DType beta) {
     const int group_num = static_cast<int>(conv_size.get_element_count());
     const int width = static_cast<int>(out.get_w()), nframe = static_cast<int>(out.row());
-    launch<KeMaxPoolingFWD>(dim3(div_up(width, 32), div_up(nframe, 32), 1), dim3(32, 32, 1),
-                            in.get_ptr(), nframe, conv_size.get_ptr(), group_num,
-                            filter_num / group_num, pooling_size, out.get_ptr(), max_idx.get_ptr(),
-                            width, alpha, beta);
+    launch<KeMaxPoolingFWD>(covering_grid(width, nframe, kAudioBlock), kAudioBlock, in.get_ptr(),
+                            nframe, conv_size.get_ptr(), group_num, filter_num / group_num,
+                            pooling_size, out.get_ptr(), max_idx.get_ptr(), width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
@@ -234,10 +223,9 @@ inline void vorn_max_pooling_bp(const Tensor<float>& in, const Tensor<int>& conv
                                 Tensor<float>& out, DType alpha, DType beta) {
     const int group_num = static_cast<int>(conv_size.get_element_count());
     const int width = static_cast<int>(in.get_w()), nframe = static_cast<int>(in.row());
-    launch<KeMaxPoolingBWD>(dim3(div_up(width, 32), div_up(nframe, 32), 1), dim3(32, 32, 1),
-                            in.get_ptr(), nframe, conv_size.get_ptr(), group_num,
-                            filter_num / group_num, pooling_size, out.get_ptr(), max_idx.get_ptr(),
-                            width, alpha, beta);
+    launch<KeMaxPoolingBWD>(covering_grid(width, nframe, kAudioBlock), kAudioBlock, in.get_ptr(),
+                            nframe, conv_size.get_ptr(), group_num, filter_num / group_num,
+                            pooling_size, out.get_ptr(), max_idx.get_ptr(), width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 

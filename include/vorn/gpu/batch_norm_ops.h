@@ -1,6 +1,7 @@
 #ifndef VORN_GPU_BATCH_NORM_OPS_H_
 #define VORN_GPU_BATCH_NORM_OPS_H_
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
@@ -25,23 +26,8 @@ static __global__ void KeAudioBatchNormInf(const float* x, const float* scale, c
     }
 }
 
-/// row[0] = the sum of the 32 entries of `row`. All threads of a warp come here, with one row.
-__device__ inline void sum_tile_row(float* row) {
-    const int tx = threadIdx.x;
-    const bool active = tx < wrap_size / 2;
-    for (int stride = wrap_size / 2; stride > 0; stride /= 2) {
-        const float other = active ? row[tx + stride] : 0.0f;
-        __syncwarp();
-        if (active) {
-            row[tx] += other;
-        }
-        __syncwarp();
-    }
-}
-
-/// Threads of a warp lie along a row of x. Each sums every VT-th row of its column; then each warp
-/// sums the VT values of one column. The pitch of VT + 1 keeps the columns of the tile in different
-/// banks.
+/// Threads of a warp lie along a row of x. Each sums every VT-th row of its column; a tree sums the
+/// VT values of one column.
 template <int NT, int VT>
 __global__ void KeAudioBatchNormTrain(const float* x, const float* scale, const float* bias,
                                       const int* mask, float* run_mean, float* run_var,
@@ -49,8 +35,9 @@ __global__ void KeAudioBatchNormTrain(const float* x, const float* scale, const 
                                       float* saved_inv_std, float* y, int real_frame_size,
                                       float exp_avg_factor, float statis_factor, float epsilon,
                                       size_t dim_m, size_t dim_n) {
-    static_assert(NT == wrap_size && VT == wrap_size, "a warp sums a row of the tile");
-    __shared__ float s[NT][VT + 1];
+    static_assert(NT == wrap_size && VT == wrap_size, "the block is a tile");
+    __shared__ FoldTile<float> s;
+    const auto add = [](float a, float b) { return a + b; };
     const int tx = threadIdx.x, ty = threadIdx.y;
     const size_t col = blockIdx.x * static_cast<size_t>(NT) + tx;
     // A thread past the last column has no rows, but takes part in the barriers.
@@ -60,25 +47,17 @@ __global__ void KeAudioBatchNormTrain(const float* x, const float* scale, const 
     for (size_t r = ty; r < rows; r += VT) {
         sum += mask[r] * x[r * dim_n + col];
     }
-    s[tx][ty] = sum;
+    const float m = tile_fold(s, sum, add) / real_frame_size;
     __syncthreads();
-    sum_tile_row(s[ty]);
-    __syncthreads();
-    const float m = s[tx][0] / real_frame_size;
-    __syncthreads();  // all have read the tile, which is written again
 
     sum = 0;
     for (size_t r = ty; r < rows; r += VT) {
         const float difference = (x[r * dim_n + col] - m) * mask[r];
         sum += difference * difference;
     }
-    s[tx][ty] = sum;
-    __syncthreads();
-    sum_tile_row(s[ty]);
-    __syncthreads();
+    const float v = tile_fold(s, sum, add) / real_frame_size;
 
     if (ty == 0 && col < dim_n) {
-        const float v = s[tx][0] / real_frame_size;
         const float new_mean = (1 - exp_avg_factor) * run_mean[col] + exp_avg_factor * m;
         const float new_var = (1 - exp_avg_factor) * run_var[col] + exp_avg_factor * v;
         run_mean[col] = new_mean;
@@ -107,9 +86,9 @@ __global__ void KeAudioBatchNormBp(const float* x, const float* dy, const float*
                                    const int* mask, float* dscale, float* dbias, float* dx,
                                    int real_frame_size, float /*exp_avg_factor*/, float /*epsilon*/,
                                    size_t dim_m, size_t dim_n) {
-    static_assert(NT == wrap_size && VT == wrap_size, "a warp sums a row of a tile");
-    __shared__ float b_s[NT][VT + 1];
-    __shared__ float s_s[NT][VT + 1];
+    static_assert(NT == wrap_size && VT == wrap_size, "the block is a tile");
+    __shared__ FoldTile<float> b_s, s_s;
+    const auto add = [](float a, float b) { return a + b; };
     const int tx = threadIdx.x, ty = threadIdx.y;
     const size_t col = blockIdx.x * static_cast<size_t>(NT) + tx;
     const bool inside = col < dim_n;
@@ -124,13 +103,8 @@ __global__ void KeAudioBatchNormBp(const float* x, const float* dy, const float*
         bias_sum += error;
         scale_sum += inv_std * error * (x[pos] - mean);
     }
-    b_s[tx][ty] = bias_sum;
-    s_s[tx][ty] = scale_sum;
-    __syncthreads();
-    sum_tile_row(b_s[ty]);
-    sum_tile_row(s_s[ty]);
-    __syncthreads();
-    const float bias_error = b_s[tx][0], scale_error = s_s[tx][0];
+    const float bias_error = tile_fold(b_s, bias_sum, add);
+    const float scale_error = tile_fold(s_s, scale_sum, add);
     if (inside && ty == 0) {
         dbias[col] = bias_error;
         dscale[col] = scale_error;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/iterator.h"
 #include "vorn/gpu/memory.h"
 #include "vorn/gpu/reduce_all.h"
@@ -102,20 +103,15 @@ inline void vorn_norm1(const Tensor<float>& in, DType* res) {
 /// lanes, by one warp; every lane returns it. `part` is shared memory of a warp's size, the warp's
 /// own.
 template <typename Add, typename Join>
-__device__ float warp_fold(int begin, int n, float* part, Add add, Join join) {
+__device__ float warp_run_fold(int begin, int n, float* part, Add add, Join join) {
     const int lane = threadIdx.x % wrap_size;
     float value = 0;
     for (int i = begin + lane; i < n; i += wrap_size) {
         value = add(value, i);
     }
     part[lane] = value;
+    warp_fold([&](int to, int from) { part[to] = join(part[to], part[from]); });
     __syncwarp();
-    for (int half = wrap_size / 2; half > 0; half /= 2) {
-        if (lane < half) {
-            part[lane] = join(part[lane], part[lane + half]);
-        }
-        __syncwarp();
-    }
     value = part[0];
     __syncwarp();
     return value;
@@ -123,21 +119,21 @@ __device__ float warp_fold(int begin, int n, float* part, Add add, Join join) {
 
 /// The dot product of a and b over [begin, n).
 inline __device__ float warp_dot(const float* a, const float* b, int begin, int n, float* part) {
-    return warp_fold(
+    return warp_run_fold(
         begin, n, part, [=](float sum, int i) { return fmaf(a[i], b[i], sum); },
         [](float x, float y) { return x + y; });
 }
 
 /// The largest magnitude over [begin, n) of a, in which a NaN counts as nothing.
 inline __device__ float warp_max(const float* a, int begin, int n, float* part) {
-    return warp_fold(
+    return warp_run_fold(
         begin, n, part, [=](float max, int i) { return fmaxf(max, fabsf(a[i])); },
         [](float x, float y) { return fmaxf(x, y); });
 }
 
 /// The sum of squares over [begin, n) of a, of which every element is divided by 2^exponent.
 inline __device__ float warp_squares(const float* a, int begin, int n, int exponent, float* part) {
-    return warp_fold(
+    return warp_run_fold(
         begin, n, part,
         [=](float sum, int i) {
             const float x = scalbnf(a[i], -exponent);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/rules/ctc_math.h"
 #include "vorn/tensor/tensor.h"
@@ -11,7 +12,7 @@
 namespace vorn {
 namespace gpu {
 
-const int kCtcBlock = 16;  ///< Threads of a block along each of its two axes.
+const dim3 kCtcBlock(16, 16, 1);
 
 /// One frame row of the forward table. alpha: (frames * utt_num x label_num), prob:
 /// (frames * utt_num x class_num), labels: (utt_num x label_num). x is the utterance, y the
@@ -125,8 +126,6 @@ static __global__ void KeComputeCtcErr(float* out, const float* alpha, const flo
 /// in: (dimM x dimN), id_vec: dimM. One block a row.
 template <int kThreads>
 __global__ void KeFindRowMaxId(const float* in, int* id_vec, size_t dimM, size_t dimN) {
-    static_assert(kThreads >= 2 * wrap_size && (kThreads & (kThreads - 1)) == 0,
-                  "the tree halves the block down to one warp");
     __shared__ float smax[kThreads];
     __shared__ int sidx[kThreads];
     const size_t row = blockIdx.x;
@@ -145,27 +144,9 @@ __global__ void KeFindRowMaxId(const float* in, int* id_vec, size_t dimM, size_t
     }
     smax[tid] = max;
     sidx[tid] = idx;
-    __syncthreads();
-    // Each level reads entries from `stride` on and writes those below it, so one barrier behind
-    // the writes is enough.
-    for (int stride = kThreads / 2; stride >= wrap_size; stride /= 2) {
-        if (tid < stride && smax[tid + stride] > smax[tid]) {
-            smax[tid] = smax[tid + stride];
-            sidx[tid] = sidx[tid + stride];
-        }
-        __syncthreads();
-    }
-    if (tid < wrap_size) {
-        for (int stride = wrap_size / 2; stride > 0; stride /= 2) {
-            if (tid < stride && smax[tid + stride] > smax[tid]) {
-                smax[tid] = smax[tid + stride];
-                sidx[tid] = sidx[tid + stride];
-            }
-            __syncwarp();
-        }
-        if (tid == 0) {
-            id_vec[row] = sidx[0];
-        }
+    block_fold<kThreads>(ArgMaxSlots{smax, sidx});
+    if (tid == 0) {
+        id_vec[row] = sidx[0];
     }
 }
 
@@ -182,16 +163,12 @@ static __global__ void KeDoVecMask(const float* in, const int* mask, float* out,
     }
 }
 
-inline dim3 ctc_grid(index_t x, index_t y) {
-    return dim3(div_up(static_cast<int>(x), kCtcBlock), div_up(static_cast<int>(y), kCtcBlock), 1);
-}
-
 inline void vorn_compute_ctc_alpha(const Tensor<float>& prob, int row_idx,
                                    const Tensor<int>& labels, const Tensor<int>& frame_num_utt,
                                    const Tensor<int>& label_lengths_utt, Tensor<float>& out) {
     const int utt_num = static_cast<int>(frame_num_utt.get_element_count());
     const int label_num = static_cast<int>(out.get_w());
-    launch<KeComputeCtcAlpha>(ctc_grid(utt_num, label_num), dim3(kCtcBlock, kCtcBlock, 1),
+    launch<KeComputeCtcAlpha>(covering_grid(utt_num, label_num, kCtcBlock), kCtcBlock,
                               out.get_ptr(), prob.get_ptr(), labels.get_ptr(),
                               frame_num_utt.get_ptr(), label_lengths_utt.get_ptr(), row_idx,
                               utt_num, label_num, static_cast<int>(prob.get_w()));
@@ -203,10 +180,10 @@ inline void vorn_compute_ctc_beta(const Tensor<float>& prob, int row_idx, const 
                                   const Tensor<int>& label_lengths_utt, Tensor<float>& out) {
     const int utt_num = static_cast<int>(frame_num_utt.get_element_count());
     const int label_num = static_cast<int>(out.get_w());
-    launch<KeComputeCtcBeta>(ctc_grid(utt_num, label_num), dim3(kCtcBlock, kCtcBlock, 1),
-                             out.get_ptr(), prob.get_ptr(), labels.get_ptr(),
-                             frame_num_utt.get_ptr(), label_lengths_utt.get_ptr(), row_idx, utt_num,
-                             label_num, static_cast<int>(prob.get_w()));
+    launch<KeComputeCtcBeta>(covering_grid(utt_num, label_num, kCtcBlock), kCtcBlock, out.get_ptr(),
+                             prob.get_ptr(), labels.get_ptr(), frame_num_utt.get_ptr(),
+                             label_lengths_utt.get_ptr(), row_idx, utt_num, label_num,
+                             static_cast<int>(prob.get_w()));
     VORN_KERNEL_TAIL();
 }
 
@@ -214,8 +191,8 @@ inline void vorn_compute_ctc_err(const Tensor<float>& alpha, const Tensor<float>
                                  const Tensor<int>& labels, const Tensor<int>& frame_num_utt,
                                  const Tensor<float>& pzx, Tensor<float>& out) {
     const int row_num = static_cast<int>(out.row()), class_num = static_cast<int>(out.get_w());
-    launch<KeComputeCtcErr>(ctc_grid(row_num, class_num), dim3(kCtcBlock, kCtcBlock, 1),
-                            out.get_ptr(), alpha.get_ptr(), beta.get_ptr(), labels.get_ptr(),
+    launch<KeComputeCtcErr>(covering_grid(row_num, class_num, kCtcBlock), kCtcBlock, out.get_ptr(),
+                            alpha.get_ptr(), beta.get_ptr(), labels.get_ptr(),
                             frame_num_utt.get_ptr(), pzx.get_ptr(),
                             static_cast<int>(frame_num_utt.get_element_count()), row_num, class_num,
                             static_cast<int>(alpha.get_w()));

@@ -20,6 +20,12 @@ const int kMaxGridY = 65535;     ///< What a GPU takes of blocks along y.
 
 namespace gpu {
 
+/// Blocks of `block` threads, one thread for each of `cols` by `rows` elements.
+inline dim3 covering_grid(index_t cols, index_t rows, dim3 block) {
+    return dim3(div_up(static_cast<int>(cols), static_cast<int>(block.x)),
+                div_up(static_cast<int>(rows), static_cast<int>(block.y)), 1);
+}
+
 /// A grid over a matrix: x covers the columns by blocks of `threads`, y the rows, of which a kernel
 /// steps over those beyond the cap.
 inline dim3 matrix_grid(index_t rows, index_t cols, int threads) {

@@ -77,12 +77,7 @@ __global__ void KeCalClassifyAcuTargetFindMax(const float* in, int* max_idx, flo
     }
     smax[t] = max;
     sidx[t] = idx;
-    block_fold<kThreads>([&](int to, int from) {
-        if (smax[from] > smax[to]) {
-            smax[to] = smax[from];
-            sidx[to] = sidx[from];
-        }
-    });
+    block_fold<kThreads>(ArgMaxSlots{smax, sidx});
     if (t == 0) {
         max_idx[blockIdx.x] = sidx[0];
         out[blockIdx.x] = smax[0];

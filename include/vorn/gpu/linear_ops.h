@@ -65,17 +65,14 @@ static __global__ void KeColDeAppend(const float* in, float* out, int offset, in
     }
 }
 
-/// Blocks of 32 by 32 threads over a matrix.
-inline dim3 tile_grid(int columns, int rows) {
-    return dim3(div_up(columns, wrap_size), div_up(rows, wrap_size), 1);
-}
+const dim3 kMaxOutBlock(32, 32, 1);
 
 inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<int>& idx_vec,
                              Tensor<float>& out) {
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
-    for_each_launch(dimM, wrap_size, [&](index_t first, int rows) {
+    for_each_launch(dimM, kMaxOutBlock.y, [&](index_t first, int rows) {
         const index_t start = first * dimN;
-        launch<KeMaxOutForward>(tile_grid(dimN, rows), dim3(32, 32, 1),
+        launch<KeMaxOutForward>(covering_grid(dimN, rows, kMaxOutBlock), kMaxOutBlock,
                                 in.get_ptr() + start * pooling_size, out.get_ptr() + start,
                                 idx_vec.get_ptr() + start, pooling_size, rows, dimN);
     });
@@ -85,11 +82,11 @@ inline void vorn_max_out_fwd(const Tensor<float>& in, int pooling_size, Tensor<i
 inline void vorn_max_out_bwd(const Tensor<float>& in, int pooling_size, const Tensor<int>& idx_vec,
                              Tensor<float>& out, DType alpha, DType beta) {
     const int dimM = static_cast<int>(in.row()), dimN = static_cast<int>(in.get_w());
-    for_each_launch(dimM, wrap_size, [&](index_t first, int rows) {
+    for_each_launch(dimM, kMaxOutBlock.y, [&](index_t first, int rows) {
         const index_t start = first * dimN;
-        launch<KeMaxOutBackward>(tile_grid(dimN, rows), dim3(32, 32, 1), in.get_ptr() + start,
-                                 out.get_ptr() + start * pooling_size, idx_vec.get_ptr() + start,
-                                 pooling_size, rows, dimN, alpha, beta);
+        launch<KeMaxOutBackward>(covering_grid(dimN, rows, kMaxOutBlock), kMaxOutBlock,
+                                 in.get_ptr() + start, out.get_ptr() + start * pooling_size,
+                                 idx_vec.get_ptr() + start, pooling_size, rows, dimN, alpha, beta);
     });
     VORN_KERNEL_TAIL();
 }
@@ -99,7 +96,7 @@ inline void vorn_col_append(const Tensor<float>& in, Tensor<float>& out, index_t
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
     const int in_dimN = static_cast<int>(in.get_w());
     for_each_launch(dimM, 1, [&](index_t first, int rows) {
-        launch<KeColAppend>(dim3(div_up(in_dimN, NT), rows, 1), NT, in.get_ptr() + first * in_dimN,
+        launch<KeColAppend>(covering_grid(in_dimN, rows, NT), NT, in.get_ptr() + first * in_dimN,
                             out.get_ptr() + first * dimN, static_cast<int>(offset), in_dimN, rows,
                             dimN);
     });
@@ -111,7 +108,7 @@ inline void vorn_col_deappend(const Tensor<float>& in, Tensor<float>& out, index
     const int dimM = static_cast<int>(out.row()), dimN = static_cast<int>(out.get_w());
     const int in_dimN = static_cast<int>(in.get_w());
     for_each_launch(dimM, 1, [&](index_t first, int rows) {
-        launch<KeColDeAppend>(dim3(div_up(dimN, NT), rows, 1), NT, in.get_ptr() + first * in_dimN,
+        launch<KeColDeAppend>(covering_grid(dimN, rows, NT), NT, in.get_ptr() + first * in_dimN,
                               out.get_ptr() + first * dimN, static_cast<int>(offset), in_dimN, rows,
                               dimN);
     });

@@ -1,6 +1,7 @@
 #ifndef VORN_GPU_REDUCE_H_
 #define VORN_GPU_REDUCE_H_
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/tensor/tensor.h"
 
@@ -23,60 +24,28 @@ __global__ void KeReduceRow(Reducer f, const In* in, index_t ldi, Out* out, inde
         value = f.combine(value, row[c]);
     }
     s[t] = value;
-    __syncthreads();
-    for (int half = NT / 2; half > wrap_size; half /= 2) {
-        if (t < half) {
-            f.reduce(s[t], s[t + half]);
-        }
-        __syncthreads();
-    }
-    if (t < wrap_size) {
-        // The whole warp takes part in every level; what the upper threads compute is not used.
-        for (int half = wrap_size; half > 0; half /= 2) {
-            const In other = s[t + half];
-            __syncwarp();
-            f.reduce(s[t], other);
-            __syncwarp();
-        }
-    }
-    __syncthreads();
+    block_fold<NT>([&](int to, int from) { f.reduce(s[to], s[from]); });
     if (t == 0) {
         out[blockIdx.x] = f.save_fused(s[0], out[blockIdx.x]);
     }
 }
 
 /// out[c] = save(fold of column c of `in`), one block of NT by VT threads for NT columns; in:
-/// (h x w), pitch ldi. Threads of a warp read neighbouring columns, and fold every VT-th row; then
-/// each warp folds the VT values of one column. The pitch of NT + 1 keeps the columns of the tile
-/// in different banks.
+/// (h x w), pitch ldi. Threads of a warp read neighbouring columns, and fold every VT-th row.
 template <int NT, int VT, typename Reducer, typename In, typename Out>
 __global__ void KeReduceCol(Reducer f, const In* in, index_t ldi, Out* out, index_t h, index_t w) {
-    static_assert(NT == wrap_size && VT == wrap_size, "a warp folds a column of the tile");
-    constexpr int kPitch = NT + 1;
-    __shared__ In s[VT * kPitch];
-    const int tx = threadIdx.x, ty = threadIdx.y;
-    const index_t c = blockIdx.x * static_cast<index_t>(blockDim.x) + tx;
+    static_assert(NT == wrap_size && VT == wrap_size, "the block is a tile");
+    __shared__ FoldTile<In> s;
+    const index_t c = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x;
     In value = f.identity();
     if (c < w) {
-        for (index_t r = ty; r < h; r += VT) {
+        for (index_t r = threadIdx.y; r < h; r += VT) {
             value = f.combine(value, in[r * ldi + c]);
         }
     }
-    s[tx * kPitch + ty] = value;
-    __syncthreads();
-    In* column = s + ty * kPitch;
-    for (int half = VT / 2; half > 0; half /= 2) {
-        const bool active = tx < VT / 2;
-        const In other = active ? column[tx + half] : f.identity();
-        __syncwarp();
-        if (active) {
-            f.reduce(column[tx], other);
-        }
-        __syncwarp();
-    }
-    __syncthreads();
-    if (ty == 0 && c < w) {
-        out[c] = f.save_fused(s[tx * kPitch], out[c]);
+    const In folded = tile_fold(s, value, [=](In a, In b) { return f.combine(a, b); });
+    if (threadIdx.y == 0 && c < w) {
+        out[c] = f.save_fused(folded, out[c]);
     }
 }
 

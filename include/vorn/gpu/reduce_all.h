@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cfloat>
 
+#include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/gpu/memory.h"
 #include "vorn/rules/reduce_functors.h"
@@ -42,13 +43,7 @@ __global__ void KeReduceAll(Reducer f, const DType* in, index_t count, DType* ou
         }
     }
     s[t] = value[0];
-    __syncthreads();
-    for (int half = NT / 2; half > 0; half /= 2) {
-        if (t < half) {
-            s[t] = f.combine(s[t], s[t + half]);
-        }
-        __syncthreads();
-    }
+    block_fold<NT>([&](int to, int from) { s[to] = f.combine(s[to], s[from]); });
     if (t == 0) {
         out[blockIdx.x] = s[0];
     }

@@ -64,11 +64,6 @@ static __global__ void KeLstmBpOp(const float* i_out, const float* f_out, const 
     }
 }
 
-inline dim3 lstm_grid(index_t width, index_t height) {
-    return dim3(div_up(static_cast<int>(width), kLstmThreads),
-                std::min(static_cast<int>(height), kMaxGridSize), 1);
-}
-
 inline void vorn_lstm_op(const Tensor<float>& wx_out, const Tensor<float>& wc_i,
                          const Tensor<float>& wc_f, const Tensor<float>& wc_o,
                          const Tensor<float>& c_pre, Tensor<float>& c_cur, Tensor<float>& i_out,
@@ -80,11 +75,11 @@ inline void vorn_lstm_op(const Tensor<float>& wx_out, const Tensor<float>& wc_i,
     const index_t sub_width = wc_i.get_width(), sub_height = wx_out.get_height();
     const auto queue = [&](auto limit) {
         launch<KeLstmOp<decltype(limit)::value>>(
-            lstm_grid(sub_width, sub_height), kLstmThreads, wx_out.get_ptr(), wc_i.get_ptr(),
-            wc_f.get_ptr(), wc_o.get_ptr(), c_pre.get_ptr(), c_cur.get_ptr(), i_out.get_ptr(),
-            f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), hc.get_ptr(), m_cur.get_ptr(),
-            wx_out.get_stride(), c_pre.get_stride(), c_cur.get_stride(), m_cur.get_stride(),
-            sub_width, sub_height, max, min);
+            matrix_grid(sub_height, sub_width, kLstmThreads), kLstmThreads, wx_out.get_ptr(),
+            wc_i.get_ptr(), wc_f.get_ptr(), wc_o.get_ptr(), c_pre.get_ptr(), c_cur.get_ptr(),
+            i_out.get_ptr(), f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), hc.get_ptr(),
+            m_cur.get_ptr(), wx_out.get_stride(), c_pre.get_stride(), c_cur.get_stride(),
+            m_cur.get_stride(), sub_width, sub_height, max, min);
     };
     if (func::is_lstm_limit(max, min)) {
         queue(std::true_type());
@@ -101,11 +96,11 @@ inline void vorn_lstm_bp_op(const Tensor<float>& i_out, const Tensor<float>& f_o
                             const Tensor<float>& c_err, Tensor<float>& e_cur,
                             Tensor<float>& wx_err) {
     const index_t sub_width = i_out.get_width(), sub_height = i_out.get_height();
-    launch<KeLstmBpOp>(lstm_grid(sub_width, sub_height), kLstmThreads, i_out.get_ptr(),
-                       f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(), wc_o.get_ptr(),
-                       m_err.get_ptr(), hc.get_ptr(), c_pre.get_ptr(), c_err.get_ptr(),
-                       e_cur.get_ptr(), wx_err.get_ptr(), wx_err.get_stride(), sub_width,
-                       sub_height);
+    launch<KeLstmBpOp>(matrix_grid(sub_height, sub_width, kLstmThreads), kLstmThreads,
+                       i_out.get_ptr(), f_out.get_ptr(), c_out.get_ptr(), o_out.get_ptr(),
+                       wc_o.get_ptr(), m_err.get_ptr(), hc.get_ptr(), c_pre.get_ptr(),
+                       c_err.get_ptr(), e_cur.get_ptr(), wx_err.get_ptr(), wx_err.get_stride(),
+                       sub_width, sub_height);
     VORN_KERNEL_TAIL();
 }
 

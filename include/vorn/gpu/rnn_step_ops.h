@@ -184,40 +184,37 @@ static __global__ void KeCountValidLabel(const int* mask, int* batch_seq_len, in
 
 }  // namespace rnn_step
 
-inline dim3 cell_grid(const Tensor<float>& out, int threads) {
-    return dim3(div_up(static_cast<int>(out.get_w()), threads), static_cast<int>(out.row()), 1);
-}
-
 inline void vorn_ld_mul_diag_mat_sigmoid(const Tensor<float>& in, const Tensor<float>& w,
                                          const Tensor<float>& bak, Tensor<float>& out, DType alpha,
                                          DType beta) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<ke_ld_mul_diag_mat_sigmoid>(
-        cell_grid(out, kRnnStepThreads), kRnnStepThreads, in.get_ptr(), w.get_ptr(), bak.get_ptr(),
-        out.get_ptr(), static_cast<int>(bak.get_stride()), height, width, alpha, beta);
+    launch<ke_ld_mul_diag_mat_sigmoid>(covering_grid(width, height, kRnnStepThreads),
+                                       kRnnStepThreads, in.get_ptr(), w.get_ptr(), bak.get_ptr(),
+                                       out.get_ptr(), static_cast<int>(bak.get_stride()), height,
+                                       width, alpha, beta);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_elem_mul_add(const Tensor<float>& a, const Tensor<float>& b,
                               const Tensor<float>& c, const Tensor<float>& d, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<KeElemMulAdd>(cell_grid(out, kMulAddThreads), kMulAddThreads, a.get_ptr(), b.get_ptr(),
-                         c.get_ptr(), d.get_ptr(), out.get_ptr(), height, width);
+    launch<KeElemMulAdd>(covering_grid(width, height, kMulAddThreads), kMulAddThreads, a.get_ptr(),
+                         b.get_ptr(), c.get_ptr(), d.get_ptr(), out.get_ptr(), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_elem_mul_tanh(const Tensor<float>& a, const Tensor<float>& b,
                                const Tensor<float>& c, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<ke_elem_mul_tanh>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, a.get_ptr(),
-                             b.get_ptr(), c.get_ptr(), out.get_ptr(), height, width);
+    launch<ke_elem_mul_tanh>(covering_grid(width, height, kRnnStepThreads), kRnnStepThreads,
+                             a.get_ptr(), b.get_ptr(), c.get_ptr(), out.get_ptr(), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_ld_sigmoid_bprop(const Tensor<float>& b, const Tensor<float>& c,
                                   Tensor<float>& out, DType alpha, DType beta) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<KeSigmoidBp>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, b.get_ptr(),
+    launch<KeSigmoidBp>(covering_grid(width, height, kRnnStepThreads), kRnnStepThreads, b.get_ptr(),
                         b.get_stride(), c.get_ptr(), c.get_stride(), out.get_ptr(),
                         out.get_stride(), height, width, alpha, beta);
     VORN_KERNEL_TAIL();
@@ -226,8 +223,8 @@ inline void vorn_ld_sigmoid_bprop(const Tensor<float>& b, const Tensor<float>& c
 inline void vorn_ld_sigmoid_backprop(const Tensor<float>& a, const Tensor<float>& b,
                                      const Tensor<float>& c, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<ke_ld_sigmoid_backprop>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, a.get_ptr(),
-                                   b.get_ptr(), c.get_ptr(), out.get_ptr(),
+    launch<ke_ld_sigmoid_backprop>(covering_grid(width, height, kRnnStepThreads), kRnnStepThreads,
+                                   a.get_ptr(), b.get_ptr(), c.get_ptr(), out.get_ptr(),
                                    static_cast<int>(out.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
@@ -237,10 +234,10 @@ inline void vorn_ld_cell_cur_error(const Tensor<float>& m_err, const Tensor<floa
                                    const Tensor<float>& w_oc, const Tensor<float>& ebc,
                                    Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<ke_ld_cell_cur_error>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, m_err.get_ptr(),
-                                 o.get_ptr(), hc.get_ptr(), o_err.get_ptr(), w_oc.get_ptr(),
-                                 ebc.get_ptr(), out.get_ptr(), static_cast<int>(o.get_stride()),
-                                 static_cast<int>(o_err.get_stride()), height, width);
+    launch<ke_ld_cell_cur_error>(
+        covering_grid(width, height, kRnnStepThreads), kRnnStepThreads, m_err.get_ptr(),
+        o.get_ptr(), hc.get_ptr(), o_err.get_ptr(), w_oc.get_ptr(), ebc.get_ptr(), out.get_ptr(),
+        static_cast<int>(o.get_stride()), static_cast<int>(o_err.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
 
@@ -249,18 +246,19 @@ inline void vorn_ld_cell_back_error(const Tensor<float>& c_err, const Tensor<flo
                                     const Tensor<float>& i_err, const Tensor<float>& w_ic,
                                     Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<ke_ld_cell_back_error>(
-        cell_grid(out, kRnnStepThreads), kRnnStepThreads, c_err.get_ptr(), f.get_ptr(),
-        f_err.get_ptr(), w_fc.get_ptr(), i_err.get_ptr(), w_ic.get_ptr(), out.get_ptr(),
-        static_cast<int>(f_err.get_stride()), static_cast<int>(i_err.get_stride()), height, width);
+    launch<ke_ld_cell_back_error>(covering_grid(width, height, kRnnStepThreads), kRnnStepThreads,
+                                  c_err.get_ptr(), f.get_ptr(), f_err.get_ptr(), w_fc.get_ptr(),
+                                  i_err.get_ptr(), w_ic.get_ptr(), out.get_ptr(),
+                                  static_cast<int>(f_err.get_stride()),
+                                  static_cast<int>(i_err.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
 
 inline void vorn_ld_tanh_backprop(const Tensor<float>& a, const Tensor<float>& b,
                                   const Tensor<float>& c, Tensor<float>& out) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
-    launch<ke_ld_tanh_backprop>(cell_grid(out, kRnnStepThreads), kRnnStepThreads, a.get_ptr(),
-                                b.get_ptr(), c.get_ptr(), out.get_ptr(),
+    launch<ke_ld_tanh_backprop>(covering_grid(width, height, kRnnStepThreads), kRnnStepThreads,
+                                a.get_ptr(), b.get_ptr(), c.get_ptr(), out.get_ptr(),
                                 static_cast<int>(out.get_stride()), height, width);
     VORN_KERNEL_TAIL();
 }
