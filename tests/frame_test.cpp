@@ -148,6 +148,12 @@ struct GridProbe {
         }
     }
     __device__ void operator()(index_t row, index_t col) { (*this)(row + col); }
+    template <int N>
+    __device__ bool is_packed() const {
+        return false;
+    }
+    template <int N>
+    __device__ void run_pack(index_t) {}
 };
 
 TEST(LaunchSizeTest, DivUp) {

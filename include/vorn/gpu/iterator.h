@@ -14,11 +14,21 @@
 namespace vorn {
 namespace gpu {
 
-/// f(i) for i in [0, count), one grid-stride loop.
+const int kIterateThreads = 128;
+
+/// f(i) for i in [0, count), one grid-stride loop over packs of four where all operands are
+/// aligned, and one over single elements for the rest. Ten blocks fit on a multiprocessor, whatever
+/// the rule.
 template <typename Op>
-__global__ void KeConIterateOp(Op f, index_t count) {
-    for (index_t i = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x; i < count;
-         i += gridDim.x * static_cast<index_t>(blockDim.x)) {
+__global__ void __launch_bounds__(kIterateThreads, 10) KeConIterateOp(Op f, index_t count) {
+    constexpr int kPack = 4;
+    const index_t first = blockIdx.x * static_cast<index_t>(blockDim.x) + threadIdx.x;
+    const index_t step = gridDim.x * static_cast<index_t>(blockDim.x);
+    const index_t packs = f.template is_packed<kPack>() ? count / kPack : 0;
+    for (index_t i = first; i < packs; i += step) {
+        f.template run_pack<kPack>(i);
+    }
+    for (index_t i = packs * kPack + first; i < count; i += step) {
         f(i);
     }
 }
@@ -37,20 +47,16 @@ __global__ void KeIterateOp(Op f, index_t dimM, index_t dimN) {
 
 template <typename Op>
 void iterate(Op f, index_t count) {
-    const int NT = 128;
-    const int max_blocks = kMaxGridSize;
-    const int grid_size = std::min(div_up(count, NT), max_blocks);
-    launch<KeConIterateOp<Op>>(grid_size, NT, f, count);
+    const int grid_size = std::min(div_up(count, kIterateThreads), kMaxGridSize);
+    launch<KeConIterateOp<Op>>(grid_size, kIterateThreads, f, count);
     VORN_KERNEL_TAIL();
 }
 
 template <typename Op>
 void iterate(Op f, index_t dimM, index_t dimN) {
-    const int NT = 128;
-    const int max_blocks = kMaxGridSize;
-    const int grid_x = std::min(div_up(dimN, NT), 32);
-    const int grid_y = std::min(static_cast<int>(dimM), max_blocks / std::max(grid_x, 1));
-    launch<KeIterateOp<Op>>(dim3(grid_x, grid_y, 1), NT, f, dimM, dimN);
+    const int grid_x = std::min(div_up(dimN, kIterateThreads), 32);
+    const int grid_y = std::min(static_cast<int>(dimM), kMaxGridSize / std::max(grid_x, 1));
+    launch<KeIterateOp<Op>>(dim3(grid_x, grid_y, 1), kIterateThreads, f, dimM, dimN);
     VORN_KERNEL_TAIL();
 }
 

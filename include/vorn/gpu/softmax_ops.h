@@ -16,20 +16,28 @@ namespace gpu {
 
 // ---- Forward
 
-/// Rows of `channel` elements, block b on row b.
+/// Rows of `channel` elements, block b on row b. Thread t has columns t, t + kThreads, ..., of
+/// which the first kKept stay in registers.
 template <int kThreads>
 __global__ void KeSoftMax(const float* in, float* out, int channel, float, float) {
+    constexpr int kKept = 4;
     __shared__ float dfMax_s[kThreads];
     __shared__ float max;
     const int t = threadIdx.x;
     const int row = blockIdx.x * channel;
+    const index_t rest = t + kKept * kThreads;
+    float kept[kKept];
 
-    dfMax_s[t] = -FLT_MAX;
-    for (index_t col = t; col < channel; col += kThreads) {
-        if (dfMax_s[t] < in[row + col]) {
-            dfMax_s[t] = in[row + col];
-        }
+    float largest = -FLT_MAX;
+    for (int k = 0; k < kKept; ++k) {
+        const int col = t + k * kThreads;
+        kept[k] = col < channel ? in[row + col] : -FLT_MAX;
+        largest = largest < kept[k] ? kept[k] : largest;
     }
+    for (index_t col = rest; col < channel; col += kThreads) {
+        largest = largest < in[row + col] ? in[row + col] : largest;
+    }
+    dfMax_s[t] = largest;
     block_fold<kThreads>([&](int to, int from) {
         dfMax_s[to] = dfMax_s[to] < dfMax_s[from] ? dfMax_s[from] : dfMax_s[to];
     });
@@ -38,19 +46,28 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
     }
     __syncthreads();
 
-    for (index_t col = t; col < channel; col += kThreads) {
-        out[row + col] = expf(in[row + col] - max);
-    }
-    __syncthreads();
     float sum = 0;
-    for (index_t col = t; col < channel; col += kThreads) {
+    for (int k = 0; k < kKept; ++k) {
+        if (t + k * kThreads < channel) {
+            kept[k] = expf(kept[k] - max);
+            sum += kept[k];
+        }
+    }
+    for (index_t col = rest; col < channel; col += kThreads) {
+        out[row + col] = expf(in[row + col] - max);
         sum += out[row + col];
     }
     dfMax_s[t] = sum;
     block_fold<kThreads>([&](int to, int from) { dfMax_s[to] += dfMax_s[from]; });
     __syncthreads();
 
-    for (index_t col = t; col < channel; col += kThreads) {
+    for (int k = 0; k < kKept; ++k) {
+        const int col = t + k * kThreads;
+        if (col < channel) {
+            out[row + col] = kept[k] / dfMax_s[0];
+        }
+    }
+    for (index_t col = rest; col < channel; col += kThreads) {
         out[row + col] = out[row + col] / dfMax_s[0];
     }
 }
@@ -98,11 +115,32 @@ inline void vorn_softmax(const Tensor<float>& in, Tensor<float>& out, index_t ou
 
 // ---- Channel sum
 
-/// out[o * inner + k] = the sum over c of in(o, c, k), in ascending order.
+/// out[o * inner + k] = the sum over c of in(o, c, k), in ascending order. Where inner is 1, one
+/// thread has to add up a whole row: the others fetch it into shared memory.
 template <int kThreads>
 __global__ void KeStatChannelSum(const float* in, float* out, index_t, index_t channel,
                                  index_t inner) {
     const index_t o = blockIdx.x;
+    if (inner == 1) {
+        __shared__ float part[kThreads];
+        const index_t t = threadIdx.x;
+        float sum = 0;
+        for (index_t first = 0; first < channel; first += kThreads) {
+            const index_t count = channel - first < kThreads ? channel - first : kThreads;
+            if (t < count) {
+                part[t] = in[o * channel + first + t];
+            }
+            __syncthreads();
+            for (index_t c = 0; t == 0 && c < count; ++c) {
+                sum += part[c];
+            }
+            __syncthreads();
+        }
+        if (t == 0) {
+            out[o] = sum;
+        }
+        return;
+    }
     for (index_t k = threadIdx.x; k < inner; k += kThreads) {
         float sum = 0;
         for (index_t c = 0; c < channel; ++c) {

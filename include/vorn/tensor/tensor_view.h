@@ -1,6 +1,8 @@
 #ifndef VORN_TENSOR_TENSOR_VIEW_H_
 #define VORN_TENSOR_TENSOR_VIEW_H_
 
+#include <cstdint>
+
 #include "vorn/host_device.h"
 #include "vorn/tensor/tensor.h"
 
@@ -34,6 +36,12 @@ public:
     int n_s, c_s, h_s, w_s;
 };
 
+/// N elements that a GPU reads or writes at once.
+template <typename T, int N>
+struct alignas(N * sizeof(T)) Pack {
+    T elements[N];
+};
+
 /// A tensor as a matrix of row() rows, for kernels. One without axes has no elements.
 template <typename T, bool is_contiguous>
 class MatrixView;
@@ -49,6 +57,19 @@ public:
 
     VORN_HD T& operator()(int row, int col) const { return _ptr[row * _width + col]; }
     VORN_HD T& operator()(int idx) const { return _ptr[idx]; }
+
+    template <int N>
+    using PackOf = Pack<T, N>;
+    /// Whether the elements can be taken in packs.
+    template <int N>
+    VORN_HD bool is_packed() const {
+        return reinterpret_cast<uintptr_t>(_ptr) % alignof(PackOf<N>) == 0;
+    }
+    /// The elements idx * N, ..., idx * N + N - 1.
+    template <int N>
+    VORN_HD PackOf<N>& pack(index_t idx) const {
+        return reinterpret_cast<PackOf<N>*>(_ptr)[idx];
+    }
 
     T* _ptr;
     size_t _width;
