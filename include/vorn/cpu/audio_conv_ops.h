@@ -77,10 +77,7 @@ inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int,
                 // A patch beyond the last frequency, which is the caller's fault, is cut off there.
                 const int frequencies = c < 0 ? 0 : std::clamp(fbank - c, 0, filter_size);
                 const index_t size = static_cast<index_t>(frequencies) * temporal_dim;
-#pragma GCC ivdep
-                for (index_t j = 0; j < size; ++j) {
-                    sum[j] += patch[j];
-                }
+                for_each_element(size, [=](index_t j) { sum[j] += patch[j]; });
             }
             transpose_matrix(frame.data(), temporal_dim, out_row, fbank, temporal_dim, fbank);
         }
@@ -93,10 +90,7 @@ inline void vorn_audio_conv_batch_bias(const Tensor<float>& bias, Tensor<float>&
     float* out_p = out.get_ptr();
     for (int i = 0; i < batch; ++i, bias_p += dim_n) {
         for (index_t j = 0; j < sub_dim_m; ++j, out_p += dim_n) {
-#pragma GCC ivdep
-            for (index_t k = 0; k < dim_n; ++k) {
-                out_p[k] += bias_p[k];
-            }
+            for_each_element(dim_n, [=](index_t k) { out_p[k] += bias_p[k]; });
         }
     }
 }
@@ -282,11 +276,10 @@ inline void vorn_max_pooling_bp(const Tensor<float>& in, const Tensor<int>& conv
             float* out_p = out.get_ptr() + (row + i * c_size) * out_dimN;
             for (; count != 0; --count, error_p += out_dimN, idx_p += out_dimN) {
                 for (int t = 0; t < pooling_size; ++t, out_p += out_dimN) {
-#pragma GCC ivdep
-                    for (index_t j = 0; j < out_dimN; ++j) {
+                    for_each_element(out_dimN, [=](index_t j) {
                         const float blend = alpha * error_p[j] + beta * out_p[j];
                         out_p[j] = idx_p[j] == t ? blend : out_p[j];
-                    }
+                    });
                 }
             }
         };

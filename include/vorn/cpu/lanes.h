@@ -4,13 +4,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "vorn/cpu/loops.h"
+
 /// Small vectors of the compiler's own, for the host loops that it does not vectorise by itself.
 namespace vorn {
 namespace cpu {
-
-// For helpers whose running values are to stay in registers, and for loops in which a constant
-// argument that the compiler sees drops out of a chain of dependent steps.
-#define VORN_FORCE_INLINE inline __attribute__((always_inline))
 
 template <typename T>
 struct Lanes {

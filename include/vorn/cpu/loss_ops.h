@@ -7,6 +7,7 @@
 
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
+#include "vorn/cpu/loops.h"
 #include "vorn/cpu/reduce.h"
 #include "vorn/rules/loss_rule.h"
 #include "vorn/tensor/tensor.h"
@@ -52,11 +53,11 @@ inline void cross_entropy_bp_positions(const float* in, const float* label, cons
         for_each_run(channel, inner, n, repeat, [&](index_t at, index_t length) {
             const float* x = in + k + at;
             float* d = out + k + at;
-#pragma GCC ivdep
-            for (int j = 0; j < static_cast<int>(length); ++j) {
-                const bool is_label = static_cast<int>(at) + j == labelled[j];
-                d[j] = func::cross_entropy_bp(is_on[j], is_label, x[j], d[j], alpha, beta);
-            }
+            const int *labelled_p = labelled, *is_on_p = is_on, first = static_cast<int>(at);
+            for_each_element(static_cast<int>(length), [=](int j) {
+                const bool is_label = first + j == labelled_p[j];
+                d[j] = func::cross_entropy_bp(is_on_p[j], is_label, x[j], d[j], alpha, beta);
+            });
         });
     });
 }
@@ -64,10 +65,9 @@ inline void cross_entropy_bp_positions(const float* in, const float* label, cons
 /// inner of 1: a row per item.
 inline void cross_entropy_bp_row(const float* in, int label_val, bool is_on, float* out,
                                  index_t channel, float alpha, float beta) {
-#pragma GCC ivdep
-    for (int c = 0; c < static_cast<int>(channel); ++c) {
+    for_each_element(static_cast<int>(channel), [=](int c) {
         out[c] = func::cross_entropy_bp(is_on, c == label_val, in[c], out[c], alpha, beta);
-    }
+    });
 }
 
 inline void vorn_cross_entropy_bp(const Tensor<float>& in, const Tensor<float>& label,
@@ -207,23 +207,23 @@ struct MaxMagnitude {
 /// Pitches are honoured. The half is added in double.
 inline void vorn_fixed_loss(const Tensor<float>& in, Tensor<float>& out) {
     constexpr index_t kStrip = 1024;
-    const index_t dim_m = out.row(), dim_n = out.get_w();
-    for (index_t start = 0; start < dim_n; start += kStrip) {
-        const index_t width = std::min(kStrip, dim_n - start);
+    const index_t dim_m = out.row(), dim_n = out.get_w(), ld_in = in.ld(), ld_out = out.ld();
+    float bounds[kStrip];
+    for_each_strip<kStrip>(dim_n, [&](index_t start, index_t width) {
         const float* in_p = in.get_ptr() + start;
-        float* out_p = out.get_ptr() + start;
-        float max[kStrip];
-        fold_columns(MaxMagnitude(), in_p, dim_m, width, in.ld(),
-                     [&](index_t j, float magnitude) { max[j] = magnitude; });
-        for (index_t i = 0; i < dim_m; ++i, in_p += in.ld(), out_p += out.ld()) {
-            const auto rule = [](float x, float bound) {
-                const float scale = 127 / bound;
-                const double biased = scale * x + (x > 0 ? 0.5 : -0.5);
-                return func::fixed_level(x, bound, biased) / scale;
-            };
-            binary_row(rule, in_p, max, out_p, width);
+        float *out_p = out.get_ptr() + start, *const max = bounds;
+        fold_columns(
+            MaxMagnitude(), dim_m, width, [=](index_t i, index_t j) { return in_p[i * ld_in + j]; },
+            [=](index_t j, float magnitude) { max[j] = magnitude; });
+        const auto rule = [](float x, float bound) {
+            const float scale = 127 / bound;
+            const double biased = scale * x + (x > 0 ? 0.5 : -0.5);
+            return func::fixed_level(x, bound, biased) / scale;
+        };
+        for (index_t i = 0; i < dim_m; ++i) {
+            binary_row(rule, in_p + i * ld_in, max, out_p + i * ld_out, width);
         }
-    }
+    });
 }
 
 }  // namespace cpu

@@ -98,10 +98,9 @@ void pool_forward(const PoolingRegions& regions, const Tensor<float>& in, Tensor
                     }
                 }
                 float* out_p = &out_d(n, c, ph, 0);
-#pragma GCC ivdep
-                for (int pw = 0; pw < cols.count; ++pw) {
+                for_each_element(cols.count, [=](int pw) {
                     out_p[pw] = finish(folds[pw], ph, pw) + beta * out_p[pw];
-                }
+                });
             }
         }
     }

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "vorn/cpu/lanes.h"
+#include "vorn/cpu/loops.h"
 #include "vorn/rules/reduce_functors.h"
 #include "vorn/tensor/tensor.h"
 
@@ -215,50 +216,16 @@ void reduce_2d_row(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
               in.ld(), [=](index_t i, In result) { out_p[i] = f.save(result, out_p[i]); });
 }
 
-/// Calls save(j, fold of column j) for the columns of `dim_m` rows that are `ld` apart. Memory is
-/// walked by rows, eight at a time, in strips whose running values stay in the L1 cache.
-template <typename F, typename T, typename Save>
-void fold_columns(F f, const T* in, index_t dim_m, index_t dim_n, index_t ld, Save save) {
-    constexpr index_t kStrip = 2048;
-    T acc[kStrip];
-    for (index_t start = 0; start < dim_n; start += kStrip) {
-        const index_t width = std::min(kStrip, dim_n - start);
-        const T* p = in + start;
-        std::fill_n(acc, width, f.identity());
-        index_t i = 0;
-        for (; i + 8 <= dim_m; i += 8, p += 8 * ld) {
-            const T *p1 = p + ld, *p2 = p1 + ld, *p3 = p2 + ld, *p4 = p3 + ld;
-            const T *p5 = p4 + ld, *p6 = p5 + ld, *p7 = p6 + ld;
-#pragma GCC ivdep
-            for (index_t j = 0; j < width; ++j) {
-                T value = f.combine(acc[j], p[j]);
-                value = f.combine(value, p1[j]);
-                value = f.combine(value, p2[j]);
-                value = f.combine(value, p3[j]);
-                value = f.combine(value, p4[j]);
-                value = f.combine(value, p5[j]);
-                value = f.combine(value, p6[j]);
-                acc[j] = f.combine(value, p7[j]);
-            }
-        }
-        for (; i < dim_m; ++i, p += ld) {
-#pragma GCC ivdep
-            for (index_t j = 0; j < width; ++j) {
-                acc[j] = f.combine(acc[j], p[j]);
-            }
-        }
-        for (index_t j = 0; j < width; ++j) {
-            save(start + j, acc[j]);
-        }
-    }
-}
-
 /// out[j] = save(fold of column j of `in`)
 template <typename Reducer, typename In, typename Out>
 void reduce_2d_col(Reducer f, const Tensor<In>& in, Tensor<Out>& out) {
     Out* out_p = out.get_data();
-    fold_columns(f, in.get_data(), in.get_size().height(), in.get_size()[-1], in.ld(),
-                 [=](index_t j, In result) { out_p[j] = f.save(result, out_p[j]); });
+    const In* in_p = in.get_data();
+    const index_t ld_in = in.ld();
+    fold_columns(
+        f, in.get_size().height(), in.get_size()[-1],
+        [=](index_t i, index_t j) { return in_p[i * ld_in + j]; },
+        [=](index_t j, In result) { out_p[j] = f.save(result, out_p[j]); });
 }
 
 // The fold of one run of elements, from `res` on.

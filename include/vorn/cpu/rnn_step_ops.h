@@ -135,39 +135,19 @@ inline void vorn_ld_tanh_backprop(const Tensor<float>& a, const Tensor<float>& b
                   out);
 }
 
-/// Per column a running sum from 0 in row order. Memory is walked by rows, two at a
-/// time, in stripes of columns whose sums stay in the L1 cache.
+/// Per column a running sum from 0 in row order.
 inline void vorn_diag_mat_diff(const Tensor<float>& a, const Tensor<float>& b, Tensor<float>& out,
                                DType alpha, DType beta) {
-    constexpr int kStripe = 1024;
-    const int height = static_cast<int>(a.row()), width = static_cast<int>(a.get_w());
-    if (height < 1) {
+    const index_t height = a.row(), width = a.get_w(), a_ld = a.get_stride(), b_ld = b.get_stride();
+    if (height == 0) {
         return;
     }
-    const int a_ld = static_cast<int>(a.get_stride()), b_ld = static_cast<int>(b.get_stride());
+    const float *a_p = a.get_ptr(), *b_p = b.get_ptr();
     float* out_p = out.get_ptr();
-    for (int start = 0; start < width; start += kStripe) {
-        const int n = std::min(kStripe, width - start);
-        float sum[kStripe];
-        std::fill_n(sum, n, 0.0f);
-        const float *a_row = a.get_ptr() + start, *b_row = b.get_ptr() + start;
-        int i = 0;
-        for (; i + 2 <= height; i += 2, a_row += 2 * a_ld, b_row += 2 * b_ld) {
-            for (int j = 0; j < n; ++j) {
-                const float value = sum[j] + a_row[j] * b_row[j];
-                sum[j] = value + a_row[a_ld + j] * b_row[b_ld + j];
-            }
-        }
-        for (; i < height; ++i, a_row += a_ld, b_row += b_ld) {
-            for (int j = 0; j < n; ++j) {
-                sum[j] += a_row[j] * b_row[j];
-            }
-        }
-#pragma GCC ivdep
-        for (int j = 0; j < n; ++j) {
-            out_p[start + j] = alpha * sum[j] + beta * out_p[start + j];
-        }
-    }
+    fold_columns(
+        func::reduce_sum<float>(), height, width,
+        [=](index_t i, index_t j) { return a_p[i * a_ld + j] * b_p[i * b_ld + j]; },
+        [=](index_t j, float sum) { out_p[j] = alpha * sum + beta * out_p[j]; });
 }
 
 /// The farthest target of each sequence goes through get_row, so that a length that leads out of
@@ -200,8 +180,11 @@ struct CountNonzero {
 inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
                                    int batch_size, int sub_frame_len) {
     int* out_p = batch_seq_len.get_ptr();
-    fold_columns(CountNonzero(), mask.get_ptr(), sub_frame_len, batch_size, batch_size,
-                 [=](index_t b, int count) { out_p[b] = count; });
+    const int* labels = mask.get_ptr();
+    fold_columns(
+        CountNonzero(), sub_frame_len, batch_size,
+        [=](index_t s, index_t b) { return labels[s * batch_size + b]; },
+        [=](index_t b, int count) { out_p[b] = count; });
 }
 
 }  // namespace cpu

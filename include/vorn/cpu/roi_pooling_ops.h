@@ -104,10 +104,9 @@ inline void vorn_roi_pool_fwd(const ROIPoolingDesc& desc, const Tensor<float>& d
                                  lanes, grid_size);
                 transpose_matrix(max.data(), kRoiLanes, pooled.data(), grid_size, lanes, grid_size);
                 float* out_p = out.get_ptr() + out_first;
-#pragma GCC ivdep
-                for (index_t i = 0; i < lanes * grid_size; ++i) {
-                    out_p[i] = alpha * pooled[i] + beta * out_p[i];
-                }
+                for_each_element(lanes * grid_size, [=, pooled_p = pooled.data()](index_t i) {
+                    out_p[i] = alpha * pooled_p[i] + beta * out_p[i];
+                });
             }
         }
     }
@@ -157,10 +156,9 @@ inline void vorn_roi_pool_diff(const ROIPoolingDesc& desc, const Tensor<float>& 
                 }
             }
         }
-#pragma GCC ivdep
-        for (index_t i = 0; i < image_size; ++i) {
-            out_p[i] = alpha * gradient[i] + beta * out_p[i];
-        }
+        for_each_element(image_size, [=, gradient_p = gradient.data()](index_t i) {
+            out_p[i] = alpha * gradient_p[i] + beta * out_p[i];
+        });
     }
 }
 

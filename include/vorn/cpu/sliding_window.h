@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "vorn/base.h"
-#include "vorn/cpu/lanes.h"
+#include "vorn/cpu/loops.h"
 
 /// Loops over the positions of a window that slides along a row of an image. They run across the
 /// positions, with one tap of the window at a time: neighbouring positions are then neighbours in
@@ -30,20 +30,11 @@ struct InsideSpan {
 template <typename F>
 VORN_FORCE_INLINE void for_each_position(int count, int stride, F f) {
     if (stride == 1) {
-#pragma GCC ivdep
-        for (int p = 0; p < count; ++p) {
-            f(p, p);
-        }
+        for_each_element(count, [=](int p) { f(p, p); });
     } else if (stride == 2) {
-#pragma GCC ivdep
-        for (int p = 0; p < count; ++p) {
-            f(p, 2 * p);
-        }
+        for_each_element(count, [=](int p) { f(p, 2 * p); });
     } else {
-#pragma GCC ivdep
-        for (int p = 0; p < count; ++p) {
-            f(p, p * stride);
-        }
+        for_each_element(count, [=](int p) { f(p, p * stride); });
     }
 }
 

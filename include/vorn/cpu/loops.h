@@ -1,0 +1,82 @@
+#ifndef VORN_CPU_LOOPS_H_
+#define VORN_CPU_LOOPS_H_
+
+#include <algorithm>
+#include <type_traits>
+
+#include "vorn/base.h"
+
+/// The loops that host forms hand their formulas to. A formula is a lambda that captures by value:
+/// through a reference every store might change what it reads, and nothing would vectorise.
+namespace vorn {
+namespace cpu {
+
+// For helpers whose running values are to stay in registers, and for loops in which a constant
+// argument that the compiler sees drops out of a chain of dependent steps.
+#define VORN_FORCE_INLINE inline __attribute__((always_inline))
+
+#ifdef __clang__
+#define VORN_INDEPENDENT _Pragma("clang loop vectorize(assume_safety)")
+#else
+#define VORN_INDEPENDENT _Pragma("GCC ivdep")
+#endif
+
+/// f(i) for i in [0, n), of which no call reads what another one writes: an output may be an input
+/// of its own element.
+template <typename Index, typename F>
+VORN_FORCE_INLINE void for_each_element(Index n, F f) {
+    VORN_INDEPENDENT
+    for (Index i = 0; i < n; ++i) {
+        f(i);
+    }
+}
+
+/// f(r, rows) for all rows in ascending order, kRows of them at a time from `r` on, then one by
+/// one. `rows` is a constant, so that a loop over it unrolls.
+template <index_t kRows, typename F>
+VORN_FORCE_INLINE void for_each_rows(index_t dim_m, F f) {
+    index_t r = 0;
+    for (; r + kRows <= dim_m; r += kRows) {
+        f(r, std::integral_constant<index_t, kRows>());
+    }
+    for (; r < dim_m; ++r) {
+        f(r, std::integral_constant<index_t, 1>());
+    }
+}
+
+/// f(start, width) for strips of at most kWidth columns, whose running values stay in the L1 cache
+/// while memory is walked by rows.
+template <index_t kWidth, typename F>
+void for_each_strip(index_t dim_n, F f) {
+    for (index_t start = 0; start < dim_n; start += kWidth) {
+        f(start, std::min(kWidth, dim_n - start));
+    }
+}
+
+/// Calls save(j, fold of column j) for dim_n columns: value = f.combine(value, at(i, j)) for the
+/// rows i in ascending order, from f.identity() on.
+template <typename F, typename At, typename Save>
+void fold_columns(F f, index_t dim_m, index_t dim_n, At at, Save save) {
+    using Value = decltype(f.identity());
+    constexpr index_t kStrip = 2048, kRows = 8;
+    Value values[kStrip];
+    for_each_strip<kStrip>(dim_n, [&](index_t start, index_t width) {
+        Value* const acc = values;
+        std::fill_n(acc, width, f.identity());
+        for_each_rows<kRows>(dim_m, [=](index_t i, auto rows) {
+            for_each_element(width, [=](index_t j) {
+                Value value = acc[j];
+                for (index_t r = 0; r < rows; ++r) {
+                    value = f.combine(value, at(i + r, start + j));
+                }
+                acc[j] = value;
+            });
+        });
+        for_each_element(width, [=](index_t j) { save(start + j, acc[j]); });
+    });
+}
+
+}  // namespace cpu
+}  // namespace vorn
+
+#endif  // VORN_CPU_LOOPS_H_
