@@ -70,10 +70,12 @@ inline void vorn_audio_batch_norm_train(const Tensor<float>& x, const Tensor<flo
         std::fill_n(square, width, 0.0f);
         const float* in = x.get_ptr() + start;
         for_each_rows<kNormRows>(dim_m, [=](index_t first, auto rows) {
+            const float* x_p = in + first * dim_n;
+            const int* weight = mask_p + first;
             for_each_element(width, [=](index_t j) {
                 float s = sum[j], q = square[j];
-                for (index_t r = first; r < first + rows; ++r) {
-                    const float a = mask_p[r] * in[r * dim_n + j];
+                for (index_t r = 0; r < rows; ++r) {
+                    const float a = weight[r] * x_p[r * dim_n + j];
                     s += a;
                     q += a * a;
                 }
@@ -98,11 +100,14 @@ inline void vorn_audio_batch_norm_train(const Tensor<float>& x, const Tensor<flo
         const float *scale_p = scale.get_ptr() + start, *bias_p = bias.get_ptr() + start;
         float* out = y.get_ptr() + start;
         for_each_rows<kNormRows>(dim_m, [=](index_t first, auto rows) {
+            const float* x_p = in + first * dim_n;
+            const int* weight = mask_p + first;
+            float* y_p = out + first * dim_n;
             for_each_element(width, [=](index_t j) {
                 const float m = mean[j], i = inv_std[j], s = scale_p[j], b = bias_p[j];
-                for (index_t r = first; r < first + rows; ++r) {
+                for (index_t r = 0; r < rows; ++r) {
                     const index_t pos = r * dim_n + j;
-                    out[pos] = (s * (in[pos] - m) * i + b) * mask_p[r];
+                    y_p[pos] = (s * (x_p[pos] - m) * i + b) * weight[r];
                 }
             });
         });
@@ -125,13 +130,15 @@ inline void vorn_audio_batch_norm_bp(const Tensor<float>& x, const Tensor<float>
         std::fill_n(scale_sum, width, 0.0f);
         std::fill_n(bias_sum, width, 0.0f);
         for_each_rows<kNormRows>(dim_m, [=](index_t first, auto rows) {
+            const float *x_p = in + first * dim_n, *dy_p = error + first * dim_n;
+            const int* weight = mask_p + first;
             for_each_element(width, [=](index_t j) {
                 float s = scale_sum[j], b = bias_sum[j];
-                for (index_t r = first; r < first + rows; ++r) {
+                for (index_t r = 0; r < rows; ++r) {
                     const index_t pos = r * dim_n + j;
-                    const float e = error[pos] * mask_p[r];
+                    const float e = dy_p[pos] * weight[r];
                     b += e;
-                    s += inv_std[j] * e * (in[pos] - mean[j]);
+                    s += inv_std[j] * e * (x_p[pos] - mean[j]);
                 }
                 scale_sum[j] = s;
                 bias_sum[j] = b;

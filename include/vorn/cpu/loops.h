@@ -32,7 +32,7 @@ VORN_FORCE_INLINE void for_each_element(Index n, F f) {
 }
 
 /// f(r, rows) for all rows in ascending order, kRows of them at a time from `r` on, then one by
-/// one. `rows` is a constant, so that a loop over it unrolls.
+/// one. `rows` is a constant, so that a loop from 0 to it unrolls.
 template <index_t kRows, typename F>
 VORN_FORCE_INLINE void for_each_rows(index_t dim_m, F f) {
     index_t r = 0;
