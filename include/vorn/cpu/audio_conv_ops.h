@@ -30,7 +30,7 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
     const index_t group_num = conv_start.get_element_count();
     const int temporal_dim = static_cast<int>(in_dimN) / fbank;
     const index_t patch = static_cast<index_t>(filter_size) * temporal_dim;
-    const bool stream = out.count() * sizeof(float) >= kStreamBytes;
+    const RunWriter writer(out.count() * sizeof(float));
     std::vector<float> frame(in_dimN);
     float* out_p = out.get_ptr();
     for (index_t g = 0; g < group_num; ++g) {
@@ -42,16 +42,10 @@ inline void vorn_expand_feat(const Tensor<float>& feat, int fbank, int, int, int
             const float* ahead = feat.get_ptr() + (n + 1) * in_dimN;
             for (int c = start; c <= end; ++c, out_p += dimN, ahead += share) {
                 prefetch_run(ahead, share);
-                const float* run = frame.data() + c * temporal_dim;
-                if (stream) {
-                    stream_copy(out_p, run, patch);
-                } else {
-                    copy_run(out_p, run, patch);
-                }
+                writer.copy(out_p, frame.data() + c * temporal_dim, patch);
             }
         }
     }
-    _mm_sfence();
 }
 
 inline void vorn_shrink_errors(const Tensor<float>& expand, int fbank, int, int, int filter_size,

@@ -92,15 +92,9 @@ void generate(Op f, Tensor<OutT>& out) {
     const index_t dimM = is_flat ? 1 : out.row(), dimN = is_flat ? out.count() : out.col();
     const index_t out_ld = out.ld();
     OutT* out_p = out.get_ptr();
-    if (dimM * dimN * sizeof(OutT) < kStreamBytes) {
-        for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
-            fill_run(out_p, val, dimN);
-        }
-    } else {
-        for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
-            stream_fill(out_p, val, dimN);
-        }
-        _mm_sfence();
+    const RunWriter writer(dimM * dimN * sizeof(OutT));
+    for (index_t m = 0; m < dimM; ++m, out_p += out_ld) {
+        writer.fill(out_p, val, dimN);
     }
 }
 

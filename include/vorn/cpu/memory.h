@@ -79,12 +79,11 @@ void prefetch_run(const T* p, size_t n) {
     }
 }
 
-/// Outputs of this many bytes would sweep the caches; they go past them. The caller ends a row of
-/// the runs below with _mm_sfence(), because streamed stores are not ordered with what follows.
+/// Outputs of this many bytes would sweep the caches; they go past them.
 const size_t kStreamBytes = 16 << 20;
 
 /// Writes n elements past the cache: `line(p)` streams the whole line at p, and `rest(p, count)`
-/// stores what stands before the first and behind the last one, because a line written both ways,
+/// stores what stands before the first and after the last one, because a line written both ways,
 /// or in parts, costs several. The last has to be read first, which no later store may overtake,
 /// so it is asked for at once.
 template <typename T, typename Line, typename Rest>
@@ -92,7 +91,8 @@ void stream_lines(T* out, size_t n, Line line, Rest rest) {
     constexpr ptrdiff_t kElements = kLineBytes / sizeof(T);
     T* const end = out + n;
     __builtin_prefetch(end, 1);
-    const size_t head = std::min(n, -reinterpret_cast<uintptr_t>(out) % kLineBytes / sizeof(T));
+    const size_t into_line = reinterpret_cast<uintptr_t>(out) % kLineBytes;
+    const size_t head = into_line == 0 ? 0 : std::min(n, (kLineBytes - into_line) / sizeof(T));
     rest(out, head);
     for (out += head; end - out >= kElements; out += kElements) {
         line(out);
@@ -128,6 +128,31 @@ inline void stream_copy(float* out, const float* in, size_t n) {
     });
 }
 
+/// Writes an output of `bytes` bytes run by run, past the caches where it would sweep them.
+class RunWriter {
+public:
+    explicit RunWriter(size_t bytes) : _is_past_cache(bytes >= kStreamBytes) {}
+    RunWriter(const RunWriter&) = delete;
+    RunWriter& operator=(const RunWriter&) = delete;
+    /// Streamed stores are not ordered with what follows.
+    ~RunWriter() {
+        if (_is_past_cache) {
+            _mm_sfence();
+        }
+    }
+
+    template <typename T>
+    void fill(T* out, T val, size_t n) const {
+        _is_past_cache ? stream_fill(out, val, n) : fill_run(out, val, n);
+    }
+    void copy(float* out, const float* in, size_t n) const {
+        _is_past_cache ? stream_copy(out, in, n) : copy_run(out, in, n);
+    }
+
+private:
+    const bool _is_past_cache;
+};
+
 /// Copies `rows` rows of n floats. The first lines of the next row are fetched ahead: the processor
 /// foresees a row, but not where the next one starts.
 inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out, index_t rows,
@@ -139,16 +164,11 @@ inline void copy_rows(const float* in, index_t ld_in, float* out, index_t ld_out
         return;
     }
     constexpr index_t kAhead = 512;  // elements
-    const bool stream = rows * n * sizeof(float) >= kStreamBytes;
+    const RunWriter writer(rows * n * sizeof(float));
     for (index_t i = 0; i < rows; ++i, in += ld_in, out += ld_out) {
         prefetch_run(in + ld_in, std::min(n, kAhead));
-        if (stream) {
-            stream_copy(out, in, n);
-        } else {
-            copy_run(out, in, n);
-        }
+        writer.copy(out, in, n);
     }
-    _mm_sfence();
 }
 
 }  // namespace cpu
