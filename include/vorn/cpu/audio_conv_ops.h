@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "vorn/cpu/lanes.h"
+#include "vorn/cpu/loops.h"
 #include "vorn/cpu/memory.h"
 #include "vorn/cpu/reduce.h"
 #include "vorn/cpu/transpose.h"
@@ -117,138 +117,55 @@ void for_each_pooled_group(const Tensor<int>& conv_size, int pooling_size, index
 }
 
 // Pooling runs across filters, as the convolution matrix lies; the pooled matrix stands filter by
-// filter. Blocks of filters by positions are turned from one to the other in registers.
+// filter. A frame is pooled as it lies, and then transposed.
 
-/// The forward step in one frame of one group. Rows of the convolution matrix are `ld` elements
-/// apart, filters of the pooled matrix `pooling_len`.
-struct FramePooling {
-    index_t ld, pooling_len;
-    int pooling_size;
-    float alpha, beta;
-
-    static constexpr index_t kFilters = 8, kPositions = 4;
-
-    /// All filters at `count` neighbouring positions, at most kPositions. Meanwhile the lines of as
-    /// many further positions are fetched in the order in which they lie in memory.
-    template <index_t count>
-    void pool(const float* in, int* max_idx, float* out) const {
-        const index_t step = pooling_size * ld, lines = count * pooling_size * kFilters / 16;
-        const float* next = in + count * step;
-        index_t j = 0;
-        for (; j + kFilters <= ld; j += kFilters) {
-            for (index_t l = 0; l < lines; ++l, next += 16) {
-                __builtin_prefetch(next);
-            }
-            pool_block<count>(in + j, max_idx + j * pooling_len, out + j * pooling_len);
-        }
-        for (; j < ld; ++j) {
-            for (index_t p = 0; p < count; ++p) {
-                pool_one(in + p * step + j, max_idx + j * pooling_len + p,
-                         out + j * pooling_len + p);
-            }
-        }
+/// max[j] and idx[j]: the first largest of in[j], in[n + j], ..., `pooling_size` of them, and which
+/// it is.
+inline void find_first_max(const float* in, int pooling_size, index_t n, float* max, int* idx) {
+    std::copy_n(in, n, max);
+    std::fill_n(idx, n, 0);
+    for (int t = 1; t < pooling_size; ++t) {
+        const float* row = in + t * n;
+        for_each_element(n, [=](index_t j) {
+            const bool is_above = row[j] > max[j];
+            idx[j] = is_above ? t : idx[j];
+            max[j] = is_above ? row[j] : max[j];
+        });
     }
-
-    using Full = Lanes<float>::Full;
-    using FullInt = Lanes<int>::Full;
-
-    template <index_t count>
-    void pool_block(const float* in, int* max_idx, float* out) const {
-        const index_t step = pooling_size * ld;
-        Full max[kPositions] = {};
-        FullInt idx[kPositions] = {};
-        // Not a loop, which would leave the arrays in memory.
-        find_max(in, max[0], idx[0]);
-        if constexpr (count > 1) {
-            find_max(in + step, max[1], idx[1]);
-        }
-        if constexpr (count > 2) {
-            find_max(in + 2 * step, max[2], idx[2]);
-        }
-        if constexpr (count > 3) {
-            find_max(in + 3 * step, max[3], idx[3]);
-        }
-        transpose_halves(max);
-        transpose_halves(idx);
-        for (index_t k = 0; k < kPositions; ++k) {
-            put<count>(__builtin_shufflevector(max[k], max[k], 0, 1, 2, 3),
-                       __builtin_shufflevector(idx[k], idx[k], 0, 1, 2, 3),
-                       max_idx + k * pooling_len, out + k * pooling_len);
-            put<count>(__builtin_shufflevector(max[k], max[k], 4, 5, 6, 7),
-                       __builtin_shufflevector(idx[k], idx[k], 4, 5, 6, 7),
-                       max_idx + (k + 4) * pooling_len, out + (k + 4) * pooling_len);
-        }
-    }
-
-    /// The first maxima over one pooling region, of as many filters as lanes.
-    VORN_FORCE_INLINE void find_max(const float* in, Full& max, FullInt& idx) const {
-        load(max, in);
-        for (int t = 1; t < pooling_size; ++t) {
-            Full value;
-            load(value, in + t * ld);
-            const FullInt above = value > max;
-            idx = above ? t - FullInt{} : idx;
-            max = above ? value : max;
-        }
-    }
-
-    /// Stores `count` positions of one filter.
-    template <index_t count>
-    void put(Lanes<float>::Half max, Lanes<int>::Half idx, int* max_idx, float* out) const {
-        if constexpr (count == kPositions) {
-            Lanes<float>::Half old;
-            load(old, out);
-            store(out, alpha * max + beta * old);
-            store(max_idx, idx);
-        } else {
-            for (index_t p = 0; p < count; ++p) {
-                out[p] = alpha * max[p] + beta * out[p];
-                max_idx[p] = idx[p];
-            }
-        }
-    }
-
-    void pool_one(const float* in, int* max_idx, float* out) const {
-        float max = in[0];
-        int idx = 0;
-        for (int t = 1; t < pooling_size; ++t) {
-            const float value = in[t * ld];
-            idx = value > max ? t : idx;
-            max = value > max ? value : max;
-        }
-        *max_idx = idx;
-        *out = alpha * max + beta * *out;
-    }
-};
+}
 
 inline void vorn_max_pooling(const Tensor<float>& in, const Tensor<int>& conv_size, int,
                              int pooling_size, Tensor<int>& max_idx, Tensor<float>& out,
                              DType alpha, DType beta) {
-    const index_t in_dimN = in.get_w(), out_dimM = out.row(), out_dimN = out.get_w();
-    const index_t pooling_len = out_dimN / in_dimN;
-    const FramePooling frame{in_dimN, pooling_len, pooling_size, alpha, beta};
-    constexpr index_t kStep = FramePooling::kPositions;
-    for (index_t i = 0; i < out_dimM; ++i) {
+    const index_t filters = in.get_w(), nframe = out.row(), out_dimN = out.get_w();
+    const index_t pooling_len = out_dimN / filters;
+    std::vector<float> max(out_dimN), pooled(out_dimN);
+    std::vector<int> idx(out_dimN);
+    for (index_t i = 0; i < nframe; ++i) {
+        index_t positions = 0;
         const auto pool_group = [&](index_t position, index_t row, index_t c_size, index_t count) {
-            const float* in_p = in.get_ptr() + (row + i * c_size) * in_dimN;
-            int* idx_p = max_idx.get_ptr() + i * out_dimN + position;
-            float* out_p = out.get_ptr() + i * out_dimN + position;
-            for (; count >= kStep; count -= kStep) {
-                frame.pool<kStep>(in_p, idx_p, out_p);
-                in_p += kStep * pooling_size * in_dimN;
-                idx_p += kStep;
-                out_p += kStep;
+            const float* in_p = in.get_ptr() + (row + i * c_size) * filters;
+            for (index_t end = position + count; position < end; ++position) {
+                find_first_max(in_p, pooling_size, filters, max.data() + position * filters,
+                               idx.data() + position * filters);
+                in_p += pooling_size * filters;
             }
-            switch (count) {
-                case 1:
-                    return frame.pool<1>(in_p, idx_p, out_p);
-                case 2:
-                    return frame.pool<2>(in_p, idx_p, out_p);
-                case 3:
-                    return frame.pool<3>(in_p, idx_p, out_p);
-            }
+            positions = position;
         };
-        for_each_pooled_group(conv_size, pooling_size, out_dimM, pooling_len, pool_group);
+        for_each_pooled_group(conv_size, pooling_size, nframe, pooling_len, pool_group);
+
+        transpose_matrix(idx.data(), filters, max_idx.get_ptr() + i * out_dimN, pooling_len,
+                         filters, positions);
+        transpose_matrix(max.data(), filters, pooled.data(), pooling_len, filters, positions);
+        // Positions past the last group, if any, keep what they hold.
+        const index_t runs = positions == pooling_len ? 1 : filters;
+        const index_t run = positions == pooling_len ? out_dimN : positions;
+        for (index_t r = 0; r < runs; ++r) {
+            const float* max_p = pooled.data() + r * pooling_len;
+            float* out_p = out.get_ptr() + i * out_dimN + r * pooling_len;
+            for_each_element(run,
+                             [=](index_t k) { out_p[k] = alpha * max_p[k] + beta * out_p[k]; });
+        }
     }
 }
 
