@@ -45,14 +45,11 @@ std::vector<Detection> Finder::find(const Page& page) {
     if (candidates.empty()) {
         return {};
     }
-    HostBatch windows;
-    windows.add_page(with_even_sides(page));
+    _reader.add_page(with_even_sides(page));
     for (const Box& box : candidates) {
-        windows.add_window(box, kNoDigit);
+        _reader.add_window(box);
     }
-    _batch.set(windows);
-    const vorn::Tensor<float>& posteriors =
-        _network->forward(_batch.pages, _batch.windows, common::Pass::kInference);
+    const vorn::Tensor<float> posteriors = _reader.read();
     const auto classes = static_cast<int>(posteriors.get_w());
     std::vector<float> values(posteriors.count());
     posteriors.copy_to(values.data(), 0, values.size());

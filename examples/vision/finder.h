@@ -3,9 +3,9 @@
 
 #include <vector>
 
-#include "vision/batch.h"
 #include "vision/network.h"
 #include "vision/page.h"
+#include "vision/reader.h"
 
 namespace vision {
 
@@ -24,14 +24,13 @@ std::vector<Detection> suppress(std::vector<Detection> detections, double most_o
 /// and what is a digit stays but where a surer one overlaps.
 class Finder {
 public:
-    explicit Finder(Network* network) : _network(network), _batch(network->device()) {}
+    explicit Finder(Network* network) : _reader(network) {}
 
     /// The surest first. Throws Error when the posteriors are NaN.
     std::vector<Detection> find(const Page& page);
 
 private:
-    Network* _network;
-    Batch _batch;
+    Reader _reader;
 };
 
 /// How well digits were found.

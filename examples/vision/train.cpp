@@ -15,7 +15,7 @@ namespace vision {
 
 namespace {
 
-constexpr int kLeastEpochs = 6;
+constexpr int kLeastEpochs = 8;
 
 digit_images::Filters first_filters(Network* network) {
     const vorn::Tensor<float>& weights = network->first_filters();
