@@ -187,12 +187,17 @@ inline const SweptFunction kSweptFunctions[] = {
      }},
 };
 
-/// Of `cpu::log_of_normal` against `cpu::log`.
-inline Sweep sweep_log_of_normal(std::uint64_t stride) {
+/// Of the functions for some of the floats against those for all.
+inline Sweep sweep_short_forms(std::uint64_t stride) {
     const auto normal = [](float x) { return x < std::numeric_limits<float>::min() ? 1 : x; };
-    return sweep_floats([=](float x) { return cpu::log_of_normal(normal(x)); },
-                        [=](double x) -> double { return cpu::log(normal(static_cast<float>(x))); },
-                        stride);
+    const auto negative = [](float x) { return x > 0 ? -x : x; };
+    Sweep sweep = sweep_floats(
+        [=](float x) { return cpu::log_of_normal(normal(x)); },
+        [=](double x) -> double { return cpu::log(normal(static_cast<float>(x))); }, stride);
+    sweep.merge(sweep_floats(
+        [=](float x) { return cpu::exp_of_negative(negative(x)); },
+        [=](double x) -> double { return cpu::exp(negative(static_cast<float>(x))); }, stride));
+    return sweep;
 }
 
 /// Of `cpu::logistic` against its steps in double, from its own exponential on.

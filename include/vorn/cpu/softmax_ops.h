@@ -7,7 +7,7 @@
 
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
-#include "vorn/rules/scalar_math.h"
+#include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of softmax over the channels of dense (outer, channel, inner) data. Each sum runs in
@@ -142,8 +142,8 @@ inline void vorn_softmax_2d(const DType* in_p, DType* out_p, const index_t dim_m
                 for (index_t ahead = 0; ahead < n; ahead += 16) {
                     __builtin_prefetch(in_run + kRowGroup * dim_n + ahead);
                 }
-                unary_row([m](float x) { return math::exp(x - m); }, in_run, out + r * dim_n + j,
-                          n);
+                unary_row([m](float x) { return exp_of_negative(x - m); }, in_run,
+                          out + r * dim_n + j, n);
             }
             add_in_order(rows, j, j + n, sums);
         }
@@ -172,7 +172,7 @@ inline void softmax_part(const float* in, float* out, index_t channel, index_t i
     repeat_positions(max, n, repeat);
 
     for_each_run(channel, inner, n, repeat, [&](index_t at, index_t length) {
-        binary_row([](float x, float m) { return math::exp(x - m); }, in + at, max, out + at,
+        binary_row([](float x, float m) { return exp_of_negative(x - m); }, in + at, max, out + at,
                    length);
     });
     std::fill(sums, sums + n, 0.0f);
