@@ -58,8 +58,8 @@ STEP_BENCH(ld_cell_back_error, 5,
 STEP_BENCH(ld_tanh_backprop, 4, o.block[0].ld_tanh_backprop(o.x[0], o.x[1], o.x[2]));
 STEP_BENCH(diag_mat_diff, 2, o.w.diag_mat_diff(o.block[0], o.x[0]));
 
-// The operators that call expf and tanhf, against plain loops over the same operands. `x_calls` is
-// the ratio to the calls alone, of dense memory to dense memory.
+// The operators with an exponential or a tangent, against plain loops over the same operands.
+// `x_calls` is the ratio to the calls alone, of dense memory to dense memory.
 template <typename F, typename Plain, typename Call>
 void against_plain_loop(benchmark::State& state, F work, Plain plain, Call one) {
     Operands o(state);
@@ -85,7 +85,7 @@ void ld_mul_diag_mat_sigmoid(benchmark::State& state) {
 #pragma GCC ivdep
             for (index_t j = 0; j < o.cells; ++j) {
                 const float x = o.alpha * in[j] * w[j] + o.beta * bak[j];
-                out[j] = 1.0f / (1.0f + expf(x < -64 ? 64 : -x));
+                out[j] = 1.0f / (1.0f + cpu::limited_exp(-x, -64, 64));
             }
         }
     };
@@ -94,7 +94,7 @@ void ld_mul_diag_mat_sigmoid(benchmark::State& state) {
         [](Operands& o) {
             o.out.ld_mul_diag_mat_sigmoid(o.x[2], o.w, o.block[1], o.alpha, o.beta);
         },
-        plain, [](float x) { return 1.0f / (1.0f + expf(-x)); });
+        plain, [](float x) { return 1.0f / (1.0f + cpu::limited_exp(-x, -64, 64)); });
 }
 BENCHMARK(ld_mul_diag_mat_sigmoid)->Apply(sizes);
 
@@ -105,13 +105,13 @@ void elem_mul_tanh(benchmark::State& state) {
         const index_t count = o.rows * o.cells;
 #pragma GCC ivdep
         for (index_t k = 0; k < count; ++k) {
-            b[k] = tanhf(c[k]);
+            b[k] = cpu::tanh(c[k]);
             out[k] = a[k] * b[k];
         }
     };
     against_plain_loop(
         state, [](Operands& o) { o.out.elem_mul_tanh(o.x[0], o.x[1], o.x[2]); }, plain,
-        [](float x) { return tanhf(x); });
+        [](float x) { return cpu::tanh(x); });
 }
 BENCHMARK(elem_mul_tanh)->Apply(sizes);
 

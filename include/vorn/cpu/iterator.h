@@ -2,12 +2,13 @@
 #define VORN_CPU_ITERATOR_H_
 
 #include <algorithm>
+#include <cfloat>
+#include <cstdint>
+#include <limits>
 #include <type_traits>
-#include <utility>
 
 #include "vorn/cpu/memory.h"
 #include "vorn/rules/functors.h"
-#include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host loops that run one scalar rule over every element. All tensors contiguous: one flat loop
@@ -25,54 +26,51 @@ void iterate(F f, index_t count) {
     }
 }
 
+/// func::log of a run of elements, in blocks that stay in the L1 cache. Few operands hold anything
+/// but positive normal numbers, and a block of these takes four fifths of the time.
+inline void log_row(const float* in, float* out, index_t n) {
+    constexpr index_t kBlock = 512;
+    for (index_t start = 0; start < n; start += kBlock) {
+        const index_t end = std::min(n, start + kBlock);
+        std::int32_t least = std::numeric_limits<std::int32_t>::max();
+        for (index_t i = start; i < end; ++i) {
+            // As integers floats have the same order, but for negative ones, which are all less.
+            least = std::min(least, static_cast<std::int32_t>(bits_of(in[i])));
+        }
+        if (least >= static_cast<std::int32_t>(bits_of(FLT_MIN))) {
+#pragma GCC ivdep
+            for (index_t i = start; i < end; ++i) {
+                out[i] = log_of_normal(in[i]);
+            }
+        } else {
+#pragma GCC ivdep
+            for (index_t i = start; i < end; ++i) {
+                out[i] = log(in[i]);
+            }
+        }
+    }
+}
+
 // One run of elements. The rule comes by value: were it a reference, every store might change its
 // members. `ivdep` says that an element depends on its own position only, without which an output
 // that is its own input would not vectorise.
 template <typename Op, typename In, typename Out>
 void unary_row(Op f, const In* in, Out* out, index_t n) {
+    if constexpr (std::is_same_v<Op, func::log>) {
+        log_row(in, out, n);
+    } else {
 #pragma GCC ivdep
-    for (index_t i = 0; i < n; ++i) {
-        out[i] = f(in[i]);
-    }
-}
-
-/// Whether a rule of two operands is finish(expf(exponent(a)), b) and says so by these members.
-template <typename Op, typename = void>
-struct has_exponent : std::false_type {};
-template <typename Op>
-struct has_exponent<Op, std::void_t<decltype(std::declval<const Op&>().exponent(0.0f))>>
-    : std::true_type {};
-
-// The three steps of such a rule, each in a loop of its own over a block that stays in the L1
-// cache: together the calls would make the compiler spill what the arithmetic keeps in registers.
-template <typename Op>
-void exponential_row(Op f, const float* in1, const float* in2, float* out, index_t n) {
-    constexpr index_t kBlock = 512;
-    alignas(64) float value[kBlock];
-    for (index_t start = 0; start < n; start += kBlock) {
-        const index_t count = std::min(kBlock, n - start);
-        for (index_t i = 0; i < count; ++i) {
-            value[i] = f.exponent(in1[start + i]);
-        }
-        for (index_t i = 0; i < count; ++i) {
-            value[i] = expf(value[i]);
-        }
-#pragma GCC ivdep
-        for (index_t i = 0; i < count; ++i) {
-            out[start + i] = f.finish(value[i], in2[start + i]);
+        for (index_t i = 0; i < n; ++i) {
+            out[i] = f(in[i]);
         }
     }
 }
 
 template <typename Op, typename In1, typename In2, typename Out>
 void binary_row(Op f, const In1* in1, const In2* in2, Out* out, index_t n) {
-    if constexpr (has_exponent<Op>::value) {
-        exponential_row(f, in1, in2, out, n);
-    } else {
 #pragma GCC ivdep
-        for (index_t i = 0; i < n; ++i) {
-            out[i] = f(in1[i], in2[i]);
-        }
+    for (index_t i = 0; i < n; ++i) {
+        out[i] = f(in1[i], in2[i]);
     }
 }
 

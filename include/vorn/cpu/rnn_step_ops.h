@@ -60,7 +60,7 @@ inline void vorn_elem_mul_tanh(const Tensor<float>& a, const Tensor<float>& b,
     const float *a_p = a.get_ptr(), *c_p = c.get_ptr();
     float *b_p = b.get_ptr(), *out_p = out.get_ptr();
     for_each_dense_cell(out, [=](int k) {
-        const float a_k = a_p[k], h = tanhf(c_p[k]);
+        const float a_k = a_p[k], h = math::tanh(c_p[k]);
         b_p[k] = h;
         out_p[k] = a_k * h;
     });

@@ -4,7 +4,6 @@
 #include <xmmintrin.h>
 
 #include <algorithm>
-#include <cmath>
 
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
@@ -23,48 +22,25 @@ inline constexpr index_t kBackwardPart = 32768;  ///< Elements of the backward p
 
 // ---- Loops on runs of elements
 
-struct Range {
-    float min, max;
-
-    /// Whether expf(x - max) stays normal for all x, where its vector form is fast. Not so with
-    /// NaN.
-    bool is_narrow() const { return min - max >= -87.0f; }
-};
-
-/// The smallest and the largest element. The order of the fold is free here: NaN anywhere in a row
-/// makes all of its softmax NaN whatever the maximum is, and the sign of a zero is lost in the
-/// exponential.
-inline Range range_of(const float* x, index_t n) {
+/// The largest element. The order of the fold is free here: NaN anywhere in a row makes all of its
+/// softmax NaN whatever the maximum is, and the sign of a zero is lost in the exponential.
+inline float max_of(const float* x, index_t n) {
     const int kLanes = 32;
-    float min[kLanes], max[kLanes];
-    std::fill(min, min + kLanes, x[0]);
+    float max[kLanes];
     std::fill(max, max + kLanes, x[0]);
     index_t j = 0;
     for (; j + kLanes <= n; j += kLanes) {
         for (int l = 0; l < kLanes; ++l) {
-            min[l] = min[l] < x[j + l] ? min[l] : x[j + l];
             max[l] = max[l] > x[j + l] ? max[l] : x[j + l];
         }
     }
     for (int l = 0; j < n; ++j, ++l) {
-        min[l] = min[l] < x[j] ? min[l] : x[j];
         max[l] = max[l] > x[j] ? max[l] : x[j];
     }
     for (int l = 1; l < kLanes; ++l) {
-        min[0] = min[0] < min[l] ? min[0] : min[l];
         max[0] = max[0] > max[l] ? max[0] : max[l];
     }
-    return {min[0], max[0]};
-}
-
-/// exp(x - max), also where that falls below the normal numbers and the vector form of expf makes a
-/// call per element. Below -104 the result rounds to 0, as for masked elements of minus infinity:
-/// there it gets max - max instead. A literal 0 and a single bound would be the same, but the
-/// compiler then undoes the selection before the call.
-inline float exp_far_below(float x, float max) {
-    const float d = x - max;
-    const float e = expf(d < -104.0f ? max - max : d);
-    return d < -103.99f ? 0.0f : e;
+    return max[0];
 }
 
 /// sums[r] += rows[r][begin], rows[r][begin + 1], ..., rows[r][end - 1], in this order. Blocks of
@@ -151,28 +127,23 @@ inline void vorn_softmax_2d(const DType* in_p, DType* out_p, const index_t dim_m
     for_each_row_group(dim_m, [=](index_t i, int count) {
         const float* in = in_p + i * dim_n;
         float* out = out_p + i * dim_n;
-        Range range[kRowGroup];
-        float sums[kRowGroup] = {};
+        float max[kRowGroup], sums[kRowGroup] = {};
         const float* rows[kRowGroup];
         point_to_rows(out, dim_n, count, rows);
         for (int r = 0; r < count; ++r) {
-            range[r] = range_of(in + r * dim_n, dim_n);
+            max[r] = max_of(in + r * dim_n, dim_n);
         }
         for (index_t j = 0; j < dim_n; j += kColumnChunk) {
             const index_t n = std::min(kColumnChunk, dim_n - j);
             for (int r = 0; r < count; ++r) {
                 const float* in_run = in + r * dim_n + j;
-                const float m = range[r].max;
+                const float m = max[r];
                 // The next group, which the exponentials leave time to load.
                 for (index_t ahead = 0; ahead < n; ahead += 16) {
                     __builtin_prefetch(in_run + kRowGroup * dim_n + ahead);
                 }
-                float* out_run = out + r * dim_n + j;
-                if (range[r].is_narrow()) {
-                    unary_row([m](float x) { return expf(x - m); }, in_run, out_run, n);
-                } else {
-                    unary_row([m](float x) { return exp_far_below(x, m); }, in_run, out_run, n);
-                }
+                unary_row([m](float x) { return exp_of_negative(x - m); }, in_run,
+                          out + r * dim_n + j, n);
             }
             add_in_order(rows, j, j + n, sums);
         }
@@ -187,33 +158,22 @@ inline void vorn_softmax_2d(const DType* in_p, DType* out_p, const index_t dim_m
 /// The softmax of one part; see for_each_part.
 inline void softmax_part(const float* in, float* out, index_t channel, index_t inner, index_t n,
                          index_t repeat) {
-    float min[kPositionChunk], max[kPositionChunk], sums[kPositionChunk];
-    std::copy(in, in + repeat * n, min);
+    float max[kPositionChunk], sums[kPositionChunk];
     std::copy(in, in + repeat * n, max);
     for_each_run(channel, inner, n, repeat, [&](index_t at, index_t length) {
 #pragma GCC ivdep
         for (index_t k = 0; k < length; ++k) {
-            min[k] = min[k] < in[at + k] ? min[k] : in[at + k];
             max[k] = max[k] > in[at + k] ? max[k] : in[at + k];
         }
     });
     for (index_t k = repeat * n; k-- > n;) {
-        min[k - n] = min[k - n] < min[k] ? min[k - n] : min[k];
         max[k - n] = max[k - n] > max[k] ? max[k - n] : max[k];
     }
     repeat_positions(max, n, repeat);
-    bool is_narrow = true;
-    for (index_t k = 0; k < n; ++k) {
-        is_narrow &= Range{min[k], max[k]}.is_narrow();
-    }
 
     for_each_run(channel, inner, n, repeat, [&](index_t at, index_t length) {
-        if (is_narrow) {
-            binary_row([](float x, float m) { return expf(x - m); }, in + at, max, out + at,
-                       length);
-        } else {
-            binary_row(exp_far_below, in + at, max, out + at, length);
-        }
+        binary_row([](float x, float m) { return exp_of_negative(x - m); }, in + at, max, out + at,
+                   length);
     });
     std::fill(sums, sums + n, 0.0f);
     add_channels(out, channel, inner, n, sums);

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "vorn/cpu/iterator.h"
-#include "vorn/rules/vector_math.h"
+#include "vorn/rules/scalar_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the matrix and vector operations: one pass in memory order, every product and sum
@@ -97,11 +97,9 @@ inline void vorn_log_sub_prior(const Tensor<float>& in, const Tensor<float>& pri
                                Tensor<float>& out) {
     const index_t dim_n = out.col();
     std::vector<float> log_prior(dim_n);
-    unary_row([](float p) { return logf(p); }, prior.get_ptr(), log_prior.data(), dim_n);
-    // The logarithm is taken of 1 where the floor applies: the vector form is slow below the
-    // normal numbers, and posteriors hold many zeros.
+    unary_row(func::log(), prior.get_ptr(), log_prior.data(), dim_n);
     const auto rule = [](float x, float log_p) {
-        const float t = logf(x < FLT_MIN ? 1.0f : x);
+        const float t = log_of_normal(x < FLT_MIN ? 1.0f : x);
         return (x < FLT_MIN ? -125.0f : t) - log_p;
     };
     const float* log_prior_p = log_prior.data();

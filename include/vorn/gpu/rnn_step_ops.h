@@ -49,7 +49,7 @@ static __global__ void ke_elem_mul_tanh(const float* a, float* b, const float* c
     const int col = cell_col(), row = blockIdx.y;
     if (col < width && row < height) {
         const int pos = row * width + col;
-        const float a_pos = a[pos], h = tanhf(c[pos]);
+        const float a_pos = a[pos], h = math::tanh(c[pos]);
         b[pos] = h;
         out[pos] = a_pos * h;
     }

@@ -3,10 +3,10 @@
 
 #include <algorithm>
 #include <cfloat>
-#include <cmath>
 
 #include "vorn/gpu/collective.h"
 #include "vorn/gpu/kernel_util.h"
+#include "vorn/rules/scalar_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Kernels of softmax over the channels of dense (outer, channel, inner) data. Where inner is 1 a
@@ -49,12 +49,12 @@ __global__ void KeSoftMax(const float* in, float* out, int channel, float, float
     float sum = 0;
     for (int k = 0; k < kKept; ++k) {
         if (t + k * kThreads < channel) {
-            kept[k] = expf(kept[k] - max);
+            kept[k] = math::exp(kept[k] - max);
             sum += kept[k];
         }
     }
     for (index_t col = rest; col < channel; col += kThreads) {
-        out[row + col] = expf(in[row + col] - max);
+        out[row + col] = math::exp(in[row + col] - max);
         sum += out[row + col];
     }
     dfMax_s[t] = sum;
@@ -83,7 +83,7 @@ __global__ void KeSoftMax3D(const float* in, float* out, index_t, index_t channe
         }
         float sum = 0;
         for (index_t c = 0; c < channel; ++c) {
-            const float e = expf(in[base + c * inner + k] - m);
+            const float e = math::exp(in[base + c * inner + k] - m);
             sum += e;
             out[base + c * inner + k] = e;
         }

@@ -2,9 +2,9 @@
 #define VORN_GPU_VEC_OPS_H_
 
 #include <cfloat>
-#include <cmath>
 
 #include "vorn/gpu/kernel_util.h"
+#include "vorn/rules/scalar_math.h"
 #include "vorn/tensor/tensor.h"
 
 /// Kernels of the matrix and vector operations. One thread does one element of `out` (dim_m by
@@ -150,8 +150,8 @@ static __global__ void KeLogSubPrior(const float* in, const float* prior, float*
     const index_t j = blockDim.x * static_cast<index_t>(blockIdx.y) + threadIdx.x;
     if (i < dim_m && j < dim_n) {
         const float x = in[i * dim_n + j];
-        const float t = x < FLT_MIN ? -125.0f : logf(x);
-        out[i * dim_n + j] = t - logf(prior[j]);
+        const float t = x < FLT_MIN ? -125.0f : math::log(x);
+        out[i * dim_n + j] = t - math::log(prior[j]);
     }
 }
 

@@ -152,7 +152,11 @@ inline void vorn_active(ActivationType type, const Tensor<float>& in, Tensor<flo
                         DType alpha, DType beta) {
     switch (type) {
         case ACTIVATION_SIGMOID:
-            binary_inplace_op(func::sigmoid(alpha, beta), in, out);
+            if (alpha == 1 && beta == 0) {
+                binary_inplace_op(func::plain_sigmoid(), in, out);
+            } else {
+                binary_inplace_op(func::sigmoid(alpha, beta), in, out);
+            }
             break;
         case ACTIVATION_RELU:
             binary_inplace_op(func::relu(alpha, beta), in, out);

@@ -2,9 +2,9 @@
 #define VORN_RULES_CTC_MATH_H_
 
 #include <cfloat>
-#include <cmath>
 
 #include "vorn/host_device.h"
+#include "vorn/rules/scalar_math.h"
 
 /// Arithmetic on natural logarithms of probabilities, for host and device.
 namespace vorn {
@@ -37,15 +37,15 @@ VORN_HD inline float ctc_safe_exp(float x) {
     if (x <= CTC_LOG_ZERO) {
         return 0.0f;
     }
-    return x >= CTC_EXP_LIMIT ? FLT_MAX : expf(x);
+    return x >= CTC_EXP_LIMIT ? FLT_MAX : math::exp(x);
 }
 
 /// log(exp(x) + exp(y)), from the larger one up.
 VORN_HD inline float ctc_log_add(float x, float y) {
     if (x < y) {
-        return ctc_log_mul(y, logf(1.0f + ctc_safe_exp(ctc_log_sub(x, y))));
+        return ctc_log_mul(y, math::log(1.0f + ctc_safe_exp(ctc_log_sub(x, y))));
     }
-    return ctc_log_mul(x, logf(1.0f + ctc_safe_exp(ctc_log_sub(y, x))));
+    return ctc_log_mul(x, math::log(1.0f + ctc_safe_exp(ctc_log_sub(y, x))));
 }
 
 }  // namespace func

@@ -4,8 +4,8 @@
 #include <cmath>
 
 #include "vorn/base.h"
-#include "vorn/rules/vector_math.h"
 #include "vorn/host_device.h"
+#include "vorn/rules/scalar_math.h"
 
 /// Scalar rules, each written once for host and device. `x`, `a` and `b` are elements of the
 /// operands, `c` is the old value of the output. Arithmetic is in float where nothing else is said,
@@ -64,7 +64,7 @@ private:
 class pow {
 public:
     explicit pow(const DType& p) : _p(p) {}
-    VORN_HD DType operator()(DType x) const { return powf(x, _p); }
+    VORN_HD DType operator()(DType x) const { return math::pow(x, _p); }
 
 private:
     const DType _p;
@@ -88,7 +88,7 @@ public:
 /// Natural logarithm.
 class log {
 public:
-    VORN_HD DType operator()(DType x) const { return logf(x); }
+    VORN_HD DType operator()(DType x) const { return math::log(x); }
 };
 
 /// (a + alpha) / (b + beta)
@@ -170,7 +170,7 @@ protected:
 class tanh : public blend {
 public:
     using blend::blend;
-    VORN_HD DType operator()(DType x, DType c) const { return _alpha * tanhf(x) + _beta * c; }
+    VORN_HD DType operator()(DType x, DType c) const { return _alpha * math::tanh(x) + _beta * c; }
 };
 
 /// alpha * max(x, 0) + beta * c
@@ -184,29 +184,26 @@ public:
 };
 
 /// alpha / (1 + exp(-x)) + beta * c with x limited to [-64, 64]; all but the exponential and
-/// beta * c in double, rounded once. `exponent` and `finish` are what stands before and behind the
-/// exponential: host loops take the three steps one by one, because a loop that mixes the
-/// exponential with double does not vectorise well.
+/// beta * c in double, rounded once.
 class sigmoid {
 public:
     sigmoid() : sigmoid(1, 0) {}
     sigmoid(const DType& alpha, const DType& beta)
         : VORN_SIGMOID_MAX(64.0f), VORN_SIGMOID_MIN(-64.0f), _alpha(alpha), _beta(beta) {}
-    VORN_HD DType operator()(DType x, DType c) const { return finish(expf(exponent(x)), c); }
-
-    VORN_HD DType exponent(DType x) const {
-        const DType t = x > VORN_SIGMOID_MAX   ? VORN_SIGMOID_MAX
-                        : x < VORN_SIGMOID_MIN ? VORN_SIGMOID_MIN
-                                               : x;
-        return -t;
-    }
-    VORN_HD DType finish(DType exponential, DType c) const {
-        return static_cast<DType>(_alpha / (1.0 + exponential) + _beta * c);
+    VORN_HD DType operator()(DType x, DType c) const {
+        const DType e = math::limited_exp(-x, -VORN_SIGMOID_MAX, -VORN_SIGMOID_MIN);
+        return static_cast<DType>(_alpha / (1.0 + e) + _beta * c);
     }
 
 private:
     const float VORN_SIGMOID_MAX, VORN_SIGMOID_MIN;
     DType _alpha, _beta;
+};
+
+/// sigmoid(1, 0), which the host has a way to without double.
+class plain_sigmoid {
+public:
+    VORN_HD DType operator()(DType x, DType c) const { return math::logistic(x) + 0 * c; }
 };
 
 /// alpha * (1 - a a) b + beta * c: the error behind tanh, from its output `a` and the error `b`

@@ -4,8 +4,8 @@
 #include <cfloat>
 #include <cmath>
 
-#include "vorn/rules/vector_math.h"
 #include "vorn/host_device.h"
+#include "vorn/rules/scalar_math.h"
 
 /// The arithmetic of the training objectives for one element, written once for host and device. In
 /// float where nothing else is said, every product and sum rounded in the order written.
@@ -43,7 +43,7 @@ VORN_HD inline RnnoiseElement rnnoise_element(float pred_val, float true_val) {
     y.y_mse = y.y_sub_sqrt * y.y_sub_sqrt;
     const float below_hi = true_val < hi ? true_val : hi;
     y.y_for_ce = below_hi > lo ? below_hi : lo;
-    y.y_bf_sigmoid = logf(y.y_for_ce / (1 - y.y_for_ce));
+    y.y_bf_sigmoid = math::log(y.y_for_ce / (1 - y.y_for_ce));
     return y;
 }
 
@@ -51,7 +51,8 @@ VORN_HD inline RnnoiseElement rnnoise_element(float pred_val, float true_val) {
 VORN_HD inline float rnnoise_cost(float pred_val, float true_val) {
     const RnnoiseElement y = rnnoise_element(pred_val, true_val);
     const float above_0 = y.y_bf_sigmoid > 0 ? y.y_bf_sigmoid : 0;
-    const float y_ce = above_0 - pred_val * y.y_bf_sigmoid + logf(1 + expf(-fabsf(y.y_bf_sigmoid)));
+    const float y_ce =
+        above_0 - pred_val * y.y_bf_sigmoid + math::log(1 + math::exp(-fabsf(y.y_bf_sigmoid)));
     const float of_roots = 10 * y.y_mse * y.y_mse + y.y_mse;
     const float y_cost = static_cast<float>(of_roots - 0.01 * y_ce);
     return y.y_w * y_cost;
@@ -63,7 +64,7 @@ VORN_HD inline float rnnoise_bp(float pred_val, float true_val, float old, float
                                 float beta) {
     const RnnoiseElement y = rnnoise_element(pred_val, true_val);
     const float y_mse_delta = y.y_sub_sqrt / sqrtf(true_val);
-    const float e = expf(-fabsf(y.y_bf_sigmoid)), q = e / (1 + e);
+    const float e = math::exp(-fabsf(y.y_bf_sigmoid)), q = e / (1 + e);
     const float s_sub_pred = y.y_bf_sigmoid >= 0 ? (1 - pred_val) - q : q - pred_val;
     const float y_ce_delta = -s_sub_pred / y.y_for_ce / (1 - y.y_for_ce);
     const float of_roots = y_mse_delta + 20 * y.y_mse * y_mse_delta;

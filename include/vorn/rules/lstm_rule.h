@@ -3,18 +3,17 @@
 
 #include <cmath>
 
-#include "vorn/rules/vector_math.h"
 #include "vorn/host_device.h"
+#include "vorn/rules/scalar_math.h"
 
 /// One cell of an LSTM with peepholes, all in single precision, written once for host and device.
 namespace vorn {
 namespace func {
 
 /// 1 / (1 + exp(-x)), with x kept above -64: the exponential stays far from overflow, and a closed
-/// gate lets about 1.6e-28 pass.
+/// gate lets about 1.6e-28 pass. Above 64 the exponential is lost beside 1 anyway.
 VORN_HD inline float guarded_sigmoid(float x) {
-    const float t = 64.0f < -x ? 64.0f : -x;
-    return 1.0f / (1.0f + expf(t));
+    return 1.0f / (1.0f + math::limited_exp(-x, -64.0f, 64.0f));
 }
 
 /// True where an LSTM step clips its cell state. Bounds that are (nearly) equal switch it off.
@@ -51,10 +50,10 @@ VORN_HD inline LstmCell lstm_cell(float x_i, float x_f, float x_o, float x_c, fl
     LstmCell cell;
     cell.i = lstm_gate(x_i, wc_i, c_pre);
     cell.f = lstm_gate(x_f, wc_f, c_pre);
-    cell.g = tanhf(x_c);
+    cell.g = math::tanh(x_c);
     cell.c = lstm_state<is_limit>(cell.i, cell.f, cell.g, c_pre, max, min);
     cell.o = lstm_gate(x_o, wc_o, cell.c);
-    cell.h = tanhf(cell.c);
+    cell.h = math::tanh(cell.c);
     cell.m = cell.o * cell.h;
     return cell;
 }
