@@ -70,6 +70,15 @@ TEST_F(ErrorTest, OutsideAKernel) {
     EXPECT_DEATH(gpusim::detail::block_barrier("file", 1, "host"), "a barrier outside a kernel");
 }
 
+TEST_F(ErrorTest, OrderThatIsNone) {
+    for (const char* order : {"backward", "shuffle", "shuffle:", "shuffle:7x"}) {
+        ASSERT_EQ(setenv("GPUSIM_ORDER", order, 1), 0);
+        EXPECT_DEATH((launch(config(1, 1), nothing), cudaDeviceSynchronize()),
+                     "GPUSIM_ORDER is forward or shuffle:SEED, not '" + std::string(order) + "'");
+    }
+    unsetenv("GPUSIM_ORDER");
+}
+
 TEST_F(ErrorTest, ForkedProcessIsRefused) {
     ASSERT_CUDA(cudaDeviceSynchronize());
     GTEST_FLAG_SET(death_test_style, "fast");

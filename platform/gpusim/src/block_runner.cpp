@@ -40,11 +40,14 @@ BlockRunner* BlockRunner::current() {
 cudaError_t BlockRunner::run(detail::KernelCall& call, dim3 grid, dim3 block) {
     call_ = &call;
     fault_ = cudaSuccess;
+    blocks_ = BlockOrder(grid, order_);
+    block_ = 0;
     count_ = block.x * block.y * block.z;
+    places_ = order_.shuffled ? (count_ + kWarp - 1) / kWarp * kWarp : count_;
     gridDim = grid;
     blockDim = block;
     current_runner = this;
-    blockIdx = {0, 0, 0};
+    blockIdx = blocks_.block(0);
     start_block();
     active_ = &main_;
     switch_to(pool_.take());
@@ -65,18 +68,26 @@ void BlockRunner::start_block() {
     in_warp_ = false;
     resumable_ = State::kAtBlock;
     run_first_ = 0;
-    run_last_ = count_;
+    run_last_ = places_;
+    if (order_.shuffled) {
+        threads_.shuffle(order_.seed + block_, places_ / kWarp);
+    }
 }
 
 bool BlockRunner::advance_block() {
-    if (++blockIdx.x == gridDim.x) {
+    if (++block_ == blocks_.count()) {
+        return false;
+    }
+    if (order_.shuffled) {
+        blockIdx = blocks_.block(block_);
+    } else if (++blockIdx.x == gridDim.x) {
         blockIdx.x = 0;
         if (++blockIdx.y == gridDim.y) {
             blockIdx.y = 0;
             ++blockIdx.z;
         }
     }
-    return blockIdx.z != gridDim.z;
+    return true;
 }
 
 void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
@@ -89,7 +100,7 @@ void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
 void BlockRunner::fiber_loop(Fiber& self) {
     for (;;) {
         const unsigned last = run_last_;
-        call_->run(self, run_first_, last);
+        run_places(self, run_first_, last);
         if (self.thread == detail::kNoThread) {
             next_start_ = last;
             position_ = last;
@@ -101,6 +112,19 @@ void BlockRunner::fiber_loop(Fiber& self) {
         if (Fiber* next = choose()) {
             pool_.put(self);
             switch_to(*next);
+        }
+    }
+}
+
+void BlockRunner::run_places(const Fiber& self, unsigned first, unsigned last) {
+    if (!order_.shuffled) {
+        call_->run(self, first, last);
+        return;
+    }
+    for (unsigned place = first; place != last && self.thread == detail::kNoThread; ++place) {
+        const unsigned thread = threads_.thread(place);
+        if (thread < count_) {
+            call_->run(self, thread, thread + 1);
         }
     }
 }
@@ -118,8 +142,8 @@ unsigned BlockRunner::bind() {
         self.thread = thread;
         self.index = threadIdx;
         fiber_[thread] = &self;
-        next_start_ = thread + 1;
-        position_ = thread + 1;
+        next_start_ = threads_.place(thread) + 1;
+        position_ = next_start_;
     }
     return self.thread;
 }
@@ -171,22 +195,22 @@ void BlockRunner::wait_warp(unsigned mask, const Site& site) {
 
 Fiber* BlockRunner::choose() {
     for (;;) {
-        const unsigned stop = in_warp_ ? std::min(warp_first_ + kWarp, count_) : count_;
+        const unsigned warp_place = threads_.place(warp_first_) / kWarp * kWarp;
+        const unsigned stop = in_warp_ ? std::min(warp_place + kWarp, places_) : places_;
         while (position_ < stop) {
-            const unsigned thread = position_;
-            if (thread == next_start_) {
-                run_first_ = thread;
+            if (position_ == next_start_) {
+                run_first_ = position_;
                 run_last_ = stop;
                 return nullptr;
             }
-            ++position_;
+            const unsigned thread = threads_.thread(position_++);
             if (state_[thread] == resumable_) {
                 return fiber_[thread];
             }
         }
         if (in_warp_ && warp_waiting_ != 0) {
             release_warp();
-            position_ = warp_first_;
+            position_ = warp_place;
             resumable_ = State::kReleased;
         } else if (in_warp_) {
             in_warp_ = false;
@@ -254,7 +278,7 @@ void BlockRunner::fail_assertion(const char* expression, const Site& site) {
 }
 
 void BlockRunner::report(const std::string& message) const {
-    std::fprintf(stderr, "gpusim: %s\n", message.c_str());
+    std::fprintf(stderr, "gpusim: %s%s\n", message.c_str(), order_.note().c_str());
 }
 
 void BlockRunner::end_kernel(cudaError_t error) {

@@ -10,6 +10,7 @@
 
 #include "fiber.h"
 #include "gpusim/error.h"
+#include "order.h"
 
 namespace gpusim {
 
@@ -28,7 +29,8 @@ struct Site {
 /// Threads of a block start one after the other on one fiber. A thread that meets a barrier parks
 /// with the fiber, and the next one starts on a fresh fiber. When all have parked or ended, the
 /// parked ones are resumed in their order. A warp whose threads wait for each other is brought to
-/// its next block barrier or its end before the next warp runs.
+/// its next block barrier or its end before the next warp runs. In a shuffled order a thread starts
+/// in the place that `threads_` gives it; the places of a warp follow each other.
 class BlockRunner {
 public:
     BlockRunner();
@@ -45,7 +47,7 @@ public:
     static BlockRunner* current();
 
 private:
-    static constexpr unsigned kWarp = 32;
+    static constexpr unsigned kWarp = ThreadOrder::kWarp;
     static constexpr unsigned kMaxThreads = 1024;
 
     enum class State : uint8_t { kNotWaiting, kAtBlock, kAtWarp, kReleased };
@@ -53,6 +55,8 @@ private:
     static void fiber_entry(boost::context::detail::transfer_t transfer);
     [[noreturn]] void fiber_loop(Fiber& self);
     void start_block();
+    /// Starts the threads in the places [first, last) until one parks.
+    void run_places(const Fiber& self, unsigned first, unsigned last);
     /// Steps `blockIdx` to the next block; false behind the last.
     bool advance_block();
     /// Binds the running thread to its fiber; returns its linear index.
@@ -75,16 +79,22 @@ private:
     detail::KernelCall* call_ = nullptr;
     cudaError_t fault_ = cudaSuccess;
 
+    const Order& order_ = Order::get();
+    BlockOrder blocks_{dim3(), order_};
+    ThreadOrder threads_;
+
+    uint64_t block_ = 0;       // place of the running block
     unsigned count_ = 0;       // threads of a block
-    unsigned next_start_ = 0;  // first thread that has not started
-    unsigned position_ = 0;    // next thread to look at in this pass
+    unsigned places_ = 0;      // their places: whole warps of them in a shuffled order
+    unsigned next_start_ = 0;  // first place whose thread has not started
+    unsigned position_ = 0;    // next place to look at in this pass
     unsigned run_first_ = 0;
     unsigned run_last_ = 0;
     unsigned block_waiting_ = 0;
     unsigned first_waiter_ = 0;
     Site block_site_{};
-    bool in_warp_ = false;  // between the first warp barrier of a warp and its release
-    unsigned warp_first_ = 0;
+    bool in_warp_ = false;     // between the first warp barrier of a warp and its release
+    unsigned warp_first_ = 0;  // its first thread
     unsigned warp_waiting_ = 0;
     State resumable_ = State::kAtBlock;
 
