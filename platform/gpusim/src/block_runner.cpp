@@ -37,28 +37,29 @@ BlockRunner* BlockRunner::current() {
     return current_runner;
 }
 
-cudaError_t BlockRunner::run(detail::KernelCall& call, dim3 grid, dim3 block) {
-    call_ = &call;
-    fault_ = cudaSuccess;
-    blocks_ = BlockOrder(grid, order_);
-    block_ = 0;
-    count_ = block.x * block.y * block.z;
+void BlockRunner::run(Grid& grid) {
+    share_ = {};
+    if (!grid.take(&share_)) {
+        return;
+    }
+    grid_ = &grid;
+    left_ = false;
+    gridDim = grid.extent();
+    blockDim = grid.block_extent();
+    count_ = blockDim.x * blockDim.y * blockDim.z;
     places_ = order_.shuffled ? (count_ + kWarp - 1) / kWarp * kWarp : count_;
-    gridDim = grid;
-    blockDim = block;
     current_runner = this;
-    blockIdx = blocks_.block(0);
+    blockIdx = grid.block(share_.next);
     start_block();
     active_ = &main_;
     switch_to(pool_.take());
     current_runner = nullptr;
-    call_ = nullptr;
-    if (fault_ != cudaSuccess) {
+    grid_ = nullptr;
+    if (left_) {
         pool_.abandon_all();
         state_.fill(State::kNotWaiting);
         fiber_.fill(nullptr);
     }
-    return fault_;
 }
 
 void BlockRunner::start_block() {
@@ -70,16 +71,17 @@ void BlockRunner::start_block() {
     run_first_ = 0;
     run_last_ = places_;
     if (order_.shuffled) {
-        threads_.shuffle(order_.seed + block_, places_ / kWarp);
+        threads_.shuffle(order_.seed + share_.next, places_ / kWarp);
     }
 }
 
 bool BlockRunner::advance_block() {
-    if (++block_ == blocks_.count()) {
+    const bool at_end = ++share_.next == share_.last || !grid_->wants(share_.next);
+    if (at_end && !grid_->take(&share_)) {
         return false;
     }
-    if (order_.shuffled) {
-        blockIdx = blocks_.block(block_);
+    if (at_end || order_.shuffled) {
+        blockIdx = grid_->block(share_.next);
     } else if (++blockIdx.x == gridDim.x) {
         blockIdx.x = 0;
         if (++blockIdx.y == gridDim.y) {
@@ -118,13 +120,13 @@ void BlockRunner::fiber_loop(Fiber& self) {
 
 void BlockRunner::run_places(const Fiber& self, unsigned first, unsigned last) {
     if (!order_.shuffled) {
-        call_->run(self, first, last);
+        grid_->kernel().run(self, first, last);
         return;
     }
     for (unsigned place = first; place != last && self.thread == detail::kNoThread; ++place) {
         const unsigned thread = threads_.thread(place);
         if (thread < count_) {
-            call_->run(self, thread, thread + 1);
+            grid_->kernel().run(self, thread, thread + 1);
         }
     }
 }
@@ -166,10 +168,9 @@ void BlockRunner::wait_block(const Site& site) {
         block_site_ = site;
         first_waiter_ = thread;
     } else if (site != block_site_) {
-        report(kernel_name(site) +
-               ": threads of one block wait at different barriers: " + thread_name(first_waiter_) +
-               " at " + place(block_site_) + ", " + thread_name(thread) + " at " + place(site));
-        end_kernel(cudaErrorLaunchFailure);
+        fail(kernel_name(site) +
+             ": threads of one block wait at different barriers: " + thread_name(first_waiter_) +
+             " at " + place(block_site_) + ", " + thread_name(thread) + " at " + place(site));
     }
     ++block_waiting_;
     state_[thread] = State::kAtBlock;
@@ -180,9 +181,8 @@ void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     const unsigned thread = bind();
     const unsigned lane = thread % kWarp;
     if ((mask >> lane & 1u) == 0) {
-        report(kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
-               place(site) + ", whose mask leaves it out");
-        end_kernel(cudaErrorLaunchFailure);
+        fail(kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
+             place(site) + ", whose mask leaves it out");
     }
     mask_[lane] = mask;
     warp_site_[lane] = site;
@@ -260,11 +260,10 @@ void BlockRunner::release_warp() {
     if (released == 0) {
         const Site& site = warp_site_[stuck % kWarp];
         const bool at_warp = state_[missing] == State::kAtWarp;
-        report(kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
-               place(site) + " for " + thread_name(missing) + ", which waits at " +
-               place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
-               (at_warp ? " or with another mask" : ""));
-        end_kernel(cudaErrorLaunchFailure);
+        fail(kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
+             place(site) + " for " + thread_name(missing) + ", which waits at " +
+             place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
+             (at_warp ? " or with another mask" : ""));
     }
 }
 
@@ -277,12 +276,25 @@ void BlockRunner::fail_assertion(const char* expression, const Site& site) {
     end_kernel(cudaErrorAssert);
 }
 
-void BlockRunner::report(const std::string& message) const {
+void BlockRunner::wait_for_earlier_blocks() {
+    if (!grid_->is_first_fault(share_.next)) {
+        leave_kernel();
+    }
+}
+
+void BlockRunner::fail(const std::string& message) {
+    wait_for_earlier_blocks();
     std::fprintf(stderr, "gpusim: %s%s\n", message.c_str(), order_.note().c_str());
+    end_kernel(cudaErrorLaunchFailure);
 }
 
 void BlockRunner::end_kernel(cudaError_t error) {
-    fault_ = error;
+    grid_->set_fault(error);
+    leave_kernel();
+}
+
+void BlockRunner::leave_kernel() {
+    left_ = true;
     switch_to(main_);
     std::abort();  // not reached: what a fault leaves behind is never resumed
 }
@@ -290,8 +302,8 @@ void BlockRunner::end_kernel(cudaError_t error) {
 std::string BlockRunner::kernel_name(const Site& site) const {
     std::string name = site.function;
     Dl_info info;
-    if (dladdr(call_->address(), &info) != 0 && info.dli_sname != nullptr &&
-        info.dli_saddr == call_->address()) {
+    if (dladdr(grid_->kernel().address(), &info) != 0 && info.dli_sname != nullptr &&
+        info.dli_saddr == grid_->kernel().address()) {
         int status = 0;
         char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
         name = status == 0 ? demangled : info.dli_sname;
@@ -334,6 +346,7 @@ void detail::warp_barrier(unsigned mask, const char* file, unsigned line, const 
 extern "C" void __assert_fail(const char* expression, const char* file, unsigned line,
                               const char* function) noexcept {
     if (auto* runner = gpusim::BlockRunner::current()) {
+        runner->wait_for_earlier_blocks();
         runner->fail_assertion(expression, {file, line, function});
     }
     using AssertFail = void (*)(const char*, const char*, unsigned, const char*);

@@ -1,7 +1,7 @@
 #ifndef GPUSIM_DETAIL_BLOCK_RUNNER_H_
 #define GPUSIM_DETAIL_BLOCK_RUNNER_H_
 
-// Runs the blocks of a launch, and decides which thread of a block goes on at each barrier.
+// Runs blocks of a launch, and decides which thread of a block goes on at each barrier.
 
 #include <array>
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include <string>
 
 #include "fiber.h"
-#include "gpusim/error.h"
+#include "grid.h"
 #include "order.h"
 
 namespace gpusim {
@@ -35,11 +35,14 @@ class BlockRunner {
 public:
     BlockRunner();
 
-    /// Runs all blocks; cudaSuccess or the fault that ended the kernel.
-    cudaError_t run(detail::KernelCall& call, dim3 grid, dim3 block);
+    /// Runs what it can take of the blocks.
+    void run(Grid& grid);
 
     void wait_block(const Site& site);
     void wait_warp(unsigned mask, const Site& site);
+    /// To be called before the message of a fault: of several blocks with one, the first is told.
+    /// Does not return where a block before the running one has a fault.
+    void wait_for_earlier_blocks();
     /// Prints the device's message for a failed assertion and ends the kernel.
     [[noreturn]] void fail_assertion(const char* expression, const Site& site);
 
@@ -67,23 +70,24 @@ private:
     Fiber* choose();
     void release_warp();
     void switch_to(Fiber& to);
-    void report(const std::string& message) const;
-    /// Leaves the kernel for good. Frames below lose what they hold: callers hold nothing.
+    /// Prints the message and ends the kernel.
+    [[noreturn]] void fail(const std::string& message);
     [[noreturn]] void end_kernel(cudaError_t error);
+    /// Leaves the kernel for good. Frames below lose what they hold: callers hold nothing.
+    [[noreturn]] void leave_kernel();
     std::string kernel_name(const Site& site) const;
     std::string thread_name(unsigned thread) const;
 
     FiberPool pool_;
     Fiber main_;
     Fiber* active_ = nullptr;
-    detail::KernelCall* call_ = nullptr;
-    cudaError_t fault_ = cudaSuccess;
+    Grid* grid_ = nullptr;
+    Grid::Share share_;
+    bool left_ = false;  // by a fault
 
     const Order& order_ = Order::get();
-    BlockOrder blocks_{dim3(), order_};
     ThreadOrder threads_;
 
-    uint64_t block_ = 0;       // place of the running block
     unsigned count_ = 0;       // threads of a block
     unsigned places_ = 0;      // their places: whole warps of them in a shuffled order
     unsigned next_start_ = 0;  // first place whose thread has not started

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "block_runner.h"
 #include "device.h"
+#include "grid.h"
 
 namespace gpusim::detail {
 
@@ -19,10 +19,7 @@ bool fits(const dim3& v, const dim3& limit) {
 }
 
 void run(KernelCall& call, dim3 grid, dim3 block) {
-    // Its fibers stay with the thread from launch to launch. On the heap, because a library that is
-    // loaded while the program runs finds little room for thread-local data.
-    thread_local const auto runner = std::make_unique<BlockRunner>();
-    const cudaError_t error = runner->run(call, grid, block);
+    const cudaError_t error = Grid(call, grid, block).run();
     if (error != cudaSuccess) {
         Device::get().set_fault(error);
     }
