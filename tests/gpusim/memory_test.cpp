@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -130,6 +131,24 @@ TEST_F(MemoryTest, PoolReusesInStreamOrder) {
     ASSERT_CUDA(cudaStreamSynchronize(a));
     ASSERT_CUDA(cudaMallocAsync(&later, 5000, b));
     EXPECT_EQ(later, first);
+}
+
+TEST_F(MemoryTest, FreshBlocksHoldNaN) {
+    const cudaStream_t stream = create_stream();
+    std::vector<unsigned char> bytes(5000);
+    // The first block of a size, and one that was in use before.
+    for (int life = 0; life < 2; ++life) {
+        for (const bool in_stream : {false, true}) {
+            char* block = nullptr;
+            ASSERT_CUDA(in_stream ? cudaMallocAsync(&block, bytes.size(), stream)
+                                  : cudaMalloc(&block, bytes.size()));
+            ASSERT_CUDA(cudaStreamSynchronize(stream));
+            ASSERT_CUDA(cudaMemcpy(bytes.data(), block, bytes.size(), cudaMemcpyDeviceToHost));
+            EXPECT_EQ(std::count(bytes.begin(), bytes.end(), 0xff), 5000);
+            ASSERT_CUDA(cudaMemset(block, 0, bytes.size()));
+            ASSERT_CUDA(in_stream ? cudaFreeAsync(block, stream) : cudaFree(block));
+        }
+    }
 }
 
 TEST_F(MemoryTest, BlocksDontOverlapAndMemoryComesBack) {

@@ -22,8 +22,8 @@ cudaMemPool_t pool_handle() {
 
 void* gpusim::allocate_in_stream(size_t size, const StreamPtr& stream) {
     void* const block = Memory::get().allocate(size, stream);
-    if (kAddressSanitizer && block != nullptr) {
-        Device::get().submit(stream, make_task([=] { mark_allocated(block, size); }));
+    if (block != nullptr) {
+        Device::get().submit(stream, make_task([=] { begin_block(block, size); }));
     }
     return block;
 }
@@ -53,7 +53,8 @@ cudaError_t cudaMalloc(void** pointer, size_t size) {
         }
         // All streams may use the block at once, so nothing may still run on its last life.
         device.synchronize(device.null_stream());
-        gpusim::mark_allocated(block, size);
+        gpusim::DeviceAccess access;
+        gpusim::begin_block(block, size);
         *pointer = block;
         return cudaSuccess;
     });

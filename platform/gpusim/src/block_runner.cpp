@@ -48,6 +48,9 @@ void BlockRunner::run(Grid& grid) {
     blockDim = grid.block_extent();
     count_ = blockDim.x * blockDim.y * blockDim.z;
     places_ = order_.shuffled ? (count_ + kWarp - 1) / kWarp * kWarp : count_;
+    if (order_.shuffled) {
+        shared_ = SharedMemory(grid.kernel().address());
+    }
     current_runner = this;
     blockIdx = grid.block(share_.next);
     start_block();
@@ -71,6 +74,7 @@ void BlockRunner::start_block() {
     run_first_ = 0;
     run_last_ = places_;
     if (order_.shuffled) {
+        shared_.poison();
         threads_.shuffle(order_.seed + share_.next, places_ / kWarp);
     }
 }

@@ -11,6 +11,7 @@
 #include "fiber.h"
 #include "grid.h"
 #include "order.h"
+#include "shared_memory.h"
 
 namespace gpusim {
 
@@ -87,6 +88,7 @@ private:
 
     const Order& order_ = Order::get();
     ThreadOrder threads_;
+    SharedMemory shared_;  // poisoned before each block of a shuffled run
 
     unsigned count_ = 0;       // threads of a block
     unsigned places_ = 0;      // their places: whole warps of them in a shuffled order

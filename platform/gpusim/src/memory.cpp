@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "sanitizer.h"
@@ -124,9 +125,10 @@ void Arena::discard(size_t offset, size_t size) {
     }
 }
 
-void mark_allocated(void* pointer, size_t size) {
+void begin_block(void* pointer, size_t size) {
     unpoison(pointer, size);
     poison(static_cast<char*>(pointer) + size, reserved_size(size) - size);
+    std::memset(pointer, 0xff, size);
 }
 
 void open_device_memory() {

@@ -111,10 +111,11 @@ private:
     size_t used_ = 0;
 };
 
-/// Tells AddressSanitizer that a block begins to live. Does nothing without it.
-void mark_allocated(void* pointer, size_t size);
+/// Begins a block's life: all its bytes are 0xff, which makes every float NaN and every index
+/// negative, so that what reads it before it was written shows. Tells AddressSanitizer too.
+void begin_block(void* pointer, size_t size);
 
-/// A block in the order of `stream`, marked there for AddressSanitizer; null when no room is left.
+/// A block whose life begins in the order of `stream`; null when no room is left.
 void* allocate_in_stream(size_t size, const StreamPtr& stream);
 /// False if `pointer` isn't the start of a block.
 bool free_in_stream(void* pointer, const StreamPtr& stream);
