@@ -41,7 +41,8 @@ TEST_F(ErrorTest, LaunchesRefused) {
     }
     void (*none)() = nullptr;
     EXPECT_EQ(launch(config(1, 1), none), cudaErrorInvalidDeviceFunction);
-    EXPECT_CUDA(launch(config(dim3(2, 65535), dim3(16, 1, 64)), nothing));
+    EXPECT_CUDA(launch(config(dim3(2, 65535), 1), nothing));
+    EXPECT_CUDA(launch(config(1, dim3(16, 1, 64)), nothing));
     EXPECT_CUDA(cudaDeviceSynchronize());
 }
 

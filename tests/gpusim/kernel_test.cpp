@@ -60,7 +60,9 @@ __global__ void look_at_shared(unsigned* out) {
     out[64 * blockIdx.x + t] = kept[t] + (std::isnan(one) ? 0 : 1);
     __syncthreads();
     kept[t] = 7;
-    one = 7;
+    if (t == 0) {
+        one = 7;
+    }
 }
 
 TEST_P(KernelTest, SharedMemoryStartsPoisonedWhereShuffled) {

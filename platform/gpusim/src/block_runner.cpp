@@ -27,6 +27,10 @@ std::string place(const Site& site) {
     return std::string(site.file) + ":" + std::to_string(site.line);
 }
 
+unsigned lowest_lane(unsigned mask) {
+    return static_cast<unsigned>(__builtin_ctz(mask));
+}
+
 }  // namespace
 
 BlockRunner::BlockRunner() : pool_(&BlockRunner::fiber_entry) {
@@ -51,11 +55,18 @@ void BlockRunner::run(Grid& grid) {
     if (order_.shuffled) {
         shared_ = SharedMemory(grid.kernel().address());
     }
+    if (kThreadSanitizer) {
+        // One more than threads, so that equal threads of neighbouring blocks have different ones.
+        pool_.reserve(count_ + 1);
+    }
     current_runner = this;
     blockIdx = grid.block(share_.next);
-    start_block();
     active_ = &main_;
-    switch_to(pool_.take());
+    do {
+        start_block();
+        switch_to(pool_.take());
+    } while (kThreadSanitizer && !left_ && advance_block());
+    end_.leave();
     current_runner = nullptr;
     grid_ = nullptr;
     if (left_) {
@@ -72,11 +83,17 @@ void BlockRunner::start_block() {
     in_warp_ = false;
     resumable_ = State::kAtBlock;
     run_first_ = 0;
-    run_last_ = places_;
+    run_last_ = kThreadSanitizer ? 1 : places_;
+    // Blocks are not ordered, but those of one host thread use the same shared memory.
+    if (met_barrier_) {
+        end_.leave();
+        met_barrier_ = false;
+    }
     if (order_.shuffled) {
         shared_.poison();
         threads_.shuffle(order_.seed + share_.next, places_ / kWarp);
     }
+    begin_.arrive();
 }
 
 bool BlockRunner::advance_block() {
@@ -106,7 +123,9 @@ void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
 void BlockRunner::fiber_loop(Fiber& self) {
     for (;;) {
         const unsigned last = run_last_;
+        begin_.leave();
         run_places(self, run_first_, last);
+        end_.arrive();
         if (self.thread == detail::kNoThread) {
             next_start_ = last;
             position_ = last;
@@ -115,21 +134,21 @@ void BlockRunner::fiber_loop(Fiber& self) {
             fiber_[self.thread] = nullptr;
             self.thread = detail::kNoThread;
         }
-        if (Fiber* next = choose()) {
-            pool_.put(self);
-            switch_to(*next);
-        }
+        switch_to(next_fiber(true));
     }
 }
 
 void BlockRunner::run_places(const Fiber& self, unsigned first, unsigned last) {
-    if (!order_.shuffled) {
+    if (!order_.shuffled && !kThreadSanitizer) {
         grid_->kernel().run(self, first, last);
         return;
     }
     for (unsigned place = first; place != last && self.thread == detail::kNoThread; ++place) {
         const unsigned thread = threads_.thread(place);
         if (thread < count_) {
+            if (kThreadSanitizer) {
+                name_fiber(*active_, "block " + triple(blockIdx) + ", " + thread_name(thread));
+            }
             grid_->kernel().run(self, thread, thread + 1);
         }
     }
@@ -137,8 +156,10 @@ void BlockRunner::run_places(const Fiber& self, unsigned first, unsigned last) {
 
 void BlockRunner::switch_to(Fiber& to) {
     Fiber& from = *active_;
-    active_ = &to;
-    switch_fiber(from, to);
+    if (&from != &to) {
+        active_ = &to;
+        switch_fiber(from, to);
+    }
 }
 
 unsigned BlockRunner::bind() {
@@ -156,14 +177,21 @@ unsigned BlockRunner::bind() {
 
 void BlockRunner::park() {
     Fiber& self = *active_;
-    Fiber* next = choose();
-    if (next == nullptr) {
-        next = &pool_.take();
-    }
-    if (next != &self) {
-        switch_to(*next);
-    }
+    switch_to(next_fiber(false));
     threadIdx = self.index;
+}
+
+Fiber& BlockRunner::next_fiber(bool ended) {
+    Fiber& self = *active_;
+    [[maybe_unused]] const InTheNameOf host(main_);
+    Fiber* next = choose();
+    if (ended && next == nullptr && !kThreadSanitizer) {
+        return self;
+    }
+    if (ended) {
+        pool_.put(self);
+    }
+    return next != nullptr ? *next : pool_.take();
 }
 
 void BlockRunner::wait_block(const Site& site) {
@@ -177,8 +205,12 @@ void BlockRunner::wait_block(const Site& site) {
              " at " + place(block_site_) + ", " + thread_name(thread) + " at " + place(site));
     }
     ++block_waiting_;
+    met_barrier_ = true;
     state_[thread] = State::kAtBlock;
+    SyncPoint& point = block_rounds_.point();
+    point.arrive();
     park();
+    point.leave();
 }
 
 void BlockRunner::wait_warp(unsigned mask, const Site& site) {
@@ -193,8 +225,12 @@ void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     in_warp_ = true;
     warp_first_ = thread - lane;
     ++warp_waiting_;
+    met_barrier_ = true;
     state_[thread] = State::kAtWarp;
+    SyncPoint& point = warp_rounds_[lowest_lane(mask)].point();
+    point.arrive();
     park();
+    point.leave();
 }
 
 Fiber* BlockRunner::choose() {
@@ -204,7 +240,7 @@ Fiber* BlockRunner::choose() {
         while (position_ < stop) {
             if (position_ == next_start_) {
                 run_first_ = position_;
-                run_last_ = stop;
+                run_last_ = kThreadSanitizer ? position_ + 1 : stop;
                 return nullptr;
             }
             const unsigned thread = threads_.thread(position_++);
@@ -221,8 +257,9 @@ Fiber* BlockRunner::choose() {
             resumable_ = State::kAtBlock;
         } else if (block_waiting_ != 0) {
             block_waiting_ = 0;
+            block_rounds_.next();
             position_ = 0;
-        } else if (advance_block()) {
+        } else if (!kThreadSanitizer && advance_block()) {
             start_block();
             return nullptr;
         } else {
@@ -234,6 +271,7 @@ Fiber* BlockRunner::choose() {
 void BlockRunner::release_warp() {
     const unsigned lanes = std::min(kWarp, count_ - warp_first_);
     unsigned released = 0;
+    unsigned groups = 0;  // those released, by their lowest lanes
     unsigned stuck = 0;
     unsigned missing = 0;
     for (unsigned lane = 0; lane < lanes; ++lane) {
@@ -257,9 +295,13 @@ void BlockRunner::release_warp() {
         }
         if (complete) {
             released |= 1u << lane;
+            groups |= 1u << lowest_lane(mask_[lane]);
             state_[warp_first_ + lane] = State::kReleased;
             --warp_waiting_;
         }
+    }
+    for (; groups != 0; groups &= groups - 1) {
+        warp_rounds_[lowest_lane(groups)].next();
     }
     if (released == 0) {
         const Site& site = warp_site_[stuck % kWarp];
@@ -281,6 +323,9 @@ void BlockRunner::fail_assertion(const char* expression, const Site& site) {
 }
 
 void BlockRunner::wait_for_earlier_blocks() {
+    end_.arrive();
+    [[maybe_unused]] const InTheNameOf host(main_);
+    end_.leave();
     if (!grid_->is_first_fault(share_.next)) {
         leave_kernel();
     }

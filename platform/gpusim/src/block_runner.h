@@ -11,6 +11,7 @@
 #include "fiber.h"
 #include "grid.h"
 #include "order.h"
+#include "races.h"
 #include "shared_memory.h"
 
 namespace gpusim {
@@ -32,6 +33,9 @@ struct Site {
 /// parked ones are resumed in their order. A warp whose threads wait for each other is brought to
 /// its next block barrier or its end before the next warp runs. In a shuffled order a thread starts
 /// in the place that `threads_` gives it; the places of a warp follow each other.
+///
+/// Under ThreadSanitizer every thread starts on a fiber of its own, even if it meets no barrier,
+/// and blocks begin and end on the host thread's own stack.
 class BlockRunner {
 public:
     BlockRunner();
@@ -66,8 +70,10 @@ private:
     /// Binds the running thread to its fiber; returns its linear index.
     unsigned bind();
     void park();
-    /// The fiber that goes on: a parked one, `main_` when the last block has ended, or null when
-    /// the threads [run_first_, run_last_) are to be started.
+    /// The fiber that runs from now on; the active one has parked, or its thread has `ended`.
+    Fiber& next_fiber(bool ended);
+    /// The fiber to be resumed: a parked one, `main_` when the last block has ended (any, under
+    /// ThreadSanitizer), or null when the threads [run_first_, run_last_) are to be started.
     Fiber* choose();
     void release_warp();
     void switch_to(Fiber& to);
@@ -103,6 +109,12 @@ private:
     unsigned warp_first_ = 0;  // its first thread
     unsigned warp_waiting_ = 0;
     State resumable_ = State::kAtBlock;
+
+    SyncPoint begin_;  // of the threads of a block
+    SyncPoint end_;
+    Rounds block_rounds_;
+    std::array<Rounds, kWarp> warp_rounds_;  // by the lowest lane of the mask
+    bool met_barrier_ = false;
 
     std::array<State, kMaxThreads> state_{};
     std::array<Fiber*, kMaxThreads> fiber_{};

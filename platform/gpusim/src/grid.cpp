@@ -11,6 +11,7 @@
 
 #include "block_runner.h"
 #include "device.h"
+#include "sanitizer.h"
 
 namespace gpusim {
 
@@ -19,11 +20,11 @@ namespace {
 using std::chrono::microseconds;
 using std::chrono::steady_clock;
 
-// A helper needs some 50 us to wake up.
-constexpr microseconds kAlone(20);
+// A helper needs some 50 us to wake up. ThreadSanitizer is to see blocks on several threads.
+constexpr microseconds kAlone(kThreadSanitizer ? 0 : 20);
 // Blocks are taken in shares that last about this long, so that the clock and the counter cost
 // little.
-constexpr microseconds kShareTime(5);
+constexpr microseconds kShareTime(kThreadSanitizer ? 0 : 5);
 
 unsigned configured_threads() {
     const char* text = std::getenv("GPUSIM_THREADS");
