@@ -46,6 +46,28 @@ TEST_F(ErrorTest, LaunchesRefused) {
     EXPECT_CUDA(cudaDeviceSynchronize());
 }
 
+template <int kInts>
+__global__ void use_shared(int* out) {
+    __shared__ int first[kInts];
+    __shared__ char second[4096];
+    first[threadIdx.x] = second[threadIdx.x] = 1;
+    *out = first[0] + second[0];
+}
+
+TEST_F(ErrorTest, TooMuchSharedMemory) {
+    constexpr int kMost = (48 * 1024 - 4096) / 4;
+    DeviceArray<int> out(1);
+    EXPECT_CUDA(launch(config(1, 1), use_shared<kMost>, out.get()));
+    EXPECT_EQ(out.read()[0], 2);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(launch(config(1, 1), use_shared<kMost + 1>, out.get()),
+              cudaErrorInvalidConfiguration);
+    const std::string message = testing::internal::GetCapturedStderr();
+    EXPECT_NE(message.find("use_shared<11265>(int*): more than 49152 bytes of shared memory\n"),
+              std::string::npos)
+        << message;
+}
+
 TEST_F(ErrorTest, LastErrorBelongsToTheThread) {
     EXPECT_EQ(cudaSetDevice(1), cudaErrorInvalidDevice);
     std::thread([] { EXPECT_EQ(cudaGetLastError(), cudaSuccess); }).join();

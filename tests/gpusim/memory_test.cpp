@@ -205,7 +205,51 @@ TEST_F(MemoryTest, HostCodeCannotTouchDeviceMemory) {
     EXPECT_EQ(device.read(), (std::vector<int>{1, 2, 3}));
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__)
+struct Holder {
+    int tag;
+    float* data;
+};
+__global__ void store_past(Holder holder, int at) {
+    holder.data[at] = 1;
+}
+__global__ void store_through(float* const* where) {
+    where[0][100] = 1;
+}
+
+TEST_F(MemoryTest, StoresPastABlockAreReported) {
+    constexpr int n = 100;
+    const auto stored_by = [](auto kernel, auto... args) {
+        testing::internal::CaptureStderr();
+        EXPECT_CUDA(launch(config(1, 1), kernel, args...));
+        EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorIllegalAddress);
+        const std::string message = testing::internal::GetCapturedStderr();
+        cudaDeviceReset();
+        return message;
+    };
+    for (const int at : {n, n + 127}) {
+        float *block = nullptr, *next = nullptr;
+        ASSERT_CUDA(cudaMallocAsync(&block, n * sizeof(float), nullptr));
+        ASSERT_CUDA(cudaMallocAsync(&next, n * sizeof(float), nullptr));
+        ASSERT_CUDA(launch(config(1, 1), store_past, Holder{1, block + 1}, n - 2));
+        ASSERT_CUDA(cudaDeviceSynchronize());
+        const std::string message = stored_by(store_past, Holder{1, block + 1}, at - 1);
+        EXPECT_NE(message.find("store_past("), std::string::npos) << message;
+        EXPECT_NE(message.find(") stored past the end of a block of 400 bytes"), std::string::npos)
+            << message;
+    }
+    // Where no argument leads to the block, the store shows when the block is freed.
+    DeviceArray<float> block(n);
+    DeviceArray<float*> where(std::vector<float*>{block.get()});
+    ASSERT_CUDA(launch(config(1, 1), store_through, where.get()));
+    ASSERT_CUDA(cudaDeviceSynchronize());
+    testing::internal::CaptureStderr();
+    EXPECT_CUDA(cudaFreeAsync(block.get(), nullptr));
+    EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorIllegalAddress);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "gpusim: something was stored past the end of a block of 400 bytes\n");
+}
+#else
 TEST_F(MemoryTest, AddressSanitizerSeesKernelsOutsideTheirBlocks) {
     for (const bool freed : {false, true}) {
         EXPECT_DEATH(

@@ -1,12 +1,13 @@
 #include "block_runner.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "symbols.h"
 
 __thread uint3 threadIdx = {0, 0, 0};
 __thread uint3 blockIdx = {0, 0, 0};
@@ -349,16 +350,8 @@ void BlockRunner::leave_kernel() {
 }
 
 std::string BlockRunner::kernel_name(const Site& site) const {
-    std::string name = site.function;
-    Dl_info info;
-    if (dladdr(grid_->kernel().address(), &info) != 0 && info.dli_sname != nullptr &&
-        info.dli_saddr == grid_->kernel().address()) {
-        int status = 0;
-        char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-        name = status == 0 ? demangled : info.dli_sname;
-        std::free(demangled);
-    }
-    return "kernel " + name + ", block " + triple(blockIdx);
+    const std::string name = function_name(grid_->kernel().address());
+    return "kernel " + (name.empty() ? site.function : name) + ", block " + triple(blockIdx);
 }
 
 std::string BlockRunner::thread_name(unsigned thread) const {

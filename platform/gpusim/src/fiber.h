@@ -45,7 +45,9 @@ public:
     explicit InTheNameOf(const Fiber& other) : running_(__tsan_get_current_fiber()) {
         __tsan_switch_to_fiber(other.tsan_fiber, __tsan_switch_to_fiber_no_sync);
     }
-    ~InTheNameOf() { __tsan_switch_to_fiber(running_, __tsan_switch_to_fiber_no_sync); }
+    ~InTheNameOf() {
+        __tsan_switch_to_fiber(running_, __tsan_switch_to_fiber_no_sync);
+    }
     InTheNameOf(const InTheNameOf&) = delete;
     InTheNameOf& operator=(const InTheNameOf&) = delete;
 

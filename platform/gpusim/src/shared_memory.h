@@ -1,15 +1,18 @@
 #ifndef GPUSIM_DETAIL_SHARED_MEMORY_H_
 #define GPUSIM_DETAIL_SHARED_MEMORY_H_
 
-// The variables that kernels declare `__shared__`.
+// The variables that kernels declare `__shared__`. They are found by their tag in the symbol table:
+// a stripped program seems to have none.
 
 #include <cstddef>
 #include <vector>
 
 namespace gpusim {
 
-/// The calling thread's shared variables in the program or library that a kernel is part of. They
-/// are found by their tag in its symbol table: a stripped one seems to have none.
+/// Bytes that a block may have.
+constexpr size_t kSharedMemory = 48 * 1024;
+
+/// The calling thread's shared variables in the program or library that a kernel is part of.
 class SharedMemory {
 public:
     SharedMemory() = default;
@@ -25,6 +28,10 @@ private:
     };
     std::vector<Variable> variables_;
 };
+
+/// Whether the shared variables that a kernel declares are larger than a block's shared memory.
+/// Those of functions that it calls are not known to be its own.
+bool exceeds_shared_memory(const void* kernel);
 
 }  // namespace gpusim
 
