@@ -56,7 +56,9 @@ public:
     explicit TypedKernelCall(Kernel kernel, A&&... args)
         : kernel_(kernel), args_(std::forward<A>(args)...) {}
 
-    void run(const FiberThread& self, unsigned first, unsigned last) override {
+    // Flat: a kernel that is called for each thread would fetch its arguments anew.
+    __attribute__((flatten)) void run(const FiberThread& self, unsigned first,
+                                      unsigned last) override {
         run_threads(self, first, last, std::index_sequence_for<P...>{});
     }
     const void* address() const override {
