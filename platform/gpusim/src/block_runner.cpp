@@ -28,6 +28,10 @@ std::string place(const Site& site) {
     return std::string(site.file) + ":" + std::to_string(site.line);
 }
 
+// Of a launch on a host thread, or those of one block. What orders a thread costs ThreadSanitizer
+// time in proportion to the number of all threads.
+constexpr unsigned kSeparateThreads = 512;
+
 unsigned lowest_lane(unsigned mask) {
     return static_cast<unsigned>(__builtin_ctz(mask));
 }
@@ -63,6 +67,7 @@ void BlockRunner::run(Grid& grid) {
     current_runner = this;
     blockIdx = grid.block(share_.next);
     active_ = &main_;
+    begun_ = 0;
     do {
         start_block();
         switch_to(pool_.take());
@@ -84,17 +89,22 @@ void BlockRunner::start_block() {
     in_warp_ = false;
     resumable_ = State::kAtBlock;
     run_first_ = 0;
-    run_last_ = kThreadSanitizer ? 1 : places_;
+    const bool was_separate = separate();
+    separate_ = begun_ == 0 || begun_ + count_ <= kSeparateThreads;
+    begun_ += separate_ ? count_ : 0;
+    run_last_ = separate() ? 1 : places_;
     // Blocks are not ordered, but those of one host thread use the same shared memory.
-    if (met_barrier_) {
+    if (was_separate && (met_barrier_ || !separate())) {
         end_.leave();
-        met_barrier_ = false;
     }
+    met_barrier_ = false;
     if (order_.shuffled) {
         shared_.poison();
         threads_.shuffle(order_.seed + share_.next, places_ / kWarp);
     }
-    begin_.arrive();
+    if (separate()) {
+        begin_.arrive();
+    }
 }
 
 bool BlockRunner::advance_block() {
@@ -124,9 +134,13 @@ void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
 void BlockRunner::fiber_loop(Fiber& self) {
     for (;;) {
         const unsigned last = run_last_;
-        begin_.leave();
+        if (separate()) {
+            begin_.leave();
+        }
         run_places(self, run_first_, last);
-        end_.arrive();
+        if (separate()) {
+            end_.arrive();
+        }
         if (self.thread == detail::kNoThread) {
             next_start_ = last;
             position_ = last;
@@ -140,14 +154,14 @@ void BlockRunner::fiber_loop(Fiber& self) {
 }
 
 void BlockRunner::run_places(const Fiber& self, unsigned first, unsigned last) {
-    if (!order_.shuffled && !kThreadSanitizer) {
+    if (!order_.shuffled && !separate()) {
         grid_->kernel().run(self, first, last);
         return;
     }
     for (unsigned place = first; place != last && self.thread == detail::kNoThread; ++place) {
         const unsigned thread = threads_.thread(place);
         if (thread < count_) {
-            if (kThreadSanitizer) {
+            if (separate()) {
                 name_fiber(*active_, "block " + triple(blockIdx) + ", " + thread_name(thread));
             }
             grid_->kernel().run(self, thread, thread + 1);
@@ -159,6 +173,9 @@ void BlockRunner::switch_to(Fiber& to) {
     Fiber& from = *active_;
     if (&from != &to) {
         active_ = &to;
+        if (separate()) {
+            become(to);
+        }
         switch_fiber(from, to);
     }
 }
@@ -176,9 +193,16 @@ unsigned BlockRunner::bind() {
     return self.thread;
 }
 
-void BlockRunner::park() {
+void BlockRunner::park(Rounds& rounds) {
     Fiber& self = *active_;
+    SyncPoint& point = rounds.point();
+    if (separate()) {
+        point.arrive();
+    }
     switch_to(next_fiber(false));
+    if (separate()) {
+        point.leave();
+    }
     threadIdx = self.index;
 }
 
@@ -186,7 +210,7 @@ Fiber& BlockRunner::next_fiber(bool ended) {
     Fiber& self = *active_;
     [[maybe_unused]] const InTheNameOf host(main_);
     Fiber* next = choose();
-    if (ended && next == nullptr && !kThreadSanitizer) {
+    if (ended && next == nullptr && !separate()) {
         return self;
     }
     if (ended) {
@@ -208,10 +232,7 @@ void BlockRunner::wait_block(const Site& site) {
     ++block_waiting_;
     met_barrier_ = true;
     state_[thread] = State::kAtBlock;
-    SyncPoint& point = block_rounds_.point();
-    point.arrive();
-    park();
-    point.leave();
+    park(block_rounds_);
 }
 
 void BlockRunner::wait_warp(unsigned mask, const Site& site) {
@@ -228,10 +249,7 @@ void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     ++warp_waiting_;
     met_barrier_ = true;
     state_[thread] = State::kAtWarp;
-    SyncPoint& point = warp_rounds_[lowest_lane(mask)].point();
-    point.arrive();
-    park();
-    point.leave();
+    park(warp_rounds_[lowest_lane(mask)]);
 }
 
 Fiber* BlockRunner::choose() {
@@ -241,7 +259,7 @@ Fiber* BlockRunner::choose() {
         while (position_ < stop) {
             if (position_ == next_start_) {
                 run_first_ = position_;
-                run_last_ = kThreadSanitizer ? position_ + 1 : stop;
+                run_last_ = separate() ? position_ + 1 : stop;
                 return nullptr;
             }
             const unsigned thread = threads_.thread(position_++);

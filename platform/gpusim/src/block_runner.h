@@ -34,8 +34,9 @@ struct Site {
 /// its next block barrier or its end before the next warp runs. In a shuffled order a thread starts
 /// in the place that `threads_` gives it; the places of a warp follow each other.
 ///
-/// Under ThreadSanitizer every thread starts on a fiber of its own, even if it meets no barrier,
-/// and blocks begin and end on the host thread's own stack.
+/// Under ThreadSanitizer blocks begin and end on the host thread's own stack. In the first blocks
+/// of a launch every thread starts on a fiber of its own, even if it meets no barrier. That is
+/// slow, so in the other blocks all threads are one to the sanitizer.
 class BlockRunner {
 public:
     BlockRunner();
@@ -63,13 +64,15 @@ private:
     static void fiber_entry(boost::context::detail::transfer_t transfer);
     [[noreturn]] void fiber_loop(Fiber& self);
     void start_block();
+    /// Whether the threads of this block are separate for ThreadSanitizer.
+    bool separate() const { return kThreadSanitizer && separate_; }
     /// Starts the threads in the places [first, last) until one parks.
     void run_places(const Fiber& self, unsigned first, unsigned last);
     /// Steps `blockIdx` to the next block; false behind the last.
     bool advance_block();
     /// Binds the running thread to its fiber; returns its linear index.
     unsigned bind();
-    void park();
+    void park(Rounds& rounds);
     /// The fiber that runs from now on; the active one has parked, or its thread has `ended`.
     Fiber& next_fiber(bool ended);
     /// The fiber to be resumed: a parked one, `main_` when the last block has ended (any, under
@@ -115,6 +118,8 @@ private:
     Rounds block_rounds_;
     std::array<Rounds, kWarp> warp_rounds_;  // by the lowest lane of the mask
     bool met_barrier_ = false;
+    unsigned begun_ = 0;  // threads of this launch that were separate
+    bool separate_ = false;
 
     std::array<State, kMaxThreads> state_{};
     std::array<Fiber*, kMaxThreads> fiber_{};

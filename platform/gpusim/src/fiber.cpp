@@ -84,15 +84,17 @@ void switch_fiber(Fiber& from, Fiber& to) {
 #ifdef GPUSIM_ASAN
     __sanitizer_start_switch_fiber(&from.fake_stack, to.stack, to.stack_size);
 #endif
-#ifdef GPUSIM_TSAN
-    // Only barriers order threads.
-    __tsan_switch_to_fiber(to.tsan_fiber, __tsan_switch_to_fiber_no_sync);
-#endif
     arrive(jump(to.context, &from), from);
 }
 
 void enter_fiber(bc::transfer_t transfer, Fiber& self) {
     arrive(transfer, self);
+}
+
+void become([[maybe_unused]] const Fiber& fiber) {
+#ifdef GPUSIM_TSAN
+    __tsan_switch_to_fiber(fiber.tsan_fiber, __tsan_switch_to_fiber_no_sync);
+#endif
 }
 
 void name_fiber([[maybe_unused]] const Fiber& fiber, [[maybe_unused]] const std::string& name) {

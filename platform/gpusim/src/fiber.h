@@ -32,7 +32,7 @@ struct Fiber : detail::FiberThread {
 /// Describes the calling thread's own stack.
 void adopt_thread_stack(Fiber& fiber);
 
-/// Goes on in `to` until something switches back to `from`.
+/// Goes on in `to` until something switches back to `from`. ThreadSanitizer takes no note of it.
 void switch_fiber(Fiber& from, Fiber& to);
 
 /// To be called first on a new fiber, with what its entry received.
@@ -57,6 +57,9 @@ private:
     explicit InTheNameOf(const Fiber&) {}
 #endif
 };
+
+/// What ThreadSanitizer sees from now on is the work of `fiber`, in no order to what it saw last.
+void become(const Fiber& fiber);
 
 /// The name that ThreadSanitizer's reports give a fiber.
 void name_fiber(const Fiber& fiber, const std::string& name);
