@@ -225,9 +225,10 @@ void BlockRunner::wait_block(const Site& site) {
         block_site_ = site;
         first_waiter_ = thread;
     } else if (site != block_site_) {
-        fail(kernel_name(site) +
-             ": threads of one block wait at different barriers: " + thread_name(first_waiter_) +
-             " at " + place(block_site_) + ", " + thread_name(thread) + " at " + place(site));
+        message_ = kernel_name(site) + ": threads of one block wait at different barriers: " +
+                   thread_name(first_waiter_) + " at " + place(block_site_) + ", " +
+                   thread_name(thread) + " at " + place(site);
+        fail();
     }
     ++block_waiting_;
     met_barrier_ = true;
@@ -239,8 +240,9 @@ void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     const unsigned thread = bind();
     const unsigned lane = thread % kWarp;
     if ((mask >> lane & 1u) == 0) {
-        fail(kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
-             place(site) + ", whose mask leaves it out");
+        message_ = kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
+                   place(site) + ", whose mask leaves it out";
+        fail();
     }
     mask_[lane] = mask;
     warp_site_[lane] = site;
@@ -325,10 +327,11 @@ void BlockRunner::release_warp() {
     if (released == 0) {
         const Site& site = warp_site_[stuck % kWarp];
         const bool at_warp = state_[missing] == State::kAtWarp;
-        fail(kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
-             place(site) + " for " + thread_name(missing) + ", which waits at " +
-             place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
-             (at_warp ? " or with another mask" : ""));
+        message_ = kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
+                   place(site) + " for " + thread_name(missing) + ", which waits at " +
+                   place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
+                   (at_warp ? " or with another mask" : "");
+        fail();
     }
 }
 
@@ -350,9 +353,9 @@ void BlockRunner::wait_for_earlier_blocks() {
     }
 }
 
-void BlockRunner::fail(const std::string& message) {
+void BlockRunner::fail() {
     wait_for_earlier_blocks();
-    std::fprintf(stderr, "gpusim: %s%s\n", message.c_str(), order_.note().c_str());
+    std::fprintf(stderr, "gpusim: %s%s\n", message_.c_str(), order_.note().c_str());
     end_kernel(cudaErrorLaunchFailure);
 }
 

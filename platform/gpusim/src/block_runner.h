@@ -80,8 +80,8 @@ private:
     Fiber* choose();
     void release_warp();
     void switch_to(Fiber& to);
-    /// Prints the message and ends the kernel.
-    [[noreturn]] void fail(const std::string& message);
+    /// Prints `message_` and ends the kernel.
+    [[noreturn]] void fail();
     [[noreturn]] void end_kernel(cudaError_t error);
     /// Leaves the kernel for good. Frames below lose what they hold: callers hold nothing.
     [[noreturn]] void leave_kernel();
@@ -94,6 +94,7 @@ private:
     Grid* grid_ = nullptr;
     Grid::Share share_;
     bool left_ = false;  // by a fault
+    std::string message_;
 
     const Order& order_ = Order::get();
     ThreadOrder threads_;
