@@ -41,8 +41,31 @@ TEST_F(ErrorTest, LaunchesRefused) {
     }
     void (*none)() = nullptr;
     EXPECT_EQ(launch(config(1, 1), none), cudaErrorInvalidDeviceFunction);
-    EXPECT_CUDA(launch(config(dim3(2, 65535), dim3(16, 1, 64)), nothing));
+    EXPECT_CUDA(launch(config(dim3(2, 65535), 1), nothing));
+    EXPECT_CUDA(launch(config(1, dim3(16, 1, 64)), nothing));
     EXPECT_CUDA(cudaDeviceSynchronize());
+}
+
+template <int kInts>
+__global__ void use_shared(int* out) {
+    __shared__ int first[kInts];
+    __shared__ char second[4096];
+    first[threadIdx.x] = second[threadIdx.x] = 1;
+    *out = first[0] + second[0];
+}
+
+TEST_F(ErrorTest, TooMuchSharedMemory) {
+    constexpr int kMost = (48 * 1024 - 4096) / 4;
+    DeviceArray<int> out(1);
+    EXPECT_CUDA(launch(config(1, 1), use_shared<kMost>, out.get()));
+    EXPECT_EQ(out.read()[0], 2);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(launch(config(1, 1), use_shared<kMost + 1>, out.get()),
+              cudaErrorInvalidConfiguration);
+    const std::string message = testing::internal::GetCapturedStderr();
+    EXPECT_NE(message.find("use_shared<11265>(int*): more than 49152 bytes of shared memory\n"),
+              std::string::npos)
+        << message;
 }
 
 TEST_F(ErrorTest, LastErrorBelongsToTheThread) {
@@ -68,6 +91,15 @@ TEST_F(ErrorTest, OutsideAKernel) {
     EXPECT_DEATH(assert(one == 2), "error_test.cpp.*Assertion `one == 2' failed");
     // A compiler for a real device refuses this call; a plain one has to leave it to the library.
     EXPECT_DEATH(gpusim::detail::block_barrier("file", 1, "host"), "a barrier outside a kernel");
+}
+
+TEST_F(ErrorTest, OrderThatIsNone) {
+    for (const char* order : {"backward", "shuffle", "shuffle:", "shuffle:7x"}) {
+        ASSERT_EQ(setenv("GPUSIM_ORDER", order, 1), 0);
+        EXPECT_DEATH((launch(config(1, 1), nothing), cudaDeviceSynchronize()),
+                     "GPUSIM_ORDER is forward or shuffle:SEED, not '" + std::string(order) + "'");
+    }
+    unsetenv("GPUSIM_ORDER");
 }
 
 TEST_F(ErrorTest, ForkedProcessIsRefused) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -132,6 +133,24 @@ TEST_F(MemoryTest, PoolReusesInStreamOrder) {
     EXPECT_EQ(later, first);
 }
 
+TEST_F(MemoryTest, FreshBlocksHoldNaN) {
+    const cudaStream_t stream = create_stream();
+    std::vector<unsigned char> bytes(5000);
+    // The first block of a size, and one that was in use before.
+    for (int life = 0; life < 2; ++life) {
+        for (const bool in_stream : {false, true}) {
+            char* block = nullptr;
+            ASSERT_CUDA(in_stream ? cudaMallocAsync(&block, bytes.size(), stream)
+                                  : cudaMalloc(&block, bytes.size()));
+            ASSERT_CUDA(cudaStreamSynchronize(stream));
+            ASSERT_CUDA(cudaMemcpy(bytes.data(), block, bytes.size(), cudaMemcpyDeviceToHost));
+            EXPECT_EQ(std::count(bytes.begin(), bytes.end(), 0xff), 5000);
+            ASSERT_CUDA(cudaMemset(block, 0, bytes.size()));
+            ASSERT_CUDA(in_stream ? cudaFreeAsync(block, stream) : cudaFree(block));
+        }
+    }
+}
+
 TEST_F(MemoryTest, BlocksDontOverlapAndMemoryComesBack) {
     size_t before = 0, total = 0, after = 0;
     ASSERT_CUDA(cudaMemGetInfo(&before, &total));
@@ -186,7 +205,51 @@ TEST_F(MemoryTest, HostCodeCannotTouchDeviceMemory) {
     EXPECT_EQ(device.read(), (std::vector<int>{1, 2, 3}));
 }
 
-#if defined(__SANITIZE_ADDRESS__)
+#if !defined(__SANITIZE_ADDRESS__)
+struct Holder {
+    int tag;
+    float* data;
+};
+__global__ void store_past(Holder holder, int at) {
+    holder.data[at] = 1;
+}
+__global__ void store_through(float* const* where) {
+    where[0][100] = 1;
+}
+
+TEST_F(MemoryTest, StoresPastABlockAreReported) {
+    constexpr int n = 100;
+    const auto stored_by = [](auto kernel, auto... args) {
+        testing::internal::CaptureStderr();
+        EXPECT_CUDA(launch(config(1, 1), kernel, args...));
+        EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorIllegalAddress);
+        const std::string message = testing::internal::GetCapturedStderr();
+        cudaDeviceReset();
+        return message;
+    };
+    for (const int at : {n, n + 127}) {
+        float *block = nullptr, *next = nullptr;
+        ASSERT_CUDA(cudaMallocAsync(&block, n * sizeof(float), nullptr));
+        ASSERT_CUDA(cudaMallocAsync(&next, n * sizeof(float), nullptr));
+        ASSERT_CUDA(launch(config(1, 1), store_past, Holder{1, block + 1}, n - 2));
+        ASSERT_CUDA(cudaDeviceSynchronize());
+        const std::string message = stored_by(store_past, Holder{1, block + 1}, at - 1);
+        EXPECT_NE(message.find("store_past("), std::string::npos) << message;
+        EXPECT_NE(message.find(") stored past the end of a block of 400 bytes"), std::string::npos)
+            << message;
+    }
+    // Where no argument leads to the block, the store shows when the block is freed.
+    DeviceArray<float> block(n);
+    DeviceArray<float*> where(std::vector<float*>{block.get()});
+    ASSERT_CUDA(launch(config(1, 1), store_through, where.get()));
+    ASSERT_CUDA(cudaDeviceSynchronize());
+    testing::internal::CaptureStderr();
+    EXPECT_CUDA(cudaFreeAsync(block.get(), nullptr));
+    EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorIllegalAddress);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "gpusim: something was stored past the end of a block of 400 bytes\n");
+}
+#else
 TEST_F(MemoryTest, AddressSanitizerSeesKernelsOutsideTheirBlocks) {
     for (const bool freed : {false, true}) {
         EXPECT_DEATH(

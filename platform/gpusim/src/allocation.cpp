@@ -1,10 +1,10 @@
 // Allocation calls of the runtime's interface.
+#include <cstdio>
+
 #include "memory.h"
-#include "sanitizer.h"
 
 using gpusim::api;
 using gpusim::Device;
-using gpusim::kAddressSanitizer;
 using gpusim::make_task;
 using gpusim::Memory;
 using gpusim::stream_api;
@@ -14,6 +14,14 @@ namespace {
 
 char pool_tag;
 
+void end_block(void* pointer, size_t size) {
+    if (!Memory::get().end(pointer, size)) {
+        std::fprintf(stderr, "gpusim: something was stored past the end of a block of %zu bytes\n",
+                     size);
+        Device::get().set_fault(cudaErrorIllegalAddress);
+    }
+}
+
 cudaMemPool_t pool_handle() {
     return reinterpret_cast<cudaMemPool_t>(&pool_tag);
 }
@@ -22,18 +30,17 @@ cudaMemPool_t pool_handle() {
 
 void* gpusim::allocate_in_stream(size_t size, const StreamPtr& stream) {
     void* const block = Memory::get().allocate(size, stream);
-    if (kAddressSanitizer && block != nullptr) {
-        Device::get().submit(stream, make_task([=] { mark_allocated(block, size); }));
+    if (block != nullptr) {
+        Device::get().submit(stream, make_task([=] { Memory::get().begin(block, size); }));
     }
     return block;
 }
 
 bool gpusim::free_in_stream(void* pointer, const StreamPtr& stream) {
     const size_t size = Memory::get().block_size(pointer);
-    Device& device = Device::get();
     // A task of the null stream waits for the other streams, which have to be done with the block.
-    if (size != 0 && (kAddressSanitizer || stream == device.null_stream())) {
-        device.submit(stream, make_task([=] { poison(pointer, size); }));
+    if (size != 0) {
+        Device::get().submit(stream, make_task([=] { end_block(pointer, size); }));
     }
     return size != 0 && Memory::get().free(pointer, stream);
 }
@@ -53,7 +60,8 @@ cudaError_t cudaMalloc(void** pointer, size_t size) {
         }
         // All streams may use the block at once, so nothing may still run on its last life.
         device.synchronize(device.null_stream());
-        gpusim::mark_allocated(block, size);
+        gpusim::DeviceAccess access;
+        Memory::get().begin(block, size);
         *pointer = block;
         return cudaSuccess;
     });
@@ -68,7 +76,11 @@ cudaError_t cudaFree(void* pointer) {
         if (device.fault() != cudaSuccess) {
             return device.fault();
         }
-        return Memory::get().free_idle(pointer) ? cudaSuccess : cudaErrorInvalidValue;
+        if (const size_t size = Memory::get().block_size(pointer)) {
+            gpusim::DeviceAccess access;
+            end_block(pointer, size);
+        }
+        return Memory::get().free_idle(pointer) ? device.fault() : cudaErrorInvalidValue;
     });
 }
 

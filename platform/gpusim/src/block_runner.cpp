@@ -1,12 +1,13 @@
 #include "block_runner.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "symbols.h"
 
 __thread uint3 threadIdx = {0, 0, 0};
 __thread uint3 blockIdx = {0, 0, 0};
@@ -27,6 +28,14 @@ std::string place(const Site& site) {
     return std::string(site.file) + ":" + std::to_string(site.line);
 }
 
+// Of a launch on a host thread, or those of one block. What orders a thread costs ThreadSanitizer
+// time in proportion to the number of all threads.
+constexpr unsigned kSeparateThreads = 512;
+
+unsigned lowest_lane(unsigned mask) {
+    return static_cast<unsigned>(__builtin_ctz(mask));
+}
+
 }  // namespace
 
 BlockRunner::BlockRunner() : pool_(&BlockRunner::fiber_entry) {
@@ -37,25 +46,40 @@ BlockRunner* BlockRunner::current() {
     return current_runner;
 }
 
-cudaError_t BlockRunner::run(detail::KernelCall& call, dim3 grid, dim3 block) {
-    call_ = &call;
-    fault_ = cudaSuccess;
-    count_ = block.x * block.y * block.z;
-    gridDim = grid;
-    blockDim = block;
+void BlockRunner::run(Grid& grid) {
+    share_ = {};
+    if (!grid.take(&share_)) {
+        return;
+    }
+    grid_ = &grid;
+    left_ = false;
+    gridDim = grid.extent();
+    blockDim = grid.block_extent();
+    count_ = blockDim.x * blockDim.y * blockDim.z;
+    places_ = order_.shuffled ? (count_ + kWarp - 1) / kWarp * kWarp : count_;
+    if (order_.shuffled) {
+        shared_ = SharedMemory(grid.kernel().address());
+    }
+    if (kThreadSanitizer) {
+        // One more than threads, so that equal threads of neighbouring blocks have different ones.
+        pool_.reserve(count_ + 1);
+    }
     current_runner = this;
-    blockIdx = {0, 0, 0};
-    start_block();
+    blockIdx = grid.block(share_.next);
     active_ = &main_;
-    switch_to(pool_.take());
+    begun_ = 0;
+    do {
+        start_block();
+        switch_to(pool_.take());
+    } while (kThreadSanitizer && !left_ && advance_block());
+    end_.leave();
     current_runner = nullptr;
-    call_ = nullptr;
-    if (fault_ != cudaSuccess) {
+    grid_ = nullptr;
+    if (left_) {
         pool_.abandon_all();
         state_.fill(State::kNotWaiting);
         fiber_.fill(nullptr);
     }
-    return fault_;
 }
 
 void BlockRunner::start_block() {
@@ -65,18 +89,39 @@ void BlockRunner::start_block() {
     in_warp_ = false;
     resumable_ = State::kAtBlock;
     run_first_ = 0;
-    run_last_ = count_;
+    const bool was_separate = separate();
+    separate_ = begun_ == 0 || begun_ + count_ <= kSeparateThreads;
+    begun_ += separate_ ? count_ : 0;
+    run_last_ = separate() ? 1 : places_;
+    // Blocks are not ordered, but those of one host thread use the same shared memory.
+    if (was_separate && (met_barrier_ || !separate())) {
+        end_.leave();
+    }
+    met_barrier_ = false;
+    if (order_.shuffled) {
+        shared_.poison();
+        threads_.shuffle(order_.seed + share_.next, places_ / kWarp);
+    }
+    if (separate()) {
+        begin_.arrive();
+    }
 }
 
 bool BlockRunner::advance_block() {
-    if (++blockIdx.x == gridDim.x) {
+    const bool at_end = ++share_.next == share_.last || !grid_->wants(share_.next);
+    if (at_end && !grid_->take(&share_)) {
+        return false;
+    }
+    if (at_end || order_.shuffled) {
+        blockIdx = grid_->block(share_.next);
+    } else if (++blockIdx.x == gridDim.x) {
         blockIdx.x = 0;
         if (++blockIdx.y == gridDim.y) {
             blockIdx.y = 0;
             ++blockIdx.z;
         }
     }
-    return blockIdx.z != gridDim.z;
+    return true;
 }
 
 void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
@@ -89,7 +134,13 @@ void BlockRunner::fiber_entry(boost::context::detail::transfer_t transfer) {
 void BlockRunner::fiber_loop(Fiber& self) {
     for (;;) {
         const unsigned last = run_last_;
-        call_->run(self, run_first_, last);
+        if (separate()) {
+            begin_.leave();
+        }
+        run_places(self, run_first_, last);
+        if (separate()) {
+            end_.arrive();
+        }
         if (self.thread == detail::kNoThread) {
             next_start_ = last;
             position_ = last;
@@ -98,17 +149,35 @@ void BlockRunner::fiber_loop(Fiber& self) {
             fiber_[self.thread] = nullptr;
             self.thread = detail::kNoThread;
         }
-        if (Fiber* next = choose()) {
-            pool_.put(self);
-            switch_to(*next);
+        switch_to(next_fiber(true));
+    }
+}
+
+void BlockRunner::run_places(const Fiber& self, unsigned first, unsigned last) {
+    if (!order_.shuffled && !separate()) {
+        grid_->kernel().run(self, first, last);
+        return;
+    }
+    for (unsigned place = first; place != last && self.thread == detail::kNoThread; ++place) {
+        const unsigned thread = threads_.thread(place);
+        if (thread < count_) {
+            if (separate()) {
+                name_fiber(*active_, "block " + triple(blockIdx) + ", " + thread_name(thread));
+            }
+            grid_->kernel().run(self, thread, thread + 1);
         }
     }
 }
 
 void BlockRunner::switch_to(Fiber& to) {
     Fiber& from = *active_;
-    active_ = &to;
-    switch_fiber(from, to);
+    if (&from != &to) {
+        active_ = &to;
+        if (separate()) {
+            become(to);
+        }
+        switch_fiber(from, to);
+    }
 }
 
 unsigned BlockRunner::bind() {
@@ -118,22 +187,36 @@ unsigned BlockRunner::bind() {
         self.thread = thread;
         self.index = threadIdx;
         fiber_[thread] = &self;
-        next_start_ = thread + 1;
-        position_ = thread + 1;
+        next_start_ = threads_.place(thread) + 1;
+        position_ = next_start_;
     }
     return self.thread;
 }
 
-void BlockRunner::park() {
+void BlockRunner::park(Rounds& rounds) {
     Fiber& self = *active_;
-    Fiber* next = choose();
-    if (next == nullptr) {
-        next = &pool_.take();
+    SyncPoint& point = rounds.point();
+    if (separate()) {
+        point.arrive();
     }
-    if (next != &self) {
-        switch_to(*next);
+    switch_to(next_fiber(false));
+    if (separate()) {
+        point.leave();
     }
     threadIdx = self.index;
+}
+
+Fiber& BlockRunner::next_fiber(bool ended) {
+    Fiber& self = *active_;
+    [[maybe_unused]] const InTheNameOf host(main_);
+    Fiber* next = choose();
+    if (ended && next == nullptr && !separate()) {
+        return self;
+    }
+    if (ended) {
+        pool_.put(self);
+    }
+    return next != nullptr ? *next : pool_.take();
 }
 
 void BlockRunner::wait_block(const Site& site) {
@@ -142,59 +225,62 @@ void BlockRunner::wait_block(const Site& site) {
         block_site_ = site;
         first_waiter_ = thread;
     } else if (site != block_site_) {
-        report(kernel_name(site) +
-               ": threads of one block wait at different barriers: " + thread_name(first_waiter_) +
-               " at " + place(block_site_) + ", " + thread_name(thread) + " at " + place(site));
-        end_kernel(cudaErrorLaunchFailure);
+        message_ = kernel_name(site) + ": threads of one block wait at different barriers: " +
+                   thread_name(first_waiter_) + " at " + place(block_site_) + ", " +
+                   thread_name(thread) + " at " + place(site);
+        fail();
     }
     ++block_waiting_;
+    met_barrier_ = true;
     state_[thread] = State::kAtBlock;
-    park();
+    park(block_rounds_);
 }
 
 void BlockRunner::wait_warp(unsigned mask, const Site& site) {
     const unsigned thread = bind();
     const unsigned lane = thread % kWarp;
     if ((mask >> lane & 1u) == 0) {
-        report(kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
-               place(site) + ", whose mask leaves it out");
-        end_kernel(cudaErrorLaunchFailure);
+        message_ = kernel_name(site) + ": " + thread_name(thread) + " waits at the warp barrier " +
+                   place(site) + ", whose mask leaves it out";
+        fail();
     }
     mask_[lane] = mask;
     warp_site_[lane] = site;
     in_warp_ = true;
     warp_first_ = thread - lane;
     ++warp_waiting_;
+    met_barrier_ = true;
     state_[thread] = State::kAtWarp;
-    park();
+    park(warp_rounds_[lowest_lane(mask)]);
 }
 
 Fiber* BlockRunner::choose() {
     for (;;) {
-        const unsigned stop = in_warp_ ? std::min(warp_first_ + kWarp, count_) : count_;
+        const unsigned warp_place = threads_.place(warp_first_) / kWarp * kWarp;
+        const unsigned stop = in_warp_ ? std::min(warp_place + kWarp, places_) : places_;
         while (position_ < stop) {
-            const unsigned thread = position_;
-            if (thread == next_start_) {
-                run_first_ = thread;
-                run_last_ = stop;
+            if (position_ == next_start_) {
+                run_first_ = position_;
+                run_last_ = separate() ? position_ + 1 : stop;
                 return nullptr;
             }
-            ++position_;
+            const unsigned thread = threads_.thread(position_++);
             if (state_[thread] == resumable_) {
                 return fiber_[thread];
             }
         }
         if (in_warp_ && warp_waiting_ != 0) {
             release_warp();
-            position_ = warp_first_;
+            position_ = warp_place;
             resumable_ = State::kReleased;
         } else if (in_warp_) {
             in_warp_ = false;
             resumable_ = State::kAtBlock;
         } else if (block_waiting_ != 0) {
             block_waiting_ = 0;
+            block_rounds_.next();
             position_ = 0;
-        } else if (advance_block()) {
+        } else if (!kThreadSanitizer && advance_block()) {
             start_block();
             return nullptr;
         } else {
@@ -206,6 +292,7 @@ Fiber* BlockRunner::choose() {
 void BlockRunner::release_warp() {
     const unsigned lanes = std::min(kWarp, count_ - warp_first_);
     unsigned released = 0;
+    unsigned groups = 0;  // those released, by their lowest lanes
     unsigned stuck = 0;
     unsigned missing = 0;
     for (unsigned lane = 0; lane < lanes; ++lane) {
@@ -229,18 +316,22 @@ void BlockRunner::release_warp() {
         }
         if (complete) {
             released |= 1u << lane;
+            groups |= 1u << lowest_lane(mask_[lane]);
             state_[warp_first_ + lane] = State::kReleased;
             --warp_waiting_;
         }
     }
+    for (; groups != 0; groups &= groups - 1) {
+        warp_rounds_[lowest_lane(groups)].next();
+    }
     if (released == 0) {
         const Site& site = warp_site_[stuck % kWarp];
         const bool at_warp = state_[missing] == State::kAtWarp;
-        report(kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
-               place(site) + " for " + thread_name(missing) + ", which waits at " +
-               place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
-               (at_warp ? " or with another mask" : ""));
-        end_kernel(cudaErrorLaunchFailure);
+        message_ = kernel_name(site) + ": " + thread_name(stuck) + " waits at the warp barrier " +
+                   place(site) + " for " + thread_name(missing) + ", which waits at " +
+                   place(at_warp ? warp_site_[missing % kWarp] : block_site_) +
+                   (at_warp ? " or with another mask" : "");
+        fail();
     }
 }
 
@@ -253,27 +344,35 @@ void BlockRunner::fail_assertion(const char* expression, const Site& site) {
     end_kernel(cudaErrorAssert);
 }
 
-void BlockRunner::report(const std::string& message) const {
-    std::fprintf(stderr, "gpusim: %s\n", message.c_str());
+void BlockRunner::wait_for_earlier_blocks() {
+    end_.arrive();
+    [[maybe_unused]] const InTheNameOf host(main_);
+    end_.leave();
+    if (!grid_->is_first_fault(share_.next)) {
+        leave_kernel();
+    }
+}
+
+void BlockRunner::fail() {
+    wait_for_earlier_blocks();
+    std::fprintf(stderr, "gpusim: %s%s\n", message_.c_str(), order_.note().c_str());
+    end_kernel(cudaErrorLaunchFailure);
 }
 
 void BlockRunner::end_kernel(cudaError_t error) {
-    fault_ = error;
+    grid_->set_fault(error);
+    leave_kernel();
+}
+
+void BlockRunner::leave_kernel() {
+    left_ = true;
     switch_to(main_);
     std::abort();  // not reached: what a fault leaves behind is never resumed
 }
 
 std::string BlockRunner::kernel_name(const Site& site) const {
-    std::string name = site.function;
-    Dl_info info;
-    if (dladdr(call_->address(), &info) != 0 && info.dli_sname != nullptr &&
-        info.dli_saddr == call_->address()) {
-        int status = 0;
-        char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-        name = status == 0 ? demangled : info.dli_sname;
-        std::free(demangled);
-    }
-    return "kernel " + name + ", block " + triple(blockIdx);
+    const std::string name = function_name(grid_->kernel().address());
+    return "kernel " + (name.empty() ? site.function : name) + ", block " + triple(blockIdx);
 }
 
 std::string BlockRunner::thread_name(unsigned thread) const {
@@ -310,6 +409,7 @@ void detail::warp_barrier(unsigned mask, const char* file, unsigned line, const 
 extern "C" void __assert_fail(const char* expression, const char* file, unsigned line,
                               const char* function) noexcept {
     if (auto* runner = gpusim::BlockRunner::current()) {
+        runner->wait_for_earlier_blocks();
         runner->fail_assertion(expression, {file, line, function});
     }
     using AssertFail = void (*)(const char*, const char*, unsigned, const char*);

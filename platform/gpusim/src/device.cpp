@@ -23,6 +23,11 @@ bool StreamPoint::reached() const {
     return stream == nullptr || stream->completed.load(std::memory_order_acquire) >= sequence;
 }
 
+void enter_device_thread() {
+    on_stream_thread = true;
+    open_device_memory();
+}
+
 cudaError_t call_barrier() {
     if (forked.load(std::memory_order_relaxed)) {
         return cudaErrorInitializationError;
@@ -123,8 +128,7 @@ StreamPoint Device::submit(const StreamPtr& stream, std::unique_ptr<Task> task) 
 }
 
 void Device::work(const StreamPtr& stream) {
-    on_stream_thread = true;
-    open_device_memory();
+    enter_device_thread();
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         stream->work.wait(lock, [&] { return !stream->queue.empty() || stream->closing; });

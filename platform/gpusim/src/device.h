@@ -129,6 +129,10 @@ cudaError_t record_error(cudaError_t error);
 /// the device.
 cudaError_t call_barrier();
 
+/// To be called first on a thread that runs kernels: it may use device memory, and not this
+/// interface.
+void enter_device_thread();
+
 /// The frame of a runtime call.
 template <class F>
 cudaError_t api(F&& body) {

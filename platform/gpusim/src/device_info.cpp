@@ -3,6 +3,7 @@
 
 #include "gpusim/device_functions.h"
 #include "memory.h"
+#include "shared_memory.h"
 
 using gpusim::api;
 using gpusim::Device;
@@ -13,7 +14,6 @@ namespace {
 // A plain device of compute capability 7.5, the oldest that current toolkits build for.
 constexpr int kMajor = 7;
 constexpr int kMinor = 5;
-constexpr int kSharedMemory = 48 * 1024;
 
 cudaError_t attribute_value(cudaDeviceAttr attribute, int* value) {
     switch (attribute) {
@@ -33,7 +33,7 @@ cudaError_t attribute_value(cudaDeviceAttr attribute, int* value) {
             *value = 65535;
             return cudaSuccess;
         case cudaDevAttrMaxSharedMemoryPerBlock:
-            *value = kSharedMemory;
+            *value = static_cast<int>(gpusim::kSharedMemory);
             return cudaSuccess;
         case cudaDevAttrWarpSize:
             *value = warpSize;
@@ -117,7 +117,7 @@ cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device) {
         cudaDeviceProp p{};
         std::snprintf(p.name, sizeof p.name, "%s", "gpusim");
         p.totalGlobalMem = Memory::get().arena().size();
-        p.sharedMemPerBlock = kSharedMemory;
+        p.sharedMemPerBlock = gpusim::kSharedMemory;
         p.warpSize = warpSize;
         p.maxThreadsPerBlock = attribute(cudaDevAttrMaxThreadsPerBlock);
         p.maxThreadsDim[0] = attribute(cudaDevAttrMaxBlockDimX);

@@ -84,14 +84,23 @@ void switch_fiber(Fiber& from, Fiber& to) {
 #ifdef GPUSIM_ASAN
     __sanitizer_start_switch_fiber(&from.fake_stack, to.stack, to.stack_size);
 #endif
-#ifdef GPUSIM_TSAN
-    __tsan_switch_to_fiber(to.tsan_fiber, 0);
-#endif
     arrive(jump(to.context, &from), from);
 }
 
 void enter_fiber(bc::transfer_t transfer, Fiber& self) {
     arrive(transfer, self);
+}
+
+void become([[maybe_unused]] const Fiber& fiber) {
+#ifdef GPUSIM_TSAN
+    __tsan_switch_to_fiber(fiber.tsan_fiber, __tsan_switch_to_fiber_no_sync);
+#endif
+}
+
+void name_fiber([[maybe_unused]] const Fiber& fiber, [[maybe_unused]] const std::string& name) {
+#ifdef GPUSIM_TSAN
+    __tsan_set_fiber_name(fiber.tsan_fiber, name.c_str());
+#endif
 }
 
 void FiberPool::grow() {
@@ -117,6 +126,10 @@ void FiberPool::reset(Fiber& fiber) {
     unpoison(fiber.stack, fiber.stack_size);
 #ifdef GPUSIM_TSAN
     if (fiber.tsan_fiber != nullptr) {
+        // What the fiber did comes before all that follows.
+        void* const self = __tsan_get_current_fiber();
+        __tsan_switch_to_fiber(fiber.tsan_fiber, __tsan_switch_to_fiber_no_sync);
+        __tsan_switch_to_fiber(self, 0);
         __tsan_destroy_fiber(fiber.tsan_fiber);
     }
     fiber.tsan_fiber = __tsan_create_fiber(0);

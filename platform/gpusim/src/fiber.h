@@ -4,7 +4,9 @@
 // Fibers that device threads run on, one pool for each stream.
 
 #include <boost/context/detail/fcontext.hpp>
+#include <deque>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "gpusim/launch.h"
@@ -30,11 +32,37 @@ struct Fiber : detail::FiberThread {
 /// Describes the calling thread's own stack.
 void adopt_thread_stack(Fiber& fiber);
 
-/// Goes on in `to` until something switches back to `from`.
+/// Goes on in `to` until something switches back to `from`. ThreadSanitizer takes no note of it.
 void switch_fiber(Fiber& from, Fiber& to);
 
 /// To be called first on a new fiber, with what its entry received.
 void enter_fiber(boost::context::detail::transfer_t transfer, Fiber& self);
+
+/// What ThreadSanitizer sees in this scope is the work of another fiber than the running one.
+class InTheNameOf {
+public:
+#ifdef GPUSIM_TSAN
+    explicit InTheNameOf(const Fiber& other) : running_(__tsan_get_current_fiber()) {
+        __tsan_switch_to_fiber(other.tsan_fiber, __tsan_switch_to_fiber_no_sync);
+    }
+    ~InTheNameOf() {
+        __tsan_switch_to_fiber(running_, __tsan_switch_to_fiber_no_sync);
+    }
+    InTheNameOf(const InTheNameOf&) = delete;
+    InTheNameOf& operator=(const InTheNameOf&) = delete;
+
+private:
+    void* running_;
+#else
+    explicit InTheNameOf(const Fiber&) {}
+#endif
+};
+
+/// What ThreadSanitizer sees from now on is the work of `fiber`, in no order to what it saw last.
+void become(const Fiber& fiber);
+
+/// The name that ThreadSanitizer's reports give a fiber.
+void name_fiber(const Fiber& fiber, const std::string& name);
 
 class FiberPool {
 public:
@@ -42,13 +70,21 @@ public:
 
     explicit FiberPool(Entry entry) : entry_(entry) {}
 
+    /// The fiber that came back last, which lies in the processor's caches. For ThreadSanitizer the
+    /// one that came back first, because threads on one fiber are one thread to it.
     Fiber& take() {
         if (free_.empty()) {
             grow();
         }
-        Fiber* fiber = free_.back();
-        free_.pop_back();
+        Fiber* fiber = kThreadSanitizer ? free_.front() : free_.back();
+        kThreadSanitizer ? free_.pop_front() : free_.pop_back();
         return *fiber;
+    }
+    /// Makes fibers, so that there are `count` at least.
+    void reserve(size_t count) {
+        while (all_.size() < count) {
+            grow();
+        }
     }
     void put(Fiber& fiber) { free_.push_back(&fiber); }
 
@@ -61,7 +97,7 @@ private:
 
     Entry entry_;
     std::vector<std::unique_ptr<Fiber>> all_;
-    std::vector<Fiber*> free_;
+    std::deque<Fiber*> free_;
 };
 
 }  // namespace gpusim

@@ -1,9 +1,15 @@
 #include "gpusim/launch.h"
 
+#include <cstdio>
+#include <cstring>
 #include <memory>
 
-#include "block_runner.h"
 #include "device.h"
+#include "grid.h"
+#include "memory.h"
+#include "order.h"
+#include "shared_memory.h"
+#include "symbols.h"
 
 namespace gpusim::detail {
 
@@ -18,11 +24,27 @@ bool fits(const dim3& v, const dim3& limit) {
     return v.x >= 1 && v.y >= 1 && v.z >= 1 && v.x <= limit.x && v.y <= limit.y && v.z <= limit.z;
 }
 
+/// Looks past the ends of the blocks that the kernel's arguments point into.
+cudaError_t check_red_zones(const KernelCall& call) {
+    const char* const bytes = static_cast<const char*>(call.arguments());
+    const void* pointer = nullptr;
+    for (size_t i = 0; i + sizeof pointer <= call.argument_bytes(); i += sizeof pointer) {
+        std::memcpy(&pointer, bytes + i, sizeof pointer);
+        if (const size_t size = Memory::get().overrun(pointer)) {
+            std::fprintf(stderr,
+                         "gpusim: kernel %s stored past the end of a block of %zu bytes%s\n",
+                         function_name(call.address()).c_str(), size, Order::get().note().c_str());
+            return cudaErrorIllegalAddress;
+        }
+    }
+    return cudaSuccess;
+}
+
 void run(KernelCall& call, dim3 grid, dim3 block) {
-    // Its fibers stay with the thread from launch to launch. On the heap, because a library that is
-    // loaded while the program runs finds little room for thread-local data.
-    thread_local const auto runner = std::make_unique<BlockRunner>();
-    const cudaError_t error = runner->run(call, grid, block);
+    cudaError_t error = Grid(call, grid, block).run();
+    if (error == cudaSuccess) {
+        error = check_red_zones(call);
+    }
     if (error != cudaSuccess) {
         Device::get().set_fault(error);
     }
@@ -42,6 +64,11 @@ cudaError_t check_launch(const cudaLaunchConfig_t* config, const void* kernel) {
         if (!fits(config->gridDim, {kMaxGridX, kMaxGridYZ, kMaxGridYZ}) ||
             !fits(block, {kMaxBlockThreads, kMaxBlockThreads, kMaxBlockZ}) ||
             block.x * block.y * block.z > kMaxBlockThreads) {
+            return cudaErrorInvalidConfiguration;
+        }
+        if (exceeds_shared_memory(kernel)) {
+            std::fprintf(stderr, "gpusim: kernel %s: more than %zu bytes of shared memory\n",
+                         function_name(kernel).c_str(), kSharedMemory);
             return cudaErrorInvalidConfiguration;
         }
         if (config->dynamicSmemBytes != 0 || config->numAttrs != 0) {

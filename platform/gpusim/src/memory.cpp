@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
+#include <cstring>
 #include <iterator>
 
 #include "sanitizer.h"
@@ -16,13 +18,31 @@ namespace {
 constexpr size_t kAlignment = 512;
 constexpr size_t kLargeAlignment = 64 * 1024;
 constexpr size_t kLarge = 1024 * 1024;
-// Distance of a block's end to the next block, which only AddressSanitizer would notice.
-constexpr size_t kRedZone = kAddressSanitizer ? 512 : 0;
+// Distance of a block's end to the next block.
+constexpr size_t kRedZone = 512;
 constexpr size_t kDefaultSize = size_t{16} << 30;
 constexpr size_t kSmallestArena = size_t{256} << 20;
 
 size_t round_up(size_t value, size_t to) {
     return (value + to - 1) / to * to;
+}
+
+/// What lies past a block that ends at `end`: floats that are NaN, so that reads of it show too,
+/// with other bits than what a program stores.
+const unsigned char* red_zone(const char* end) {
+    static const auto bytes = [] {
+        std::array<unsigned char, kRedZone + 4> filled;
+        for (size_t i = 0; i < filled.size(); ++i) {
+            filled[i] = i % 4 == 3 ? 0xff : 0xa5;
+        }
+        return filled;
+    }();
+    return bytes.data() + reinterpret_cast<uintptr_t>(end) % 4;
+}
+
+bool stored_past(const char* block, size_t size) {
+    const char* const end = block + size;
+    return !kAddressSanitizer && std::memcmp(end, red_zone(end), kRedZone) != 0;
 }
 
 size_t reserved_size(size_t size) {
@@ -122,11 +142,6 @@ void Arena::discard(size_t offset, size_t size) {
     if (first < last) {
         madvise(base_ + first, last - first, key_ >= 0 ? MADV_REMOVE : MADV_DONTNEED);
     }
-}
-
-void mark_allocated(void* pointer, size_t size) {
-    unpoison(pointer, size);
-    poison(static_cast<char*>(pointer) + size, reserved_size(size) - size);
 }
 
 void open_device_memory() {
@@ -299,7 +314,6 @@ bool Memory::free_idle(void* pointer) {
         return false;
     }
     const auto [offset, entry] = *block;
-    poison(pointer, entry.reserved);
     constexpr size_t kWorthDiscarding = size_t{16} << 20;
     if (entry.reserved >= kWorthDiscarding) {
         arena_.discard(offset, entry.reserved);
@@ -318,10 +332,47 @@ void Memory::reset() {
         add_range(offset, block.reserved);
     }
     blocks_.clear();
+    living_.clear();
     used_ = 0;
     for (const auto& [offset, size] : ranges_) {
         arena_.discard(offset, size);
     }
+}
+
+void Memory::begin(void* pointer, size_t size) {
+    char* const block = static_cast<char*>(pointer);
+    unpoison(block, size);
+    std::memset(block, 0xff, size);
+    if (kAddressSanitizer) {
+        poison(block + size, reserved_size(size) - size);
+    } else {
+        std::memcpy(block + size, red_zone(block + size), kRedZone);
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    living_[block] = size;
+}
+
+bool Memory::end(void* pointer, size_t size) {
+    char* const block = static_cast<char*>(pointer);
+    const bool intact = !stored_past(block, size);
+    poison(block, reserved_size(size));
+    std::lock_guard<std::mutex> lock(mutex_);
+    living_.erase(block);
+    return intact;
+}
+
+size_t Memory::overrun(const void* pointer) {
+    if (!arena_.contains(pointer)) {
+        return 0;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto block = living_.upper_bound(static_cast<const char*>(pointer));
+    if (block == living_.begin()) {
+        return 0;
+    }
+    --block;
+    const bool inside = static_cast<const char*>(pointer) <= block->first + block->second;
+    return inside && stored_past(block->first, block->second) ? block->second : 0;
 }
 
 size_t Memory::used() {

@@ -60,6 +60,15 @@ public:
     size_t block_size(const void* pointer);
     /// For a device that is idle.
     bool free_idle(void* pointer);
+
+    /// Begins a block's life: all its bytes are 0xff, which makes every float NaN and every index
+    /// negative, so that what reads it before it was written shows. A red zone lies past its end.
+    void begin(void* pointer, size_t size);
+    /// Ends it; false if something was stored past its end.
+    bool end(void* pointer, size_t size);
+    /// Bytes of the living block that `pointer` lies in, if something was stored past its end; 0
+    /// otherwise.
+    size_t overrun(const void* pointer);
     void reset();
 
     void* allocate_host(size_t size);
@@ -108,13 +117,11 @@ private:
     std::set<std::pair<size_t, size_t>> by_size_;           // free: size and offset
     std::unordered_map<size_t, std::vector<Freed>> freed_;  // by reserved size, not yet collected
     std::map<const char*, HostRange> host_;
+    std::map<const char*, size_t> living_;  // begun and not ended, in the order of the streams
     size_t used_ = 0;
 };
 
-/// Tells AddressSanitizer that a block begins to live. Does nothing without it.
-void mark_allocated(void* pointer, size_t size);
-
-/// A block in the order of `stream`, marked there for AddressSanitizer; null when no room is left.
+/// A block whose life begins in the order of `stream`; null when no room is left.
 void* allocate_in_stream(size_t size, const StreamPtr& stream);
 /// False if `pointer` isn't the start of a block.
 bool free_in_stream(void* pointer, const StreamPtr& stream);

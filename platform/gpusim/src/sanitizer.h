@@ -44,11 +44,13 @@ inline void poison(const void*, size_t) {}
 inline void unpoison(const void*, size_t) {}
 #endif
 
-#if defined(GPUSIM_ASAN) || defined(GPUSIM_TSAN)
-constexpr bool kSanitizer = true;
+#ifdef GPUSIM_TSAN
+constexpr bool kThreadSanitizer = true;
 #else
-constexpr bool kSanitizer = false;
+constexpr bool kThreadSanitizer = false;
 #endif
+
+constexpr bool kSanitizer = kAddressSanitizer || kThreadSanitizer;
 
 }  // namespace gpusim
 

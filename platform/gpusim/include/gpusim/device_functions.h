@@ -17,9 +17,9 @@
 #define __constant__
 #define __forceinline__ inline __attribute__((always_inline))
 #define __launch_bounds__(...)
-/// A block runs on one thread of the host, so its shared memory is that thread's own. As on a
-/// device it isn't cleared between blocks.
-#define __shared__ static thread_local
+/// A block runs on one thread of the host, so its shared memory is that thread's own. By the tag,
+/// which becomes part of the symbol, a shuffled run finds the variables and poisons them.
+#define __shared__ static thread_local __attribute__((abi_tag("gpusim_shared")))
 
 /// Coordinates of the running thread. `__thread` with constant initialisation: an access is one
 /// load, with no guard around it.

@@ -26,6 +26,7 @@ typedef struct cudaLaunchConfig_st {
 namespace gpusim::detail {
 
 constexpr unsigned kNoThread = ~0u;
+constexpr size_t kMaxArgumentBytes = 4096;
 
 /// What a run of threads has to know of the fiber that it runs on.
 struct FiberThread {
@@ -42,6 +43,9 @@ public:
     /// one has parked at a barrier: its stack keeps this frame, and others go on elsewhere.
     virtual void run(const FiberThread& self, unsigned first, unsigned last) = 0;
     virtual const void* address() const = 0;
+    /// The bytes that the kernel's arguments lie in.
+    virtual const void* arguments() const = 0;
+    virtual size_t argument_bytes() const = 0;
 };
 
 /// `Kernel` is a pointer to a function, or a std::integral_constant of one.
@@ -52,14 +56,23 @@ public:
     explicit TypedKernelCall(Kernel kernel, A&&... args)
         : kernel_(kernel), args_(std::forward<A>(args)...) {}
 
-    void run(const FiberThread& self, unsigned first, unsigned last) override {
+    // Flat: a kernel that is called for each thread would fetch its arguments anew.
+    __attribute__((flatten)) void run(const FiberThread& self, unsigned first,
+                                      unsigned last) override {
         run_threads(self, first, last, std::index_sequence_for<P...>{});
     }
     const void* address() const override {
         return reinterpret_cast<const void*>(static_cast<void (*)(P...)>(kernel_));
     }
+    const void* arguments() const override { return &args_; }
+    size_t argument_bytes() const override { return sizeof(args_); }
 
 private:
+    // Not seen by ThreadSanitizer, to which the threads of a block are separate.
+    __attribute__((no_sanitize("thread"))) static void set(unsigned& coordinate, unsigned value) {
+        coordinate = value;
+    }
+
     template <size_t... I>
     void run_threads(const FiberThread& self, unsigned first, unsigned last,
                      std::index_sequence<I...>) {
@@ -70,12 +83,12 @@ private:
         const unsigned size_y = blockDim.y;
         uint3 index{first % size_x, first / size_x % size_y, first / size_x / size_y};
         for (unsigned left = last - first; left != 0;) {
-            threadIdx.y = index.y;
-            threadIdx.z = index.z;
+            set(threadIdx.y, index.y);
+            set(threadIdx.z, index.z);
             const unsigned stop = left < size_x - index.x ? index.x + left : size_x;
             left -= stop - index.x;
             for (unsigned x = index.x; x != stop; ++x) {
-                threadIdx.x = x;
+                set(threadIdx.x, x);
                 kernel(std::get<I>(args)...);
                 if (__builtin_expect(self.thread != kNoThread, 0)) {
                     return;
@@ -101,6 +114,10 @@ template <class Kernel, class... P, class... A>
 cudaError_t launch(const cudaLaunchConfig_t* config, Kernel kernel, void (*address)(P...),
                    A&&... args) {
     static_assert(!(std::is_reference_v<P> || ...), "a kernel's parameters are values");
+    static_assert((std::is_trivially_copyable_v<P> && ...),
+                  "a kernel's parameters are trivially copyable: their bytes go to the device");
+    static_assert((sizeof(P) + ... + 0) <= kMaxArgumentBytes,
+                  "a kernel's parameters are too large");
     static_assert(sizeof...(P) == sizeof...(A), "wrong number of arguments for this kernel");
     const cudaError_t error = check_launch(config, reinterpret_cast<const void*>(address));
     if (error != cudaSuccess) {

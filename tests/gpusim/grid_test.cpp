@@ -1,0 +1,103 @@
+#include <pthread.h>
+
+#include <cassert>
+#include <chrono>
+#include <cstdlib>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "device_fixture.h"
+
+namespace {
+
+class GridTest : public LaunchTest {};
+INSTANTIATE_TEST_SUITE_P(Forms, GridTest, testing::Bool());
+
+void pause(int milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+/// Waits, at most `milliseconds`, until *count is at least `wanted`.
+void wait_for(int* count, int wanted, int milliseconds) {
+    for (int i = 0; i < milliseconds && atomicAdd(count, 0) < wanted; ++i) {
+        pause(1);
+    }
+}
+
+bool several_threads() {
+    const char* text = std::getenv("GPUSIM_THREADS");
+    return text == nullptr ? std::thread::hardware_concurrency() > 1 : std::atoi(text) > 1;
+}
+
+// Each block turns its numbers around. The first ones wait until two are on their way, which takes
+// two host threads.
+__global__ void meet(int* arrived, unsigned* out, unsigned long* host) {
+    __shared__ unsigned turned[64];
+    const unsigned t = threadIdx.x;
+    if (t == 0) {
+        pause(blockIdx.x == 0 ? 5 : 0);
+        atomicAdd(arrived, blockIdx.x == 0 ? 0 : 1);
+        wait_for(arrived, blockIdx.x == 0 ? 0 : 2, 10000);
+        host[blockIdx.x] = pthread_self();
+    }
+    turned[63 - t] = 64 * blockIdx.x + t;
+    __syncthreads();
+    out[64 * blockIdx.x + t] = turned[t];
+}
+
+TEST_P(GridTest, HostThreadsShareTheBlocksOfALongLaunch) {
+    if (!several_threads()) {
+        GTEST_SKIP() << "one host thread";
+    }
+    constexpr unsigned kBlocks = 3000;
+    for (int round = 0; round < 3; ++round) {
+        DeviceArray<int> arrived(std::vector<int>{0});
+        DeviceArray<unsigned> out(64 * kBlocks);
+        DeviceArray<unsigned long> host(kBlocks);
+        ASSERT_CUDA(launch<meet>(config(kBlocks, 64), arrived.get(), out.get(), host.get()));
+        const std::vector<unsigned> values = out.read();
+        for (unsigned i = 0; i < 64 * kBlocks; ++i) {
+            ASSERT_EQ(values[i], i / 64 * 64 + 63 - i % 64);
+        }
+        const std::vector<unsigned long> threads = host.read();
+        EXPECT_GT(std::set<unsigned long>(threads.begin(), threads.end()).size(), 1u);
+    }
+}
+
+// Two blocks fail, the first of them later than the other where there are two host threads.
+__global__ void fail_twice(int* failing) {
+    __syncthreads();
+    if (blockIdx.x == 0) {
+        pause(5);
+    }
+    if (blockIdx.x == 2) {
+        wait_for(failing, 1, 500);
+        assert(blockIdx.x != 2);
+    }
+    if (blockIdx.x >= 3) {
+        atomicAdd(failing, 1);
+        assert(blockIdx.x < 3);
+    }
+}
+
+TEST_P(GridTest, TheFirstOfSeveralFaultsIsTold) {
+    DeviceArray<int> failing(std::vector<int>{0});
+    testing::internal::CaptureStderr();
+    ASSERT_CUDA(launch<fail_twice>(config(100, 1), failing.get()));
+    EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorAssert);
+    const std::string message = testing::internal::GetCapturedStderr();
+    const std::regex expected(
+        R"([^\n]*: block: \[2,0,0\], thread: \[0,0,0\] Assertion `blockIdx\.x != 2` failed\.\n)");
+    EXPECT_TRUE(std::regex_match(message, expected)) << message;
+    cudaDeviceReset();
+    // The threads that left their blocks go on.
+    DeviceArray<int> arrived(std::vector<int>{2});
+    DeviceArray<unsigned> out(64 * 100);
+    DeviceArray<unsigned long> host(100);
+    ASSERT_CUDA(launch<meet>(config(100, 64), arrived.get(), out.get(), host.get()));
+    EXPECT_EQ(out.read()[64], 64u + 63);
+}
+
+}  // namespace
