@@ -58,11 +58,12 @@ TrainingCourse train(const TrainingRun& run) {
         if (interrupt.requested()) {
             break;
         }
-        const double speed = run.images / seconds_since(epoch_start);
+        const double seconds = seconds_since(epoch_start);
+        course.training_seconds += seconds;
         course.evaluation = run.evaluate();
         run.save();
         course.epochs.push_back({epoch, training.loss, 1 - course.evaluation.accuracy()});
-        progress.end_line(summary(epoch, training, course.evaluation, speed));
+        progress.end_line(summary(epoch, training, course.evaluation, run.images / seconds));
     }
     course.seconds = seconds_since(start);
     if (course.epochs.empty()) {
@@ -83,7 +84,8 @@ void print_course(const TrainingCourse& course, const ImageSet& test,
         std::cout << "picture: " << picture.string() << '\n';
     }
     std::cout << "model: " << model.string() << " (epoch " << course.epochs.back().epoch << ")\n"
-              << "training time: " << std::fixed << std::setprecision(1) << course.seconds << " s\n"
+              << "training time: " << std::fixed << std::setprecision(1) << course.training_seconds
+              << " s, with tests " << course.seconds << " s\n"
               << "test set: accuracy " << common::format_percent(evaluation.accuracy()) << ", "
               << evaluation.correct << " of " << test.count() << " images right\n";
 }

@@ -42,8 +42,9 @@ struct TrainingRun {
 /// What came of a training run.
 struct TrainingCourse {
     std::vector<common::EpochPoint> epochs;
-    Evaluation evaluation;  ///< after the last whole epoch
-    double seconds = 0;
+    Evaluation evaluation;        ///< after the last whole epoch
+    double training_seconds = 0;  ///< in epochs
+    double seconds = 0;           ///< in all, with the tests after each
 };
 
 /// Trains for all epochs, or until Ctrl-C, with progress and a line per epoch on standard error,

@@ -27,7 +27,7 @@ CLI::App* add_train(CLI::App* app, vision::TrainOptions* options) {
     common::add_device(command, &options->device);
     command
         ->add_option("--epochs", options->epochs,
-                     "Passes over the training set (default: 8, more where it is small)")
+                     "Passes over the training set (default: 7, more where it is small)")
         ->check(in_range(1, 10000));
     common::add_number(command, "--batch", &options->batch, "Pages in a batch", in_range(1, 256));
     common::add_number(command, "--filters", &options->filters,

@@ -15,7 +15,7 @@ namespace vision {
 
 namespace {
 
-constexpr int kLeastEpochs = 8;
+constexpr int kLeastEpochs = 7;
 
 digit_images::Filters first_filters(Network* network) {
     const vorn::Tensor<float>& weights = network->first_filters();

@@ -7,6 +7,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "vorn/cpu/loops.h"
 #include "vorn/cpu/memory.h"
 #include "vorn/rules/functors.h"
 #include "vorn/tensor/tensor.h"
@@ -38,48 +39,34 @@ inline void log_row(const float* in, float* out, index_t n) {
             least = std::min(least, static_cast<std::int32_t>(bits_of(in[i])));
         }
         if (least >= static_cast<std::int32_t>(bits_of(FLT_MIN))) {
-#pragma GCC ivdep
-            for (index_t i = start; i < end; ++i) {
-                out[i] = log_of_normal(in[i]);
-            }
+            for_each_element(end - start, [x = in + start, y = out + start](index_t i) {
+                y[i] = log_of_normal(x[i]);
+            });
         } else {
-#pragma GCC ivdep
-            for (index_t i = start; i < end; ++i) {
-                out[i] = log(in[i]);
-            }
+            for_each_element(end - start,
+                             [x = in + start, y = out + start](index_t i) { y[i] = log(x[i]); });
         }
     }
 }
 
-// One run of elements. The rule comes by value: were it a reference, every store might change its
-// members. `ivdep` says that an element depends on its own position only, without which an output
-// that is its own input would not vectorise.
+// One run of elements, of a rule that comes by value. An output may be its own input.
 template <typename Op, typename In, typename Out>
 void unary_row(Op f, const In* in, Out* out, index_t n) {
     if constexpr (std::is_same_v<Op, func::log>) {
         log_row(in, out, n);
     } else {
-#pragma GCC ivdep
-        for (index_t i = 0; i < n; ++i) {
-            out[i] = f(in[i]);
-        }
+        for_each_element(n, [=](index_t i) { out[i] = f(in[i]); });
     }
 }
 
 template <typename Op, typename In1, typename In2, typename Out>
 void binary_row(Op f, const In1* in1, const In2* in2, Out* out, index_t n) {
-#pragma GCC ivdep
-    for (index_t i = 0; i < n; ++i) {
-        out[i] = f(in1[i], in2[i]);
-    }
+    for_each_element(n, [=](index_t i) { out[i] = f(in1[i], in2[i]); });
 }
 
 template <typename Op, typename In1, typename In2, typename Out>
 void trinary_inplace_row(Op f, const In1* in1, const In2* in2, Out* out, index_t n) {
-#pragma GCC ivdep
-    for (index_t i = 0; i < n; ++i) {
-        out[i] = f(in1[i], in2[i], out[i]);
-    }
+    for_each_element(n, [=](index_t i) { out[i] = f(in1[i], in2[i], out[i]); });
 }
 
 /// out = f(): without operands, a rule has one value.

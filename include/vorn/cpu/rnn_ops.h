@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "vorn/cpu/loops.h"
 #include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 
@@ -25,17 +26,15 @@ private:
     index_t _ld;
 };
 
-// `ivdep` in these loops, because a cell depends on its own position only: c_cur may be c_pre, and
-// e_cur c_err.
+// A cell depends on its own position only: c_cur may be c_pre, and e_cur c_err.
 
 inline void lstm_gate_row(const float* x, const float* wc, const float* c, float* gate, float* out,
                           index_t n) {
-#pragma GCC ivdep
-    for (index_t j = 0; j < n; ++j) {
+    for_each_element(n, [=](index_t j) {
         const float value = func::lstm_gate(x[j], wc[j], c[j]);
         gate[j] = value;
         out[j] = value;
-    }
+    });
 }
 
 /// func::lstm_cell for a row, in blocks that stay in the L1 cache and with one exponential or
@@ -46,7 +45,8 @@ void lstm_row(const float* in, const float* wc_i, const float* wc_f, const float
               const float* c_pre, float* c_cur, float* i_out, float* f_out, float* c_out,
               float* o_out, float* hc, float* m_cur, index_t width, float max, float min) {
     constexpr index_t kBlock = 256;
-    float i[kBlock], f[kBlock], o[kBlock];
+    float gates[3][kBlock];
+    float *const i = gates[0], *const f = gates[1], *const o = gates[2];
     const float *in_i = in, *in_f = in + width, *in_o = in + 2 * width, *in_c = in + 3 * width;
     for (index_t start = 0; start < width; start += kBlock) {
         const index_t n = std::min(kBlock, width - start);
@@ -54,19 +54,17 @@ void lstm_row(const float* in, const float* wc_i, const float* wc_f, const float
         float *c = c_cur + start, *g_row = c_out + start, *h_row = hc + start, *m = m_cur + start;
         lstm_gate_row(in_i + start, wc_i + start, pre, i, i_out + start, n);
         lstm_gate_row(in_f + start, wc_f + start, pre, f, f_out + start, n);
-#pragma GCC ivdep
-        for (index_t j = 0; j < n; ++j) {
+        for_each_element(n, [=](index_t j) {
             const float g = math::tanh(x_c[j]);
             g_row[j] = g;
             c[j] = func::lstm_state<is_limit>(i[j], f[j], g, pre[j], max, min);
-        }
+        });
         lstm_gate_row(in_o + start, wc_o + start, c, o, o_out + start, n);
-#pragma GCC ivdep
-        for (index_t j = 0; j < n; ++j) {
+        for_each_element(n, [=](index_t j) {
             const float h = math::tanh(c[j]);
             h_row[j] = h;
             m[j] = o[j] * h;
-        }
+        });
     }
 }
 
@@ -76,8 +74,7 @@ inline void lstm_bp_row(const float* i_out, const float* f_out, const float* c_o
                         index_t width) {
     float *err_i = wx_err, *err_f = wx_err + width, *err_o = wx_err + 2 * width,
           *err_c = wx_err + 3 * width;
-#pragma GCC ivdep
-    for (index_t j = 0; j < width; ++j) {
+    for_each_element(width, [=](index_t j) {
         const func::LstmCellError error = func::lstm_cell_bp(
             i_out[j], f_out[j], c_out[j], o_out[j], wc_o[j], m_err[j], hc[j], c_pre[j], c_err[j]);
         err_o[j] = error.d_o;
@@ -85,7 +82,7 @@ inline void lstm_bp_row(const float* i_out, const float* f_out, const float* c_o
         err_c[j] = error.d_c;
         err_f[j] = error.d_f;
         err_i[j] = error.d_i;
-    }
+    });
 }
 
 inline void vorn_lstm_op(const Tensor<float>& wx_out, const Tensor<float>& wc_i,

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "vorn/cpu/lanes.h"
+#include "vorn/cpu/loops.h"
 #include "vorn/cpu/reduce.h"
 #include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
@@ -12,27 +13,19 @@
 namespace vorn {
 namespace cpu {
 
-/// f(i, j) for all rows i and columns j. `ivdep`, because a result depends on its own position
-/// only: an output may be one of the inputs.
+/// f(i, j) for all rows i and columns j. An output may be one of the inputs.
 template <typename F>
 void for_each_cell(const Tensor<float>& out, F f) {
     const int height = static_cast<int>(out.row()), width = static_cast<int>(out.get_w());
     for (int i = 0; i < height; ++i) {
-#pragma GCC ivdep
-        for (int j = 0; j < width; ++j) {
-            f(i, j);
-        }
+        for_each_element(width, [=](int j) { f(i, j); });
     }
 }
 
 /// The same where all operands are dense: one long row, whose position is its column.
 template <typename F>
 void for_each_dense_cell(const Tensor<float>& out, F f) {
-    const int count = static_cast<int>(out.get_element_count());
-#pragma GCC ivdep
-    for (int k = 0; k < count; ++k) {
-        f(k);
-    }
+    for_each_element(static_cast<int>(out.get_element_count()), f);
 }
 
 inline void vorn_ld_mul_diag_mat_sigmoid(const Tensor<float>& in, const Tensor<float>& w,

@@ -7,6 +7,7 @@
 
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
+#include "vorn/cpu/loops.h"
 #include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
@@ -161,10 +162,8 @@ inline void softmax_part(const float* in, float* out, index_t channel, index_t i
     float max[kPositionChunk], sums[kPositionChunk];
     std::copy(in, in + repeat * n, max);
     for_each_run(channel, inner, n, repeat, [&](index_t at, index_t length) {
-#pragma GCC ivdep
-        for (index_t k = 0; k < length; ++k) {
-            max[k] = max[k] > in[at + k] ? max[k] : in[at + k];
-        }
+        for_each_element(
+            length, [x = in + at, m = &max[0]](index_t k) { m[k] = m[k] > x[k] ? m[k] : x[k]; });
     });
     for (index_t k = repeat * n; k-- > n;) {
         max[k - n] = max[k - n] > max[k] ? max[k - n] : max[k];
@@ -247,10 +246,9 @@ inline void softmax_gradient(const float* output, const float* src_grad, const f
             repeat_positions(part_sums, n, repeat);
             for_each_run(channel, inner, n, repeat, [&](index_t at, index_t length) {
                 const index_t first = plane + k + at;
-#pragma GCC ivdep
-                for (index_t j = 0; j < length; ++j) {
-                    dst_grad[first + j] = output[first + j] * (src_grad[first + j] - part_sums[j]);
-                }
+                const float *y = output + first, *g = src_grad + first, *s = part_sums;
+                float* d = dst_grad + first;
+                for_each_element(length, [=](index_t j) { d[j] = y[j] * (g[j] - s[j]); });
             });
         });
     }
@@ -261,33 +259,11 @@ inline void vorn_stat_channel_sum(const Tensor<float>& a, Tensor<float>& out, in
     stat_channel_sum(a.get_ptr(), out.get_ptr(), outer, channel, inner);
 }
 
-/// The last step of the backward pass: `softmax_sum` holds the channel sums.
+/// Product, channel sums and gradient together, some outer indices at a time while they are in the
+/// cache: one pass over memory, with the values of the three steps one after the other.
 inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<float>& src_grad,
                                    Tensor<float>& softmax_sum, Tensor<float>& out, index_t outer,
                                    index_t channel, index_t inner, DType, DType) {
-    softmax_gradient(output.get_ptr(), src_grad.get_ptr(), softmax_sum.get_ptr(), out.get_ptr(),
-                     outer, channel, inner);
-}
-
-/// Whether the whole backward pass can go part by part: it passes every test of the steps, and no
-/// step overwrites what a later one reads.
-inline bool can_do_softmax_bp_by_parts(const Tensor<float>& output, const Tensor<float>& src_grad,
-                                       const Tensor<float>& softmax_sum, const Tensor<float>& out) {
-    for (const Tensor<float>* in : {&output, &src_grad}) {
-        if (!is_cpu_device(in->get_device()) || !in->is_contiguous() || *in != out ||
-            in->get_ptr() == out.get_ptr()) {
-            return false;
-        }
-    }
-    return is_cpu_device(out.get_device()) && out.is_contiguous() &&
-           is_cpu_device(softmax_sum.get_device());
-}
-
-/// Product, channel sums and last step together, some outer indices at a time while they are in the
-/// cache: one pass over memory, with the values of the three steps one after the other.
-inline void softmax_bp_by_parts(const Tensor<float>& output, const Tensor<float>& src_grad,
-                                Tensor<float>& softmax_sum, Tensor<float>& out, index_t outer,
-                                index_t channel, index_t inner) {
     const index_t plane = channel * inner;
     const index_t fitting = std::max<index_t>(1, kBackwardPart / std::max<index_t>(1, plane));
     const index_t planes = inner == 1 ? (fitting + kRowGroup - 1) / kRowGroup * kRowGroup : fitting;

@@ -5,6 +5,7 @@
 #include <cfloat>
 
 #include "vorn/gpu/collective.h"
+#include "vorn/gpu/iterator.h"
 #include "vorn/gpu/kernel_util.h"
 #include "vorn/rules/scalar_math.h"
 #include "vorn/tensor/tensor.h"
@@ -201,6 +202,8 @@ inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<flo
     CHECK_NOTNULL(src_grad_p);
     CHECK_NOTNULL(dst_grad_p);
     CHECK_NOTNULL(out_p);
+    gpu::trinary_inplace_op(func::elem_mul(1, 0), output, src_grad, out);
+    gpu::vorn_stat_channel_sum(out, softmax_sum, outer, channel, inner);
     const index_t max_blocks = kMaxGridSize;
     if (inner == 1) {
         const int NT = 512;

@@ -95,10 +95,7 @@ inline void vorn_elem_mul(const Tensor<float>& in1, const Tensor<float>& in2, Te
                           DType alpha, DType beta) {
     if (is_cpu_device(out.get_device()) && in1.is_contiguous() && in2.is_contiguous() &&
         out.is_contiguous() && alpha == 1.0f && beta == 0.0f) {
-        CHECK_EQ(in1.get_size(), out.get_size());
-        CHECK_EQ(in2.get_size(), out.get_size());
-        CHECK_SAME_DEVICE(in1, out);
-        CHECK_SAME_DEVICE(in2, out);
+        check_operands(in1, in2, out);
         cpu::vorn_elem_mul(in1, in2, out);
     } else {
         trinary_inplace_op(func::elem_mul(alpha, beta), in1, in2, out);

@@ -24,13 +24,19 @@ void unary_op(Op f, const Tensor<InT>& in, Tensor<OutT>& out) {
     }
 }
 
-/// out = f(in1, in2), element by element.
-template <typename Op, typename InT1, typename InT2, typename OutT>
-void binary_op(Op f, const Tensor<InT1>& in1, const Tensor<InT2>& in2, Tensor<OutT>& out) {
+/// What operations of two operands test.
+template <typename InT1, typename InT2, typename OutT>
+void check_operands(const Tensor<InT1>& in1, const Tensor<InT2>& in2, const Tensor<OutT>& out) {
     CHECK_EQ(in1.get_size(), out.get_size());
     CHECK_EQ(in2.get_size(), out.get_size());
     CHECK_SAME_DEVICE(in1, out);
     CHECK_SAME_DEVICE(in2, out);
+}
+
+/// out = f(in1, in2), element by element.
+template <typename Op, typename InT1, typename InT2, typename OutT>
+void binary_op(Op f, const Tensor<InT1>& in1, const Tensor<InT2>& in2, Tensor<OutT>& out) {
+    check_operands(in1, in2, out);
     if (is_cpu_device(out.get_device())) {
         cpu::binary_op(f, in1, in2, out);
     } else {
@@ -41,10 +47,7 @@ void binary_op(Op f, const Tensor<InT1>& in1, const Tensor<InT2>& in2, Tensor<Ou
 /// out = f(in1, in2, out), element by element.
 template <typename Op, typename InT1, typename InT2, typename OutT>
 void trinary_inplace_op(Op f, const Tensor<InT1>& in1, const Tensor<InT2>& in2, Tensor<OutT>& out) {
-    CHECK_EQ(in1.get_size(), out.get_size());
-    CHECK_EQ(in2.get_size(), out.get_size());
-    CHECK_SAME_DEVICE(in1, out);
-    CHECK_SAME_DEVICE(in2, out);
+    check_operands(in1, in2, out);
     if (is_cpu_device(out.get_device())) {
         cpu::trinary_inplace_op(f, in1, in2, out);
     } else {

@@ -45,8 +45,7 @@ inline void vorn_stat_channel_sum(const Tensor<float>& a, Tensor<float>& out, in
 /// out = output * (src_grad - sum over the channels of output * src_grad), the gradient by the
 /// input of a softmax with the result `output` and the gradient `src_grad` from above. The sums
 /// stand in `softmax_sum` (outer * inner elements) afterwards. On the host they are added to what
-/// it held, and that enters the result: zero it before. `out` is none of the inputs. The last tests
-/// come behind the product and the sums, so `out` and `softmax_sum` are changed when they abort.
+/// it held, and that enters the result: zero it before. `out` is none of the inputs.
 inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<float>& src_grad,
                                    Tensor<float>& softmax_sum, Tensor<float>& out, index_t outer,
                                    index_t channel, index_t inner, DType alpha, DType beta) {
@@ -57,16 +56,8 @@ inline void vorn_softmax_bp_normal(const Tensor<float>& output, const Tensor<flo
                         << " inner = " << inner;
     CHECK(out.get_element_count() == outer * channel * inner) << "element size not match";
     CHECK(softmax_sum.get_element_count() == outer * inner) << "element size not match";
-    if (cpu::can_do_softmax_bp_by_parts(output, src_grad, softmax_sum, out)) {
-        cpu::softmax_bp_by_parts(output, src_grad, softmax_sum, out, outer, channel, inner);
-        return;
-    }
-    vorn_elem_mul(output, src_grad, out, 1.0f, 0.0f);
-    vorn_stat_channel_sum(out, softmax_sum, outer, channel, inner);
-    CHECK_EQ(src_grad.get_size(), out.get_size());
-    CHECK_SAME_DEVICE(src_grad, out);
+    check_operands(output, src_grad, out);
     CHECK_SAME_DEVICE(softmax_sum, out);
-    CHECK_SAME_DEVICE(output, out);
     if (is_cpu_device(out.get_device())) {
         cpu::vorn_softmax_bp_normal(output, src_grad, softmax_sum, out, outer, channel, inner,
                                     alpha, beta);
