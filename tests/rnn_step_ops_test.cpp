@@ -212,8 +212,8 @@ TEST_P(RnnStepTest, ComposesToTheFusedStep) {
 }
 
 // Both sides of the tile, of the host's stripes and of the choice of kernel. The host and the wide
-// kernel sum each column in row order, the narrow one by 32 threads, which fixes their bits. Without
-// rows the host leaves the output.
+// kernel sum each column in row order, the narrow one by 32 threads, which fixes their bits.
+// Without rows the host leaves the output.
 TEST_P(RnnStepTest, DiagMatDiff) {
     for (int width : {1, 31, 33, 1023, 1025, 8191, 8192}) {
         for (int height : {0, 1, 33, 70}) {
