@@ -326,7 +326,7 @@ TEST_P(RowOpsTest, VecMaskAlsoInPlace) {
 
 using CtcDeathTest = ContextTest;
 
-// Empty tensors have a device, so that these run without a GPU. Checks behind the named one fail
+// Empty tensors have a device, so that these run without a GPU. Checks after the named one fail
 // in the same call where they can.
 TEST_F(CtcDeathTest, TableFailures) {
     std::vector<FailureCase> failures;

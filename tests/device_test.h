@@ -97,7 +97,7 @@ std::vector<T> values_of(const Tensor<T>& tensor) {
 }
 
 /// A block of memory on any device, filled and read past the library, with a tensor in it that has
-/// `left` elements before each of its rows and `right` behind it.
+/// `left` elements before each of its rows and `right` after it.
 template <typename T>
 class Block {
 public:
@@ -174,7 +174,7 @@ protected:
     Device device() const { return on_gpu() ? GPU : CPU; }
 
     /// A tensor of the test's place with these elements. A matrix is pitched where the place is,
-    /// between guard columns, of which `right` stand behind it; other shapes are dense.
+    /// between guard columns, of which `right` stand after it; other shapes are dense.
     template <typename T>
     Tensor<T> make(const Dim& size, const std::vector<T>& values, int right = kGuard + 1) {
         Tensor<T> tensor(size, device());
@@ -296,7 +296,7 @@ inline const std::string kTooLarge =
     "Check failed: ret <= static_cast<index_t>(std::numeric_limits<int>::max()) Dim size error "
     "Dim ";
 
-/// One row of a table of failures: a call and the exact text behind the log prefixes.
+/// One row of a table of failures: a call and the exact text after the log prefixes.
 struct FailureCase {
     std::string text;
     std::function<void()> call;
@@ -315,7 +315,7 @@ inline std::string literal(const std::string& text) {
 }
 
 /// Each call aborts with a fatal line whose text is exactly the given one: the log prefix before
-/// it, the end of the line behind it. A text without extras thus ends with its blank.
+/// it, the end of the line after it. A text without extras thus ends with its blank.
 inline void expect_failures(const std::vector<FailureCase>& failures) {
     for (const FailureCase& failure : failures) {
         EXPECT_DEATH(failure.call(), literal(": " + failure.text + "\n")) << failure.text;

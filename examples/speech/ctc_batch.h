@@ -31,7 +31,7 @@ FrameBatch make_frame_batch(const std::vector<const FrameMatrix*>& utterances, v
 struct LabelBatch {
     int width = 0;               ///< positions of the longest extended sequence
     std::vector<int> positions;  ///< 2 * labels + 1 of each utterance
-    /// Extended sequences (size x width): a blank before, between and behind the labels, then -1.
+    /// Extended sequences (size x width): a blank before, between and after the labels, then -1.
     vorn::Tensor<int> labels;
     vorn::Tensor<int> label_lengths;  ///< `positions` on the GPU
     vorn::Tensor<int> frame_counts;   ///< the lengths of the FrameBatch on the GPU

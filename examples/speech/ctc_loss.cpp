@@ -37,7 +37,7 @@ double CtcLoss::fill_alpha(const vorn::Tensor<float>& posteriors, const FrameBat
                                  labels.label_lengths);
     }
 
-    // A path ends, in the utterance's last frame, on its last label or on the blank behind it.
+    // A path ends, in the utterance's last frame, on its last label or on the blank after it.
     _table.resize(_alpha.count());
     _alpha.copy_to(_table.data(), 0, _table.size());
     std::vector<float> pzx(frames.size);

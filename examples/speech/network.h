@@ -59,7 +59,7 @@ public:
     virtual void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) = 0;
     /// All parameters, in the order in which a model file holds them.
     virtual std::vector<common::Parameter*> parameters() = 0;
-    /// What the network has learnt besides its parameters; stands behind them in a model file.
+    /// What the network has learnt besides its parameters; stands after them in a model file.
     virtual std::vector<common::NamedTensor> statistics() { return {}; }
 
     vorn::Device device() const { return _device; }

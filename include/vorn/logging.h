@@ -33,7 +33,7 @@ private:
     char _buffer[9];
 };
 
-/// One line on standard error: `[HH:MM:SS] file:line: ` and what is streamed behind it.
+/// One line on standard error: `[HH:MM:SS] file:line: ` and what is streamed after it.
 class LogMessage {
 public:
     LogMessage(const char* file, int line);
@@ -95,7 +95,7 @@ struct Voidify {
                     "Check failed: is_same_devices((" #a ").get_device(), (" #b ").get_device())")
 
 /// For platform calls, whose success is 0. A call that fails is made a second time, to get the
-/// status from which the text behind the message is made; needs util/gpu_util.h.
+/// status from which the text after the message is made; needs util/gpu_util.h.
 #define CHECK_CALL(call)                                           \
     VORN_CHECK_IMPL(0 == (call), "Check failed: 0 == (" #call ")") \
         << ::vorn::gpu_get_error_string(call)

@@ -29,7 +29,7 @@ protected:
 };
 
 /// A random column-major matrix M, of which op(M) has `rows` rows and `cols` columns; `pad` more
-/// elements stand behind each of its columns.
+/// elements stand after each of its columns.
 struct Matrix {
     Matrix(cublasOperation_t op, int rows, int cols, int pad)
         : op(op),
@@ -44,7 +44,7 @@ struct Matrix {
         return values[op == N ? col * ld + row : row * ld + col];
     }
     /// Holds results of a matrix that is not transposed against expected(row, col), and what
-    /// stands behind its columns against the old values.
+    /// stands after its columns against the old values.
     template <class F>
     void expect(const std::vector<float>& actual, F expected) const {
         for (int i = 0; i < ld * cols; ++i) {

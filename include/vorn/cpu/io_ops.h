@@ -200,7 +200,7 @@ inline int scan_element(FILE* f, int* value) {
     return fscanf(f, "%d", value);
 }
 
-/// Whether scan_element takes `c` from the stream, even if it fails behind it.
+/// Whether scan_element takes `c` from the stream, even if it fails after it.
 inline bool may_start(int c, const int*) {
     return isspace(c) || isdigit(c) || c == '+' || c == '-';
 }

@@ -54,7 +54,7 @@ static __global__ void KeReorderErrors(float* out, int width, const int* conv_st
     for (int g = 0; g < group_num; ++g) {
         const int start = conv_start[g], end = conv_end[g], c_size = end - start + 1;
         if (start > q) {
-            return;  // the groups behind start higher still
+            return;  // later groups start higher still
         }
         // The positions whose filters reach q.
         const int first = q - filter_size + 1;
@@ -101,7 +101,7 @@ __global__ void KeAudioConvBatchBiasBp(const float* dy, float* dbias, int sub_ro
 }
 
 /// Where pooled position `position` of frame i begins: the row of its first input in group order,
-/// counted in rows of the convolution matrix, or -1 behind the last group.
+/// counted in rows of the convolution matrix, or -1 past the last group.
 static __device__ inline int pooled_row(const int* conv_size, int group_num, int pooling_size,
                                         int nframe, int i, int position) {
     int base = 0;

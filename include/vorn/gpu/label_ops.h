@@ -95,7 +95,7 @@ inline size_t* count_slot() {
 inline void wait_for_count_slot() {
     while (cudaEventQuery(t_ctx->event) == cudaErrorNotReady) {
     }
-    // "Not ready" stays behind as the last error, where the tail would take it for a failure.
+    // "Not ready" stays as the last error, where the tail would take it for a failure.
     if (cudaPeekAtLastError() == cudaErrorNotReady) {
         cudaGetLastError();
     }

@@ -99,7 +99,7 @@ inline DType vorn_norm1(const Tensor<float>& in) {
 /// Least squares for each matrix of `in` (batch, m, n), of full rank and overwritten, with one
 /// right-hand side each: row b of `inout` (batch, at least max(m, n)) holds it in its first m
 /// places, and then the x that minimises |in[b] x - y|, for m < n the shortest of them, in its
-/// first n. What stands behind x is left undefined up to place max(m, n). A matrix of lower rank is
+/// first n. What stands past x is left undefined up to place max(m, n). A matrix of lower rank is
 /// not solved: where its triangular factor has a zero on the diagonal, the host aborts and a GPU
 /// gives values that are not finite. `ws_d`, on the GPU, and `ws_h`, on the host, grow to the
 /// tables of device pointers that a GPU needs for m >= n.

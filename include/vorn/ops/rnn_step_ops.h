@@ -206,7 +206,7 @@ inline void vorn_mask_reverse(const Tensor<float>& in, const Tensor<int>& batch_
     }
 }
 
-/// All frames that are not 0 count, behind a hole too.
+/// All frames that are not 0 count, after a hole too.
 inline void vorn_count_valid_label(const Tensor<int>& mask, Tensor<int>& batch_seq_len,
                                    int batch_size, int sub_frame_len) {
     CHECK_SAME_DEVICE(mask, batch_seq_len);

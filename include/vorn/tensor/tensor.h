@@ -600,7 +600,7 @@ public:
     /// log probability of all prefixes that end at position s of utterance n's extended label
     /// sequence at frame t = row_idx, the frame's own term included. `prob` holds log posteriors
     /// (T * N rows, time-major, K classes), `labels` (N by L) the sequences with blanks at even
-    /// positions and -1 behind their ends, `frame_num_utt` and `label_lengths_utt` (N) the frames
+    /// positions and -1 past their ends, `frame_num_utt` and `label_lengths_utt` (N) the frames
     /// and the extended lengths. Call it for t = 0, 1, ... on a table filled with -1e30, the log of
     /// zero. After Graves et al., "Connectionist temporal classification", ICML 2006.
     void compute_ctc_alpha(const Tensor<float>& prob, int row_idx, const Tensor<int>& labels,
@@ -657,7 +657,7 @@ public:
     // A feature row holds context frame s, delta d and frequency q at (s * delta + d) * fbank + q.
     // Group g has the positions conv_start[g] to conv_end[g], both inclusive, and a block of rows
     // of its own: row (frame n, position c) of the group stands n * positions + c - conv_start[g]
-    // rows behind the group's first. Positions lie in [0, fbank - filter_size], which is the
+    // rows after the group's first. Positions lie in [0, fbank - filter_size], which is the
     // caller's to keep. All matrices are dense. `conv_out_dim` is not read.
 
     /// The patch matrix: column f * temporal_dim + t of row (n, c) is feat(n, t * fbank + c + f).
@@ -731,7 +731,7 @@ public:
     // Elements are stored row-major, binary fields in the byte order of the host, without a magic
     // number or a type tag: the reader knows form and type. Binary writers abort on a pitched host
     // tensor; a GPU tensor is copied to the host first. Readers resize this tensor. None reports a
-    // file that is truncated or malformed behind its shape: what it doesn't hold reads as 0.
+    // file that is truncated or malformed past its shape: what it doesn't hold reads as 0.
     // The forms that take a name open the file, and abort if they can't.
 
     /// Plain binary form: `int` axis count, an `int` per axis, the elements.

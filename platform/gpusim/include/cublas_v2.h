@@ -58,7 +58,7 @@ cublasStatus_t cublasSgemm_v2(cublasHandle_t handle, cublasOperation_t transa,
                               cublasOperation_t transb, int m, int n, int k, const float* alpha,
                               const float* A, int lda, const float* B, int ldb, const float* beta,
                               float* C, int ldc);
-/// The same for `batchCount` triples of matrices, each a stride behind the one before.
+/// The same for `batchCount` triples of matrices, each a stride past the one before.
 cublasStatus_t cublasSgemmStridedBatched(cublasHandle_t handle, cublasOperation_t transa,
                                          cublasOperation_t transb, int m, int n, int k,
                                          const float* alpha, const float* A, int lda,

@@ -68,7 +68,7 @@ private:
     bool separate() const { return kThreadSanitizer && separate_; }
     /// Starts the threads in the places [first, last) until one parks.
     void run_places(const Fiber& self, unsigned first, unsigned last);
-    /// Steps `blockIdx` to the next block; false behind the last.
+    /// Steps `blockIdx` to the next block; false past the last.
     bool advance_block();
     /// Binds the running thread to its fiber; returns its linear index.
     unsigned bind();

@@ -56,7 +56,7 @@ struct Fill {
     }
 };
 
-/// Bytes from the first to behind the last of a pitched block.
+/// Bytes from the first to past the last of a pitched block.
 size_t span(size_t pitch, size_t width, size_t height) {
     return pitch * (height - 1) + width;
 }

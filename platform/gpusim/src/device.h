@@ -83,11 +83,11 @@ public:
     StreamPtr find_stream(cudaStream_t handle);
     cudaError_t destroy_stream(cudaStream_t handle);
 
-    /// Enqueues a task, behind what the null stream's rules put before it.
+    /// Enqueues a task, after what the null stream's rules put before it.
     StreamPoint submit(const StreamPtr& stream, std::unique_ptr<Task> task);
-    /// The point behind all that `stream` and, by the null stream's rules, others were given.
+    /// The point after all that `stream` and, by the null stream's rules, others were given.
     std::vector<StreamPoint> pending(const StreamPtr& stream);
-    /// The point behind all that `stream` itself was given.
+    /// The point after all that `stream` itself was given.
     StreamPoint tail(const StreamPtr& stream);
     void wait(const StreamPoint& point);
     void synchronize(const StreamPtr& stream);

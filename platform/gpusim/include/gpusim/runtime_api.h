@@ -99,7 +99,7 @@ cudaError_t cudaDeviceReset();
 cudaError_t cudaDeviceGetAttribute(int* value, cudaDeviceAttr attribute, int device);
 cudaError_t cudaGetDeviceProperties(cudaDeviceProp* properties, int device);
 
-// Memory. `GPUSIM_MEMORY` in the environment (bytes, or with a K, M or G behind) sets the size of
+// Memory. `GPUSIM_MEMORY` in the environment (bytes, or with a K, M or G after it) sets the size of
 // the device's memory; 16G if it is absent.
 cudaError_t cudaMalloc(void** pointer, size_t size);
 cudaError_t cudaFree(void* pointer);
