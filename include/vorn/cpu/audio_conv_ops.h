@@ -122,9 +122,13 @@ void for_each_pooled_group(const Tensor<int>& conv_size, int pooling_size, index
 /// max[j] and idx[j]: the first largest of in[j], in[n + j], ..., `pooling_size` of them, and which
 /// it is.
 inline void find_first_max(const float* in, int pooling_size, index_t n, float* max, int* idx) {
-    std::copy_n(in, n, max);
-    std::fill_n(idx, n, 0);
-    for (int t = 1; t < pooling_size; ++t) {
+    const float* second = in + (pooling_size > 1 ? n : 0);
+    for_each_element(n, [=](index_t j) {
+        const bool is_above = second[j] > in[j];
+        idx[j] = is_above;
+        max[j] = is_above ? second[j] : in[j];
+    });
+    for (int t = 2; t < pooling_size; ++t) {
         const float* row = in + t * n;
         for_each_element(n, [=](index_t j) {
             const bool is_above = row[j] > max[j];

@@ -1,13 +1,13 @@
 #ifndef VORN_CPU_SOFTMAX_OPS_H_
 #define VORN_CPU_SOFTMAX_OPS_H_
 
-#include <xmmintrin.h>
-
 #include <algorithm>
 
 #include "vorn/cpu/channels.h"
 #include "vorn/cpu/iterator.h"
+#include "vorn/cpu/lanes.h"
 #include "vorn/cpu/loops.h"
+#include "vorn/cpu/reduce.h"
 #include "vorn/rules/vector_math.h"
 #include "vorn/tensor/tensor.h"
 
@@ -44,31 +44,14 @@ inline float max_of(const float* x, index_t n) {
     return max[0];
 }
 
-/// sums[r] += rows[r][begin], rows[r][begin + 1], ..., rows[r][end - 1], in this order. Blocks of
-/// four rows by four columns are transposed, so that an addition of vectors does four rows.
+/// sums[r] += rows[r][begin], rows[r][begin + 1], ..., rows[r][end - 1], in this order.
 inline void add_in_order(const float* const (&rows)[kRowGroup], index_t begin, index_t end,
                          float (&sums)[kRowGroup]) {
-    __m128 acc[2] = {_mm_loadu_ps(sums), _mm_loadu_ps(sums + 4)};
-    index_t j = begin;
-    for (; j + 4 <= end; j += 4) {
-        for (int half = 0; half < 2; ++half) {
-            const float* const* four = rows + 4 * half;
-            __m128 c0 = _mm_loadu_ps(four[0] + j), c1 = _mm_loadu_ps(four[1] + j);
-            __m128 c2 = _mm_loadu_ps(four[2] + j), c3 = _mm_loadu_ps(four[3] + j);
-            _MM_TRANSPOSE4_PS(c0, c1, c2, c3);
-            acc[half] = _mm_add_ps(acc[half], c0);
-            acc[half] = _mm_add_ps(acc[half], c1);
-            acc[half] = _mm_add_ps(acc[half], c2);
-            acc[half] = _mm_add_ps(acc[half], c3);
-        }
-    }
-    _mm_storeu_ps(sums, acc[0]);
-    _mm_storeu_ps(sums + 4, acc[1]);
-    for (; j < end; ++j) {
-        for (int r = 0; r < kRowGroup; ++r) {
-            sums[r] += rows[r][j];
-        }
-    }
+    static_assert(kRowGroup == Lanes<float>::kFull, "a lane for each row");
+    Lanes<float>::Full acc;
+    load(acc, sums);
+    fold_rest(LaneFold<func::reduce_sum<float>, float>(), &rows[0], begin, end, acc);
+    store(sums, acc);
 }
 
 /// Pointers to `count` rows; the last stands in for those that a full group has beyond.
