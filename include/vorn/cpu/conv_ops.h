@@ -56,7 +56,7 @@ inline void im2col(const DType* data_im, int channels, int height, int width, in
                         copy_run(out, in, inside.size());
                     } else {
                         for_each_position(inside.size(), stride_w,
-                                          [&](int p, int at) { out[p] = in[at]; });
+                                          [=](int p, int at) { out[p] = in[at]; });
                     }
                     std::fill(data_col + inside.end, data_col + output_w, 0.0f);
                 }
@@ -87,7 +87,7 @@ inline void col2im(const DType* data_col, int channels, int height, int width, i
                     const DType* in = data_col + inside.begin;
                     DType* out = data_im + input_row * width + input_col + inside.begin * stride_w;
                     for_each_position(inside.size(), stride_w,
-                                      [&](int p, int at) { out[at] += in[p]; });
+                                      [=](int p, int at) { out[at] += in[p]; });
                 }
             }
         }
