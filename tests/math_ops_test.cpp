@@ -56,7 +56,7 @@ protected:
         return make(kSize, random_values(kSize.product(), seed, lo, hi));
     }
 
-    // The same value everywhere, so that vector lanes and the rest behind them meet it.
+    // The same value everywhere, so that vector lanes and the rest after them meet it.
     TensorF full(float value) { return make(kSize, Values(kSize.product(), value)); }
 
     static void expect_all(const TensorF& tensor, double expected, double tolerance = 0) {

@@ -23,7 +23,7 @@ private:
     std::streambuf* _saved;
 };
 
-/// `print` prints this text and flushes behind each line.
+/// `print` prints this text and flushes after each line.
 void expect_prints(const std::string& text, const std::function<void()>& print) {
     std::cout << std::scientific;
     std::cout.precision(2);

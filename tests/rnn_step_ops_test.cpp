@@ -313,7 +313,7 @@ TensorF with_faults(const std::string& faults) {
 
 using RnnStepDeathTest = GpuTest;
 
-// Test k is the one that stops a call where it and all behind it fail.
+// Test k is the one that stops a call where it and all after it fail.
 TEST_F(RnnStepDeathTest, TestsInOrder) {
     std::vector<StepOp> ops(std::begin(kOps), std::end(kOps));
     ops.push_back(kDiagMatDiff);

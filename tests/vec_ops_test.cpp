@@ -120,7 +120,7 @@ TEST_P(LogSubPriorTest, MatchesTheFormulaWithAFloorForTheMatrixOnly) {
     for (const int n : {1, 129, 1024, 1025}) {
         expect_formula(random_values(3 * n, 4, 0, 1), random_values(n, 5, 1e-4f, 1));
     }
-    // Each value in a vector lane and in the rest behind.
+    // Each value in a vector lane and in the rest after it.
     const float below = std::nextafter(FLT_MIN, 0.0f);
     for (float x : {0.0f, -0.0f, -3.0f, below, FLT_MIN, 1e-42f, -kInf, kInf, kNan, 0.5f}) {
         for (float prior : {0.5f, 0.0f, -1.0f, 1e-42f, kInf}) {

@@ -49,7 +49,7 @@ private:
 };
 
 /// Collects a message; the destructor writes it in one streaming statement, with a stack trace
-/// behind it, and calls abort().
+/// after it, and calls abort().
 class LogMessageFatal {
 public:
     LogMessageFatal(const char* file, int line);

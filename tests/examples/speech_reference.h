@@ -152,7 +152,7 @@ inline Frames posteriors(Frames frames, const Values& p, int layers, bool both_d
     return frames;
 }
 
-/// The probability of all paths through the frames from `frame` on, behind one that has `read` so
+/// The probability of all paths through the frames from `frame` on, after one that has `read` so
 /// many labels and stands on class `last`, that become `labels` once runs are joined and class 0
 /// is dropped.
 inline double path_sum(const Frames& posteriors, const std::vector<int>& labels,

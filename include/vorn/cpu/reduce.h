@@ -112,7 +112,7 @@ void fold_eight_rows(F f, Rows rows, index_t n, typename F::Result* result) {
 }
 
 // The same for sixteen rows: two independent chains, which hide the latency of an addition. The
-// second eight lag `lag` columns behind. `fetch` is called once a line.
+// second eight lag by `lag` columns. `fetch` is called once a line.
 template <typename F, typename T, typename Fetch>
 void fold_sixteen_rows(F f, EvenRows<T> rows, index_t n, index_t lag, Fetch fetch,
                        typename F::Result* result) {

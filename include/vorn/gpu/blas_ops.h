@@ -146,7 +146,7 @@ inline __device__ float warp_squares(const float* a, int begin, int n, int expon
 ///   a: (m x n, pitch ld_a) per block, m < n; x: (n) per block, pitch ld_x, y in its first m
 ///   places on entry; tau: (m) per block, work space.
 /// Householder reflections from the right turn `a` into a lower triangle L: a H_0 ... H_{m-1} =
-/// [L 0] with H_k = I - tau_k v_k v_k', where v_k is 0 before place k, 1 in it, and stands behind
+/// [L 0] with H_k = I - tau_k v_k v_k', where v_k is 0 before place k, 1 in it, and stands past
 /// the diagonal in row k. Then x = H_0 ... H_{m-1} [z 0]' where L z = y. (Golub and Van Loan,
 /// "Matrix Computations", on underdetermined systems.)
 template <int NT>

@@ -206,7 +206,7 @@ public:
     VORN_HD DType operator()(DType x, DType c) const { return math::logistic(x) + 0 * c; }
 };
 
-/// alpha * (1 - a a) b + beta * c: the error behind tanh, from its output `a` and the error `b`
+/// alpha * (1 - a a) b + beta * c: the error before a tanh, from its output `a` and the error `b`
 /// ahead of it. So with the other backward rules.
 class tanh_bp : public blend {
 public:

@@ -58,7 +58,7 @@ VORN_HD inline LstmCell lstm_cell(float x_i, float x_f, float x_o, float x_c, fl
     return cell;
 }
 
-/// What an error `a` * `b` behind a gate is before it, from the gate's value `c`.
+/// What an error `a` * `b` after a gate is before it, from the gate's value `c`.
 VORN_HD inline float sigmoid_error(float a, float b, float c) {
     return a * b * c * (1 - c);
 }

@@ -64,7 +64,7 @@ bool valid(cublasOperation_t op) {
 }
 
 /// For pointers that are known only when the work runs: by then the host may have freed their block
-/// behind it in the stream's order, so that all of the device's memory is allowed.
+/// after it in the stream's order, so that all of the device's memory is allowed.
 bool check_tabled(const char* function, const char* operand, const float* pointer, size_t bytes) {
     const gpusim::Arena& arena = gpusim::Memory::get().arena();
     const char* begin = reinterpret_cast<const char*>(pointer);
