@@ -206,8 +206,8 @@ public:
     VORN_HD DType operator()(DType x, DType c) const { return math::logistic(x) + 0 * c; }
 };
 
-/// alpha * (1 - a a) b + beta * c: the error before a tanh, from its output `a` and the error `b`
-/// ahead of it. So with the other backward rules.
+/// alpha * (1 - a a) b + beta * c: the error at the input of a tanh, from its output `a` and
+/// the error `b` there. So with the other backward rules.
 class tanh_bp : public blend {
 public:
     using blend::blend;

@@ -10,6 +10,11 @@
 /// access. All views of a wrapper are of the same form.
 namespace vorn {
 
+template <int N, typename... Views>
+VORN_HD bool are_packed(const Views&... views) {
+    return (views.template is_packed<N>() && ...);
+}
+
 template <typename Op, typename View>
 struct GenerateOp {
     Op _op;
@@ -20,7 +25,7 @@ struct GenerateOp {
     VORN_HD void operator()(index_t row, index_t col) { _out(row, col) = _op(); }
     template <int N>
     VORN_HD bool is_packed() const {
-        return _out.template is_packed<N>();
+        return are_packed<N>(_out);
     }
     template <int N>
     VORN_HD void run_pack(index_t i) {
@@ -43,7 +48,7 @@ struct UnaryOp {
     VORN_HD void operator()(index_t row, index_t col) { _out(row, col) = _op(_in(row, col)); }
     template <int N>
     VORN_HD bool is_packed() const {
-        return _in.template is_packed<N>() && _out.template is_packed<N>();
+        return are_packed<N>(_in, _out);
     }
     template <int N>
     VORN_HD void run_pack(index_t i) {
@@ -71,8 +76,7 @@ struct BinaryOp {
     }
     template <int N>
     VORN_HD bool is_packed() const {
-        return _in1.template is_packed<N>() && _in2.template is_packed<N>() &&
-               _out.template is_packed<N>();
+        return are_packed<N>(_in1, _in2, _out);
     }
     template <int N>
     VORN_HD void run_pack(index_t i) {
@@ -101,8 +105,7 @@ struct TrinaryInplaceOp {
     }
     template <int N>
     VORN_HD bool is_packed() const {
-        return _in1.template is_packed<N>() && _in2.template is_packed<N>() &&
-               _out.template is_packed<N>();
+        return are_packed<N>(_in1, _in2, _out);
     }
     template <int N>
     VORN_HD void run_pack(index_t i) {
