@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <vector>
 
-#include "vorn/cpu/loops.h"
-#include "vorn/cpu/memory.h"
+#include "vorn/cpu/kit/loops.h"
+#include "vorn/cpu/kit/runs.h"
+#include "vorn/cpu/kit/transpose.h"
 #include "vorn/cpu/reduce.h"
-#include "vorn/cpu/transpose.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the convolution along frequency, on dense matrices.

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <type_traits>
 
-#include "vorn/cpu/loops.h"
+#include "vorn/cpu/kit/loops.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of batch normalization over frames. Each column sums in the order of its rows; memory

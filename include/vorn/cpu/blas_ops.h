@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "vorn/cpu/iterator.h"
-#include "vorn/cpu/transpose.h"
+#include "vorn/cpu/kit/transpose.h"
 #include "vorn/rules/functors.h"
 #include "vorn/tensor/matrix_batch.h"
 #include "vorn/tensor/tensor.h"

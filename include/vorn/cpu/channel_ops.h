@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "vorn/cpu/iterator.h"
-#include "vorn/cpu/memory.h"
+#include "vorn/cpu/kit/loops.h"
+#include "vorn/cpu/kit/runs.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of slices and of concatenation along channels.
@@ -44,7 +44,7 @@ inline void blend_channels(ChannelRun from, ChannelRun to, index_t num, index_t 
         const float* from_p = from.tensor.index(Dim(n, from.first, 0, 0));
         float* to_p = to.tensor.index(Dim(n, to.first, 0, 0));
         for (index_t row = 0; row < rows; ++row) {
-            binary_row(blend, from_p, to_p, to_p, row_width);
+            transform_run(blend, row_width, to_p, from_p, to_p);
             from_p += from.tensor.ld();
             to_p += to.tensor.ld();
         }

@@ -7,9 +7,8 @@
 #include <vector>
 
 #include "vorn/cpu/blas_ops.h"
-#include "vorn/cpu/lanes.h"
-#include "vorn/cpu/memory.h"
-#include "vorn/cpu/sliding_window.h"
+#include "vorn/cpu/kit/runs.h"
+#include "vorn/cpu/kit/sliding_window.h"
 #include "vorn/tensor/tensor.h"
 #include "vorn/tensor/tensor_view.h"
 

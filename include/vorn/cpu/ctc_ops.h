@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "vorn/cpu/reduce.h"
+#include "vorn/cpu/kit/fold.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms. The CTC tables are made on a GPU only.

@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "vorn/cpu/reduce.h"
+#include "vorn/cpu/kit/fold.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the counts over labels.

@@ -1,7 +1,7 @@
 #ifndef VORN_CPU_LINEAR_OPS_H_
 #define VORN_CPU_LINEAR_OPS_H_
 
-#include "vorn/cpu/memory.h"
+#include "vorn/cpu/kit/runs.h"
 #include "vorn/tensor/tensor.h"
 
 /// Host forms of the linear layer helpers, on dense matrices.

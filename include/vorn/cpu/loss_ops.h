@@ -5,10 +5,9 @@
 #include <cassert>
 #include <cmath>
 
-#include "vorn/cpu/channels.h"
-#include "vorn/cpu/iterator.h"
-#include "vorn/cpu/loops.h"
-#include "vorn/cpu/reduce.h"
+#include "vorn/cpu/kit/channels.h"
+#include "vorn/cpu/kit/fold.h"
+#include "vorn/cpu/kit/loops.h"
 #include "vorn/rules/loss_rule.h"
 #include "vorn/tensor/tensor.h"
 
@@ -89,49 +88,29 @@ inline void vorn_cross_entropy_bp(const Tensor<float>& in, const Tensor<float>& 
 
 // ---- Objectives that are sums of rows
 
-// Adds rows in ascending order of the columns to sums that are there, eight rows side by side.
-struct AddRows {
-    using Element = float;
-    using Result = float;
-    using Acc = Lanes<float>::Full;
-
-    Acc sums;
-
-    Acc start() const { return sums; }
-    void fold(Acc& acc, const Acc& column) const { acc += column; }
-    void finish(const Acc& acc, float* result) const { store(result, acc); }
-};
-
 /// out[i] = blend(sum, beta * out[i]) in rows with the mask 1, else beta * out[i], with the sum of
-/// `dim_n` terms in ascending order. terms(i, j, n, result) gives those of row i from column j on:
-/// a vector loop, whose results wait in the L1 cache for the addition.
+/// `dim_n` terms in ascending order. terms(i, j, n, result) gives those of row i from column j on.
 template <typename Terms, typename Blend>
 void blend_row_sums(const int* mask, float* out, index_t dim_m, index_t dim_n, float beta,
                     Terms terms, Blend blend) {
-    constexpr index_t kRows = Lanes<float>::kFull, kChunk = 256;
-    alignas(64) float stage[kRows][kChunk] = {};
-    index_t group[kRows], count = 0;
+    index_t group[kRowGroup];
+    int count = 0;
     for (index_t i = 0; i < dim_m; ++i) {
         if (mask[i] == 1) {
             group[count++] = i;
         } else {
             out[i] = beta * out[i];
         }
-        if (count < kRows && i + 1 < dim_m) {
+        if (count == 0 || (count < kRowGroup && i + 1 < dim_m)) {
             continue;
         }
-        AddRows add = {};
-        for (index_t j = 0; j < dim_n; j += kChunk) {
-            const index_t n = std::min(kChunk, dim_n - j);
-            for (index_t r = 0; r < count; ++r) {
-                terms(group[r], j, n, stage[r]);
-            }
-            float sums[kRows];
-            fold_eight_rows(add, EvenRows<float>{stage[0], kChunk}, n, sums);
-            load(add.sums, sums);
-        }
-        for (index_t r = 0; r < count; ++r) {
-            out[group[r]] = blend(add.sums[r], beta * out[group[r]]);
+        float sums[kRowGroup] = {};
+        const auto terms_of_group = [&](int r, index_t j, index_t n, float* stage) {
+            terms(group[r], j, n, stage);
+        };
+        add_terms_in_order(count, dim_n, terms_of_group, sums);
+        for (int r = 0; r < count; ++r) {
+            out[group[r]] = blend(sums[r], beta * out[group[r]]);
         }
         count = 0;
     }
@@ -146,7 +125,7 @@ inline void vorn_mean_squre_error(const Tensor<float>& in, const Tensor<float>& 
         mask.get_ptr(), out.get_ptr(), dim_m, dim_n, beta,
         [=](index_t i, index_t j, index_t n, float* terms) {
             const auto square = [](float x, float y) { return (x - y) * (x - y); };
-            binary_row(square, in_p + i * dim_n + j, label_p + i * dim_n + j, terms, n);
+            transform_run(square, n, terms, in_p + i * dim_n + j, label_p + i * dim_n + j);
         },
         [=](float sum, float kept) { return sum * alpha * 0.5f + kept; });
 }
@@ -160,8 +139,8 @@ inline void vorn_mean_squre_error_bp(const Tensor<float>& in, const Tensor<float
         const auto rule = [=](float y, float x, float old) {
             return func::mean_squre_error_bp(is_on, y, x, old, alpha, beta);
         };
-        trinary_inplace_row(rule, label.get_ptr() + first, in.get_ptr() + first,
-                            out.get_ptr() + first, dim_n);
+        transform_run(rule, dim_n, out.get_ptr() + first, label.get_ptr() + first,
+                      in.get_ptr() + first, out.get_ptr() + first);
     }
 }
 
@@ -172,8 +151,8 @@ inline void vorn_rnnoise(const Tensor<float>& y_pred, const Tensor<float>& y_tru
     blend_row_sums(
         mask.get_ptr(), cost.get_ptr(), dim_m, dim_n, beta,
         [=](index_t i, index_t j, index_t n, float* terms) {
-            binary_row([](float p, float t) { return func::rnnoise_cost(p, t); },
-                       pred_p + i * dim_n + j, true_p + i * dim_n + j, terms, n);
+            transform_run([](float p, float t) { return func::rnnoise_cost(p, t); }, n, terms,
+                          pred_p + i * dim_n + j, true_p + i * dim_n + j);
         },
         [=](float sum, float kept) { return alpha * sum + kept; });
 }
@@ -186,13 +165,13 @@ inline void vorn_rnnoise_bp(const Tensor<float>& y_pred, const Tensor<float>& y_
     float* delta_p = delta.get_ptr();
     for (index_t i = 0; i < dim_m; ++i, pred_p += dim_n, true_p += dim_n, delta_p += dim_n) {
         if (mask.get_ptr()[i] != 1) {
-            unary_row([=](float old) { return beta * old; }, delta_p, delta_p, dim_n);
+            transform_run([=](float old) { return beta * old; }, dim_n, delta_p, delta_p);
             continue;
         }
         const auto rule = [=](float p, float t, float old) {
             return func::rnnoise_bp(p, t, old, alpha, beta);
         };
-        trinary_inplace_row(rule, pred_p, true_p, delta_p, dim_n);
+        transform_run(rule, dim_n, delta_p, pred_p, true_p, delta_p);
     }
 }
 
@@ -221,7 +200,7 @@ inline void vorn_fixed_loss(const Tensor<float>& in, Tensor<float>& out) {
             return func::fixed_level(x, bound, biased) / scale;
         };
         for (index_t i = 0; i < dim_m; ++i) {
-            binary_row(rule, in_p + i * ld_in, max, out_p + i * ld_out, width);
+            transform_run(rule, width, out_p + i * ld_out, in_p + i * ld_in, max);
         }
     });
 }

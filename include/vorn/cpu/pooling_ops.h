@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "vorn/cpu/sliding_window.h"
+#include "vorn/cpu/kit/sliding_window.h"
 #include "vorn/tensor/tensor.h"
 #include "vorn/tensor/tensor_view.h"
 

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "vorn/cpu/loops.h"
+#include "vorn/cpu/kit/loops.h"
 #include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 

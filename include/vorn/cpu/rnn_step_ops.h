@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-#include "vorn/cpu/lanes.h"
-#include "vorn/cpu/loops.h"
-#include "vorn/cpu/reduce.h"
+#include "vorn/cpu/kit/fold.h"
+#include "vorn/cpu/kit/loops.h"
+#include "vorn/cpu/kit/runs.h"
 #include "vorn/rules/lstm_rule.h"
 #include "vorn/tensor/tensor.h"
 

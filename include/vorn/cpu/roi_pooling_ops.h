@@ -5,7 +5,7 @@
 #include <cfloat>
 #include <vector>
 
-#include "vorn/cpu/transpose.h"
+#include "vorn/cpu/kit/transpose.h"
 #include "vorn/rules/roi_rule.h"
 #include "vorn/tensor/tensor.h"
 
@@ -38,24 +38,24 @@ struct RoiBins {
 /// Channels whose maxima are taken together, their values at a cell side by side. One channel at a
 /// time, the few columns of a bin are a chain of dependent steps: seven times as slow, measured
 /// with regions of all sizes on a map of 38 x 50.
-constexpr int kRoiLanes = 32;
+constexpr int kRoiChannels = 32;
 
-/// The maximum of a bin in each lane, and its place, the first in row-major order among equals.
-/// cells: (height * width x kRoiLanes).
+/// The maximum of a bin in each channel, and its place, the first in row-major order among equals.
+/// cells: (height * width x kRoiChannels).
 inline void max_of_bin(const float* cells, int width, func::Span rows, func::Span cols, float* max,
                        int* idx) {
-    std::fill_n(max, kRoiLanes, rows.is_empty() || cols.is_empty() ? 0 : -FLT_MAX);
-    std::fill_n(idx, kRoiLanes, -1);
+    std::fill_n(max, kRoiChannels, rows.is_empty() || cols.is_empty() ? 0 : -FLT_MAX);
+    std::fill_n(idx, kRoiChannels, -1);
     for (int h = rows.begin; h < rows.end; ++h) {
         for (int w = cols.begin; w < cols.end; ++w) {
             const int place = h * width + w;
-            const float* values = cells + static_cast<index_t>(place) * kRoiLanes;
+            const float* values = cells + static_cast<index_t>(place) * kRoiChannels;
             // Places ascend. In one loop the compiler would make the stores conditional.
-            for (int lane = 0; lane < kRoiLanes; ++lane) {
-                idx[lane] = std::max(idx[lane], max[lane] < values[lane] ? place : -1);
+            for (int k = 0; k < kRoiChannels; ++k) {
+                idx[k] = std::max(idx[k], max[k] < values[k] ? place : -1);
             }
-            for (int lane = 0; lane < kRoiLanes; ++lane) {
-                max[lane] = max[lane] < values[lane] ? values[lane] : max[lane];
+            for (int k = 0; k < kRoiChannels; ++k) {
+                max[k] = max[k] < values[k] ? values[k] : max[k];
             }
         }
     }
@@ -78,33 +78,34 @@ inline void vorn_roi_pool_fwd(const ROIPoolingDesc& desc, const Tensor<float>& d
                         bins_of_axis(roi.w, desc.pooled_width, width)});
         rois_of_image[roi.image].push_back(n);
     }
-    std::vector<float> cells(plane_size * kRoiLanes), max(grid_size * kRoiLanes), pooled(max);
+    std::vector<float> cells(plane_size * kRoiChannels), max(grid_size * kRoiChannels), pooled(max);
     std::vector<int> idx(max.size());
     for (int image = 0; image < batch_size; ++image) {
         if (rois_of_image[image].empty()) {
             continue;
         }
-        for (int c = 0; c < channels; c += kRoiLanes) {
-            const int lanes = std::min(kRoiLanes, channels - c);
+        for (int c = 0; c < channels; c += kRoiChannels) {
+            const int group = std::min(kRoiChannels, channels - c);
             const index_t first = static_cast<index_t>(image) * channels + c;
             transpose_matrix(data.get_ptr() + first * plane_size, plane_size, cells.data(),
-                             kRoiLanes, plane_size, lanes);
+                             kRoiChannels, plane_size, group);
             for (int n : rois_of_image[image]) {
                 float* max_p = max.data();
                 int* idx_p = idx.data();
                 for (const func::Span& rows : bins[n].rows) {
                     for (const func::Span& cols : bins[n].cols) {
                         max_of_bin(cells.data(), width, rows, cols, max_p, idx_p);
-                        max_p += kRoiLanes;
-                        idx_p += kRoiLanes;
+                        max_p += kRoiChannels;
+                        idx_p += kRoiChannels;
                     }
                 }
                 const index_t out_first = (static_cast<index_t>(n) * channels + c) * grid_size;
-                transpose_matrix(idx.data(), kRoiLanes, max_idx.get_ptr() + out_first, grid_size,
+                transpose_matrix(idx.data(), kRoiChannels, max_idx.get_ptr() + out_first, grid_size,
                                  lanes, grid_size);
-                transpose_matrix(max.data(), kRoiLanes, pooled.data(), grid_size, lanes, grid_size);
+                transpose_matrix(max.data(), kRoiChannels, pooled.data(), grid_size, group,
+                                 grid_size);
                 float* out_p = out.get_ptr() + out_first;
-                for_each_element(lanes * grid_size, [=, pooled_p = pooled.data()](index_t i) {
+                for_each_element(group * grid_size, [=, pooled_p = pooled.data()](index_t i) {
                     out_p[i] = alpha * pooled_p[i] + beta * out_p[i];
                 });
             }

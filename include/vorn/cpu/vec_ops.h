@@ -32,7 +32,7 @@ inline void vorn_mat_row_add_vec(const Tensor<float>& mat, const Tensor<float>& 
         return (alpha0 * x + alpha1 * v) + beta * old;
     };
     for_each_row(mat, out, [=](const float* mat_p, float* out_p, index_t) {
-        trinary_inplace_row(rule, mat_p, vec_p, out_p, dim_n);
+        transform_run(rule, dim_n, out_p, mat_p, vec_p, out_p);
     });
 }
 
@@ -43,7 +43,7 @@ inline void vorn_mat_col_add_vec(const Tensor<float>& mat, const Tensor<float>& 
     for_each_row(mat, out, [=](const float* mat_p, float* out_p, index_t i) {
         const float term = alpha1 * vec_p[i];
         const auto rule = [=](float x, float old) { return (alpha0 * x + term) + beta * old; };
-        binary_row(rule, mat_p, out_p, out_p, dim_n);
+        transform_run(rule, dim_n, out_p, mat_p, out_p);
     });
 }
 
@@ -53,7 +53,7 @@ inline void vorn_mat_row_mul_vec(const Tensor<float>& a, const Tensor<float>& b,
     const float* b_p = b.get_ptr();
     const auto rule = [=](float x, float v, float old) { return (alpha * x) * v + beta * old; };
     for_each_row(a, out, [=](const float* a_p, float* out_p, index_t) {
-        trinary_inplace_row(rule, a_p, b_p, out_p, dim_n);
+        transform_run(rule, dim_n, out_p, a_p, b_p, out_p);
     });
 }
 
@@ -64,7 +64,7 @@ inline void vorn_mat_col_mul_vec(const Tensor<float>& a, const Tensor<float>& b,
     for_each_row(a, out, [=](const float* a_p, float* out_p, index_t i) {
         const float factor = b_p[i];
         const auto rule = [=](float x, float old) { return (alpha * x) * factor + beta * old; };
-        binary_row(rule, a_p, out_p, out_p, dim_n);
+        transform_run(rule, dim_n, out_p, a_p, out_p);
     });
 }
 
@@ -76,7 +76,7 @@ inline void vorn_mat_diag_add_vec(const Tensor<float>& mat, const Tensor<float>&
     for_each_row(mat, out, [=](const float* mat_p, float* out_p, index_t i) {
         // Before the row, which may overwrite both operands.
         const float diagonal = (alpha0 * mat_p[i] + alpha1 * diag_p[i]) + beta * out_p[i];
-        binary_row(rule, mat_p, out_p, out_p, dim_m);
+        transform_run(rule, dim_m, out_p, mat_p, out_p);
         out_p[i] = diagonal;
     });
 }
@@ -88,7 +88,7 @@ inline void vorn_mat_diag_mul_vec(const Tensor<float>& mat, const Tensor<float>&
     const auto rule = [=](float x, float old) { return alpha * x + beta * old; };
     for_each_row(mat, out, [=](const float* mat_p, float* out_p, index_t i) {
         const float diagonal = (alpha * mat_p[i]) * diag_p[i] + beta * out_p[i];
-        binary_row(rule, mat_p, out_p, out_p, dim_m);
+        transform_run(rule, dim_m, out_p, mat_p, out_p);
         out_p[i] = diagonal;
     });
 }
@@ -97,14 +97,14 @@ inline void vorn_log_sub_prior(const Tensor<float>& in, const Tensor<float>& pri
                                Tensor<float>& out) {
     const index_t dim_n = out.col();
     std::vector<float> log_prior(dim_n);
-    unary_row(func::log(), prior.get_ptr(), log_prior.data(), dim_n);
+    log_run(dim_n, log_prior.data(), prior.get_ptr());
     const auto rule = [](float x, float log_p) {
         const float t = log_of_normal(x < FLT_MIN ? 1.0f : x);
         return (x < FLT_MIN ? -125.0f : t) - log_p;
     };
     const float* log_prior_p = log_prior.data();
     for_each_row(in, out, [=](const float* in_p, float* out_p, index_t) {
-        binary_row(rule, in_p, log_prior_p, out_p, dim_n);
+        transform_run(rule, dim_n, out_p, in_p, log_prior_p);
     });
 }
 

@@ -1,10 +1,9 @@
-#ifndef VORN_CPU_LANES_H_
-#define VORN_CPU_LANES_H_
+#ifndef VORN_CPU_KIT_LANES_H_
+#define VORN_CPU_KIT_LANES_H_
 
-#include <algorithm>
 #include <cstring>
 
-#include "vorn/cpu/loops.h"
+#include "vorn/cpu/kit/loops.h"
 
 /// Small vectors of the compiler's own, for the host loops that it does not vectorise by itself.
 namespace vorn {
@@ -32,32 +31,17 @@ inline void splat(V& lanes, T x) {
     lanes = x - V{};  // x + 0 would lose the sign of -0
 }
 
-/// Copies n elements to another place. A call of memcpy costs as much as a short row.
-template <typename T>
-inline void copy_run(T* out, const T* in, size_t n) {
-    constexpr size_t kFull = Lanes<T>::kFull;
-    if (n < kFull) {
-        std::copy_n(in, n, out);
-        return;
-    }
-    typename Lanes<T>::Full a, b, c, d;
-    size_t i = 0;
-    for (; i + 4 * kFull <= n; i += 4 * kFull) {  // whole cache lines at a time
-        load(a, in + i);
-        load(b, in + i + kFull);
-        load(c, in + i + 2 * kFull);
-        load(d, in + i + 3 * kFull);
-        store(out + i, a);
-        store(out + i + kFull, b);
-        store(out + i + 2 * kFull, c);
-        store(out + i + 3 * kFull, d);
-    }
-    for (; i + kFull < n; i += kFull) {
-        load(a, in + i);
-        store(out + i, a);
-    }
-    load(a, in + n - kFull);  // the last full lanes, some of them again
-    store(out + n - kFull, a);
+/// Transposes four by four elements: lane l of `v[k]` and lane k of `v[l]` change places.
+template <typename V>
+VORN_FORCE_INLINE void transpose_four(V (&v)[4]) {
+    const V ab_low = __builtin_shufflevector(v[0], v[1], 0, 4, 1, 5);
+    const V ab_high = __builtin_shufflevector(v[0], v[1], 2, 6, 3, 7);
+    const V cd_low = __builtin_shufflevector(v[2], v[3], 0, 4, 1, 5);
+    const V cd_high = __builtin_shufflevector(v[2], v[3], 2, 6, 3, 7);
+    v[0] = __builtin_shufflevector(ab_low, cd_low, 0, 1, 4, 5);
+    v[1] = __builtin_shufflevector(ab_low, cd_low, 2, 3, 6, 7);
+    v[2] = __builtin_shufflevector(ab_high, cd_high, 0, 1, 4, 5);
+    v[3] = __builtin_shufflevector(ab_high, cd_high, 2, 3, 6, 7);
 }
 
 /// Transposes four by four elements in each half of a register: lanes 0 to 3 of `v[k]` become lane
@@ -77,4 +61,4 @@ VORN_FORCE_INLINE void transpose_halves(V (&v)[4]) {
 }  // namespace cpu
 }  // namespace vorn
 
-#endif  // VORN_CPU_LANES_H_
+#endif  // VORN_CPU_KIT_LANES_H_

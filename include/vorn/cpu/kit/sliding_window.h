@@ -1,10 +1,10 @@
-#ifndef VORN_CPU_SLIDING_WINDOW_H_
-#define VORN_CPU_SLIDING_WINDOW_H_
+#ifndef VORN_CPU_KIT_SLIDING_WINDOW_H_
+#define VORN_CPU_KIT_SLIDING_WINDOW_H_
 
 #include <algorithm>
 
 #include "vorn/base.h"
-#include "vorn/cpu/loops.h"
+#include "vorn/cpu/kit/loops.h"
 
 /// Loops over the positions of a window that slides along a row of an image. They run across the
 /// positions, with one tap of the window at a time: neighbouring positions are then neighbours in
@@ -41,4 +41,4 @@ VORN_FORCE_INLINE void for_each_position(int count, int stride, F f) {
 }  // namespace cpu
 }  // namespace vorn
 
-#endif  // VORN_CPU_SLIDING_WINDOW_H_
+#endif  // VORN_CPU_KIT_SLIDING_WINDOW_H_

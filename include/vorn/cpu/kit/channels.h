@@ -1,5 +1,5 @@
-#ifndef VORN_CPU_CHANNELS_H_
-#define VORN_CPU_CHANNELS_H_
+#ifndef VORN_CPU_KIT_CHANNELS_H_
+#define VORN_CPU_KIT_CHANNELS_H_
 
 #include <algorithm>
 
@@ -47,4 +47,4 @@ void repeat_positions(T* values, index_t n, index_t repeat) {
 }  // namespace cpu
 }  // namespace vorn
 
-#endif  // VORN_CPU_CHANNELS_H_
+#endif  // VORN_CPU_KIT_CHANNELS_H_

@@ -1,5 +1,5 @@
-#ifndef VORN_CPU_LOOPS_H_
-#define VORN_CPU_LOOPS_H_
+#ifndef VORN_CPU_KIT_LOOPS_H_
+#define VORN_CPU_KIT_LOOPS_H_
 
 #include <algorithm>
 #include <type_traits>
@@ -31,6 +31,12 @@ VORN_FORCE_INLINE void for_each_element(Index n, F f) {
     }
 }
 
+/// out[i] = f(in[i]...) for n elements.
+template <typename F, typename Out, typename... In>
+void transform_run(F f, index_t n, Out* out, const In*... in) {
+    for_each_element(n, [=](index_t i) { out[i] = f(in[i]...); });
+}
+
 /// f(r, rows) for all rows in ascending order, kRows of them at a time from `r` on, then one by
 /// one. `rows` is a constant, so that a loop from 0 to it unrolls.
 template <index_t kRows, typename F>
@@ -53,30 +59,7 @@ void for_each_strip(index_t dim_n, F f) {
     }
 }
 
-/// Calls save(j, fold of column j) for dim_n columns: value = f.combine(value, at(i, j)) for the
-/// rows i in ascending order, from f.identity() on.
-template <typename F, typename At, typename Save>
-void fold_columns(F f, index_t dim_m, index_t dim_n, At at, Save save) {
-    using Value = decltype(f.identity());
-    constexpr index_t kStrip = 2048, kRows = 8;
-    Value values[kStrip];
-    for_each_strip<kStrip>(dim_n, [&](index_t start, index_t width) {
-        Value* const acc = values;
-        std::fill_n(acc, width, f.identity());
-        for_each_rows<kRows>(dim_m, [=](index_t i, auto rows) {
-            for_each_element(width, [=](index_t j) {
-                Value value = acc[j];
-                for (index_t r = 0; r < rows; ++r) {
-                    value = f.combine(value, at(i + r, start + j));
-                }
-                acc[j] = value;
-            });
-        });
-        for_each_element(width, [=](index_t j) { save(start + j, acc[j]); });
-    });
-}
-
 }  // namespace cpu
 }  // namespace vorn
 
-#endif  // VORN_CPU_LOOPS_H_
+#endif  // VORN_CPU_KIT_LOOPS_H_
