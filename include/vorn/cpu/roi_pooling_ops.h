@@ -101,7 +101,7 @@ inline void vorn_roi_pool_fwd(const ROIPoolingDesc& desc, const Tensor<float>& d
                 }
                 const index_t out_first = (static_cast<index_t>(n) * channels + c) * grid_size;
                 transpose_matrix(idx.data(), kRoiChannels, max_idx.get_ptr() + out_first, grid_size,
-                                 lanes, grid_size);
+                                 group, grid_size);
                 transpose_matrix(max.data(), kRoiChannels, pooled.data(), grid_size, group,
                                  grid_size);
                 float* out_p = out.get_ptr() + out_first;
