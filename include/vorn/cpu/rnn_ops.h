@@ -37,32 +37,37 @@ inline void lstm_gate_row(const float* x, const float* wc, const float* c, float
     });
 }
 
+/// A row of what func::lstm_cell takes, and of the cells that it makes.
+struct LstmOperands {
+    const float *x_i, *x_f, *x_o, *x_c, *wc_i, *wc_f, *wc_o, *c_pre;
+};
+struct LstmCells {
+    float *i, *f, *g, *c, *o, *h, *m;
+};
+
 /// func::lstm_cell for a row, in blocks that stay in the L1 cache and with one exponential or
 /// tangent a loop: a single loop has too few registers and takes a third longer. The gates are kept
 /// beside the outputs, so that a caller who needs no backward step may pass one tensor for several.
 template <bool is_limit>
-void lstm_row(const float* in, const float* wc_i, const float* wc_f, const float* wc_o,
-              const float* c_pre, float* c_cur, float* i_out, float* f_out, float* c_out,
-              float* o_out, float* hc, float* m_cur, index_t width, float max, float min) {
+void lstm_row(const LstmOperands& in, const LstmCells& out, index_t width, float max, float min) {
     constexpr index_t kBlock = 256;
     float gates[3][kBlock];
     float *const i = gates[0], *const f = gates[1], *const o = gates[2];
-    const float *in_i = in, *in_f = in + width, *in_o = in + 2 * width, *in_c = in + 3 * width;
-    for (index_t start = 0; start < width; start += kBlock) {
-        const index_t n = std::min(kBlock, width - start);
-        const float *x_c = in_c + start, *pre = c_pre + start;
-        float *c = c_cur + start, *g_row = c_out + start, *h_row = hc + start, *m = m_cur + start;
-        lstm_gate_row(in_i + start, wc_i + start, pre, i, i_out + start, n);
-        lstm_gate_row(in_f + start, wc_f + start, pre, f, f_out + start, n);
+    for (index_t at = 0; at < width; at += kBlock) {
+        const index_t n = std::min(kBlock, width - at);
+        const float *x_c = in.x_c + at, *c_pre = in.c_pre + at;
+        float *g_out = out.g + at, *c = out.c + at, *h_out = out.h + at, *m = out.m + at;
+        lstm_gate_row(in.x_i + at, in.wc_i + at, c_pre, i, out.i + at, n);
+        lstm_gate_row(in.x_f + at, in.wc_f + at, c_pre, f, out.f + at, n);
         for_each_element(n, [=](index_t j) {
             const float g = math::tanh(x_c[j]);
-            g_row[j] = g;
-            c[j] = func::lstm_state<is_limit>(i[j], f[j], g, pre[j], max, min);
+            g_out[j] = g;
+            c[j] = func::lstm_state<is_limit>(i[j], f[j], g, c_pre[j], max, min);
         });
-        lstm_gate_row(in_o + start, wc_o + start, c, o, o_out + start, n);
+        lstm_gate_row(in.x_o + at, in.wc_o + at, c, o, out.o + at, n);
         for_each_element(n, [=](index_t j) {
             const float h = math::tanh(c[j]);
-            h_row[j] = h;
+            h_out[j] = h;
             m[j] = o[j] * h;
         });
     }
@@ -94,13 +99,16 @@ inline void vorn_lstm_op(const Tensor<float>& wx_out, const Tensor<float>& wc_i,
     if (sub_height == 0) {
         return;
     }
-    const MatrixRows in(wx_out, sub_height), pre(c_pre, sub_height), cur(c_cur, sub_height),
-        i(i_out, sub_height), f(f_out, sub_height), c(c_out, sub_height), o(o_out, sub_height),
+    const MatrixRows x(wx_out, sub_height), pre(c_pre, sub_height), cur(c_cur, sub_height),
+        i(i_out, sub_height), f(f_out, sub_height), g(c_out, sub_height), o(o_out, sub_height),
         h(hc, sub_height), m(m_cur, sub_height);
     const auto row = func::is_lstm_limit(max, min) ? lstm_row<true> : lstm_row<false>;
     for (index_t r = 0; r < sub_height; ++r) {
-        row(in[r], wc_i.get_ptr(), wc_f.get_ptr(), wc_o.get_ptr(), pre[r], cur[r], i[r], f[r], c[r],
-            o[r], h[r], m[r], sub_width, max, min);
+        const float *x_i = x[r], *x_f = x_i + sub_width, *x_o = x_f + sub_width,
+                    *x_c = x_o + sub_width;
+        const LstmOperands in{x_i,   x_f, x_o, x_c, wc_i.get_ptr(), wc_f.get_ptr(), wc_o.get_ptr(),
+                              pre[r]};
+        row(in, {i[r], f[r], g[r], cur[r], o[r], h[r], m[r]}, sub_width, max, min);
     }
 }
 
