@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <utility>
 
 namespace vorn {
 namespace logging {
@@ -29,21 +31,38 @@ LogMessage::~LogMessage() {
     _log_stream << "\n";
 }
 
-LogMessageFatal::LogMessageFatal(const char* file, int line) {
-    _log_stream << "[" << _pretty_date.human_date() << "] " << file << ":" << line << ": ";
+static thread_local CheckFailureHandler t_check_failure_handler = nullptr;
+
+CheckFailureHandler set_check_failure_handler(CheckFailureHandler handler) {
+    return std::exchange(t_check_failure_handler, handler);
 }
 
-LogMessageFatal::~LogMessageFatal() {
+static std::string stack_trace() {
     constexpr int kMaxFrames = 256;
     void* frames[kMaxFrames];
-    int nframes = backtrace(frames, kMaxFrames);
-    _log_stream << "\n\nStack trace returned " << nframes << " entries:\n";
-    if (char** symbols = backtrace_symbols(frames, nframes)) {
+    const int nframes = backtrace(frames, kMaxFrames);
+    std::ostringstream trace;
+    trace << "Stack trace returned " << nframes << " entries:\n";
+    const std::unique_ptr<char*, decltype(&free)> symbols(backtrace_symbols(frames, nframes), free);
+    if (symbols != nullptr) {
         for (int i = 0; i < nframes; ++i) {
-            _log_stream << "[bt] (" << i << ") " << symbols[i] << "\n";
+            trace << "[bt] (" << i << ") " << symbols.get()[i] << "\n";
         }
     }
-    LogMessage(__FILE__, __LINE__).stream() << _log_stream.str();
+    return trace.str();
+}
+
+LogMessageFatal::LogMessageFatal(const char* file, int line) : _file(file), _line(line) {}
+
+LogMessageFatal::~LogMessageFatal() noexcept(false) {
+    const CheckFailure failure{_file, _line, _log_stream.str(), stack_trace()};
+    if (t_check_failure_handler != nullptr) {
+        t_check_failure_handler(failure);
+    }
+    LogMessage(__FILE__, __LINE__).stream()
+        << "[" << DateLogger().human_date() << "] " << failure.file << ":" << failure.line << ": "
+        << failure.message << "\n\n"
+        << failure.trace;
     abort();
 }
 

@@ -1,4 +1,6 @@
+#include <cmath>
 #include <regex>
+#include <thread>
 
 #include "device_test.h"
 #include "vorn/logging.h"
@@ -47,6 +49,79 @@ TEST(LoggingTest, FailedPlatformCallIsMadeTwice) {
             CHECK_CALL(ret);
         },
         "^<call 1>\\[.*" + literal("Check failed: 0 == (ret) invalid argument\n"));
+}
+
+struct Caught {
+    logging::CheckFailure failure;
+};
+
+// The calling thread's handler for the lifetime of a scope.
+class HandlerScope {
+public:
+    explicit HandlerScope(logging::CheckFailureHandler handler)
+        : _previous(logging::set_check_failure_handler(handler)) {}
+    ~HandlerScope() { logging::set_check_failure_handler(_previous); }
+
+private:
+    logging::CheckFailureHandler _previous;
+};
+
+void throw_failure(const logging::CheckFailure& failure) {
+    throw Caught{failure};
+}
+
+TEST(LoggingTest, HandlerThatThrowsLeavesTheOperationAndTheTensors) {
+    const ThreadContextScope context;
+    const HandlerScope scope(throw_failure);
+    for (const Device device : {CPU, GPU}) {
+        Tensor<float> out(Dim(2, 3), device), in(Dim(3, 2), device);
+        out.set_element(5);
+        for (int repeat = 0; repeat < 100; ++repeat) {
+            try {
+                out.tanh(in);
+                FAIL() << "the check holds";
+            } catch (const Caught& caught) {
+                EXPECT_EQ(caught.failure.message.find("Check failed: "), 0u);
+                EXPECT_NE(std::string(caught.failure.file).find("ops.h"), std::string::npos);
+                EXPECT_GT(caught.failure.line, 0);
+                EXPECT_TRUE(std::regex_search(
+                    caught.failure.trace,
+                    std::regex(
+                        "^Stack trace returned [1-9][0-9]* entries:\n\\[bt\\] \\(0\\) .+\n")));
+            }
+        }
+        EXPECT_EQ(out.sum(), 30);
+        out.tanh();
+        EXPECT_NEAR(out.sum(), 6 * std::tanh(5.0), 1e-5);
+    }
+}
+
+TEST(LoggingTest, HandlerThatReturnsAbortsWithTheLog) {
+    EXPECT_DEATH(
+        {
+            logging::set_check_failure_handler(
+                [](const logging::CheckFailure&) { std::cerr << "handled\n"; });
+            CHECK(1 + 1 == 3) << "extra " << 7;
+        },
+        "^handled\n" + kPrefix + kPrefix + literal("Check failed: 1 + 1 == 3 extra 7") +
+            "\n\nStack trace returned [1-9][0-9]* entries:\n");
+}
+
+struct FailsAtItsEnd {
+    ~FailsAtItsEnd() { CHECK(1 + 1 == 3); }
+};
+
+TEST(LoggingTest, ChecksInDestructorsAndOnOtherThreadsStillAbort) {
+    const HandlerScope scope(throw_failure);
+    EXPECT_DEATH(
+        try { FailsAtItsEnd fails; } catch (const Caught&){}, "terminate called after throwing");
+    EXPECT_DEATH(std::thread([] {
+                     try {
+                         CHECK(1 + 1 == 3);
+                     } catch (const Caught&) {
+                     }
+                 }).join(),
+                 literal("Check failed: 1 + 1 == 3"));
 }
 
 TEST(LoggingTest, ErrorLineGoesOn) {

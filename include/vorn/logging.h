@@ -13,7 +13,8 @@
 /// A violated precondition and a failed platform call are programming or environment errors: the
 /// process logs them with a stack trace and calls abort(). Nothing is thrown, no operation returns
 /// an error code, and no operation goes on after a failed check. Checks stay on in optimised
-/// builds; one that holds costs its test only.
+/// builds; one that holds costs its test only. A program that has to survive them, such as an
+/// interpreter, sets a handler by `set_check_failure_handler`.
 namespace vorn {
 namespace logging {
 
@@ -48,20 +49,42 @@ private:
     DateLogger _pretty_date;
 };
 
-/// Collects a message; the destructor writes it in one streaming statement, with a stack trace
-/// after it, and calls abort().
+/// What is known of a failed check.
+struct CheckFailure {
+    const char* file;     ///< of the check
+    int line;             ///< of the check
+    std::string message;  ///< "Check failed: ..." and what was streamed after it
+    std::string trace;    ///< "Stack trace returned N entries:" and a line for each
+};
+
+/// Called on the thread of the check, in place of the log. If it throws, the exception leaves the
+/// operation; if it returns, the failure is logged and the process aborts.
+using CheckFailureHandler = void (*)(const CheckFailure&);
+
+/// Sets the calling thread's handler and returns the one before; nullptr, which each thread starts
+/// with, is none. Checks stand before the first write, so that tensors are as they were where the
+/// handler throws; what an operation can only see half-way (a platform call that fails, the
+/// contents of a file) may leave its outputs partly written. The process still aborts where an
+/// exception can't pass: in a destructor (a Buffer's last holder, ThreadContextScope), where the
+/// exception ends in std::terminate, and on threads without a handler.
+CheckFailureHandler set_check_failure_handler(CheckFailureHandler handler);
+
+/// Collects a message; the destructor hands it to the thread's CheckFailureHandler. If there is
+/// none or it returns, it writes the message in one streaming statement, with a stack trace after
+/// it, and calls abort().
 class LogMessageFatal {
 public:
     LogMessageFatal(const char* file, int line);
-    [[noreturn]] ~LogMessageFatal();
+    [[noreturn]] ~LogMessageFatal() noexcept(false);
     LogMessageFatal(const LogMessageFatal&) = delete;
     LogMessageFatal& operator=(const LogMessageFatal&) = delete;
 
     std::ostream& stream() { return _log_stream; }
 
 private:
+    const char* _file;
+    int _line;
     std::ostringstream _log_stream;
-    DateLogger _pretty_date;
 };
 
 /// Gives a streaming expression the type void, so that a check is an expression: `&` binds weaker
