@@ -3,6 +3,7 @@
 #include <cuda_runtime.h>
 
 #include <cstdlib>
+#include <utility>
 
 #include "vorn/context/context.h"
 #include "vorn/context/lifetime.h"
@@ -56,6 +57,9 @@ Buffer::Buffer(size_t size, Device device) : _ptr(nullptr), _size(size), _device
     CHECK_CALL(ret) << " allocating " << size << " bytes on device " << device;
 }
 
+Buffer::Buffer(std::shared_ptr<void> memory, size_t size, Device device)
+    : _ptr(memory.get()), _size(size), _device(device), _memory(std::move(memory)) {}
+
 /// Makes `stream` wait for what the calling thread has queued on its own.
 static void wait_for_this_thread(cudaStream_t stream) {
     cudaEvent_t event = nullptr;
@@ -66,7 +70,7 @@ static void wait_for_this_thread(cudaStream_t stream) {
 }
 
 Buffer::~Buffer() {
-    if (_ptr == nullptr) {
+    if (_ptr == nullptr || _memory != nullptr) {
         return;
     }
     const bool is_on_gpu = is_gpu_device(_device);

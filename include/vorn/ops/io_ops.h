@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <string>
 
 #include "vorn/cpu/io_ops.h"
@@ -51,13 +52,19 @@ void vorn_write_tensor(const Tensor<T>& tensor, FILE* f, int count) {
     cpu::vorn_write_tensor(on_host(tensor), f, count);
 }
 
+/// A file that closes itself, also where a failed check is thrown.
+using OpenFile = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+inline OpenFile open_file(const char* filename, const char* mode) {
+    return OpenFile(fopen(filename, mode), fclose);
+}
+
 template <typename T>
 void vorn_write_tensor(const Tensor<T>& tensor, const char* filename, int count) {
     CHECK(nullptr != filename);
-    FILE* fp = fopen(filename, "w+");
+    const OpenFile fp = open_file(filename, "w+");
     CHECK(nullptr != fp);
-    vorn_write_tensor(tensor, fp, count);
-    fclose(fp);
+    vorn_write_tensor(tensor, fp.get(), count);
 }
 
 template <typename T>
@@ -68,10 +75,9 @@ void vorn_write_tensor_diff(const Tensor<T>& tensor, FILE* f, int count, int fix
 template <typename T>
 void vorn_write_tensor_diff(const Tensor<T>& tensor, const char* filename, int count, int fixed) {
     CHECK(nullptr != filename);
-    FILE* fp = fopen(filename, "w+");
+    const OpenFile fp = open_file(filename, "w+");
     CHECK(nullptr != fp);
-    vorn_write_tensor_diff(tensor, fp, count, fixed);
-    fclose(fp);
+    vorn_write_tensor_diff(tensor, fp.get(), count, fixed);
 }
 
 /// Resizes `tensor` and lets `read` fill it, or a host tensor of its shape.
@@ -115,10 +121,9 @@ void vorn_read_tensor(Tensor<T>& tensor, FILE* f) {
 template <typename T>
 void vorn_read_tensor(Tensor<T>& tensor, const char* filename) {
     CHECK_NOTNULL(filename);
-    FILE* f = fopen(filename, "r");
+    const OpenFile f = open_file(filename, "r");
     CHECK_NOTNULL(f);
-    vorn_read_tensor(tensor, f);
-    fclose(f);
+    vorn_read_tensor(tensor, f.get());
 }
 
 // ---- Printing and comparing

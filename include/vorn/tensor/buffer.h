@@ -25,6 +25,9 @@ namespace vorn {
 class Buffer {
 public:
     Buffer(size_t size, Device device);
+    /// The memory of others, of `size` bytes on `device`, which `memory` keeps and, when the last
+    /// tensor has gone, gives back.
+    Buffer(std::shared_ptr<void> memory, size_t size, Device device);
     ~Buffer();
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
@@ -38,6 +41,7 @@ private:
     void* _ptr;
     size_t _size;
     Device _device;
+    std::shared_ptr<void> _memory;         ///< Where the memory is others'.
     std::shared_ptr<CUstream_st> _stream;  ///< Of a GPU block that is freed in stream order.
 };
 

@@ -108,29 +108,39 @@ public:
 
     // ---- Queries ------------------------------------------------------------------------------
 
+    /// Whether it looks into a Buffer.
     bool is_init() const { return _buffer != nullptr; }
+    /// The address of the first element.
     T* get_ptr() const { return _ptr; }
     T* get_data() const { return _ptr; }
     T* get_data_python() const { return _ptr; }
+    /// The shape, or one axis of it.
     const Dim& get_size() const { return _size; }
     index_t get_size(index_t i) const { return _size[static_cast<int>(i)]; }
+    /// The pitch.
     index_t get_stride() const { return _stride; }
     index_t ld() const { return _stride; }
+    /// One axis, counted from the last. Aborts where there is none.
     index_t get_width() const { return _size[-1]; }
     index_t get_height() const { return _size[-2]; }
     index_t get_w() const { return _size[-1]; }
     index_t get_h() const { return _size[-2]; }
     index_t get_c() const { return _size[-3]; }
     index_t get_n() const { return _size[-4]; }
+    /// Of the matrix that the tensor reads as.
     index_t row() const { return _size.height(); }
     index_t col() const { return _size[-1]; }
+    /// The number of axes.
     index_t get_dim() const { return _size.get_axis(); }
+    /// The number of elements.
     index_t count() const { return product(_size); }
     index_t get_element_count() const { return product(_size); }
     /// The product of axes [start_axis, end_axis).
     index_t count(int start_axis, int end_axis) const;
     index_t count(int start_axis) const;
+    /// Where the memory lies.
     const Device& get_device() const { return _device; }
+    /// Whether rows follow each other without a gap.
     bool is_contiguous() const {
         return _size.get_axis() == 0 || _size[-1] == static_cast<int>(_stride);
     }
@@ -145,6 +155,7 @@ public:
     T* index(const Dim& coor) const;
     T* get_data(const Dim& dim) const;
     T* get_row(index_t idx) const;
+    /// An element. Aborts outside the shape.
     T operator[](const Dim& idx) const;
     Reference<T> operator[](const Dim& idx);
     T get_element(const Dim& dim) const;
@@ -214,10 +225,13 @@ public:
     /// Natural logarithm.
     void log();
     void log(const Tensor& in);
+    /// in to the power of p
     void pow(DType p);
     void pow(const Tensor& in, DType p);
+    /// in * in
     void square();
     void square(const Tensor& in);
+    /// Square root.
     void sqrt();
     void sqrt(const Tensor& in);
     /// `in` limited to [lo, hi].
