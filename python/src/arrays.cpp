@@ -124,14 +124,17 @@ nb::object from_numpy(nb::handle a) {
     }
     std::int64_t shape[Dim::kMaxDim] = {}, strides[Dim::kMaxDim] = {};
     for (int i = 0; i < view.ndim && i < Dim::kMaxDim; ++i) {
-        if (view.strides[i] % view.itemsize != 0) {
-            throw nb::value_error("the strides are not of whole elements");
-        }
         shape[i] = view.shape[i];
-        strides[i] = view.strides[i] / view.itemsize;
+        if (view.strides != nullptr) {  // as ctypes has it
+            if (view.strides[i] % view.itemsize != 0) {
+                throw nb::value_error("the strides are not of whole elements");
+            }
+            strides[i] = view.strides[i] / view.itemsize;
+        }
     }
-    const ForeignArray array{view.buf, view.ndim, shape,
-                             strides,  CPU,       std::shared_ptr<void>(owner, view.buf)};
+    const ForeignArray array{view.buf, view.ndim,
+                             shape,    view.strides == nullptr ? nullptr : strides,
+                             CPU,      std::shared_ptr<void>(owner, view.buf)};
     const Looking looking;
     if (has_format<float>(view, "f")) {
         return nb::cast(tensor_on<float>(array));

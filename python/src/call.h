@@ -16,13 +16,16 @@ namespace nb = nanobind;
 /// A failed check on its way to Python, where it becomes a vorn.CheckError.
 class CheckFailed : public std::exception {
 public:
-    explicit CheckFailed(const logging::CheckFailure& failure) : _failure(failure) {}
+    CheckFailed(const logging::CheckFailure& failure, bool may_have_written)
+        : _failure(failure), _may_have_written(may_have_written) {}
 
     const char* what() const noexcept override { return _failure.message.c_str(); }
     const logging::CheckFailure& failure() const { return _failure; }
+    bool may_have_written() const { return _may_have_written; }
 
 private:
     logging::CheckFailure _failure;
+    bool _may_have_written;
 };
 
 extern thread_local bool t_is_thread_prepared;
@@ -49,6 +52,15 @@ public:
 
 private:
     PyThreadState* _state;
+};
+
+/// Around what tests some of its preconditions after its first write.
+class WritingEarly {
+public:
+    WritingEarly();
+    ~WritingEarly();
+    WritingEarly(const WritingEarly&) = delete;
+    WritingEarly& operator=(const WritingEarly&) = delete;
 };
 
 /// Around calls that only look, and those that work on Python objects.

@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <nanobind/stl/optional.h>
+#include <nanobind/stl/string.h>
 #include <unistd.h>
 #include <ext/stdio_filebuf.h>
 
@@ -6,6 +8,8 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <string>
 #include <type_traits>
 
 #include "tensor_class.h"
@@ -75,6 +79,7 @@ void write_binary(nb::handle file, F write) {
     SharedFile shared(file);
     {
         const Computing computing;
+        const WritingEarly writing_early;
         __gnu_cxx::stdio_filebuf<char> buffer(shared.descriptor(),
                                               std::ios::out | std::ios::binary);
         std::ofstream stream;
@@ -97,6 +102,7 @@ void read_binary(nb::handle file, F read) {
     off_t position;
     {
         const Computing computing;
+        const WritingEarly writing_early;
         __gnu_cxx::stdio_filebuf<char> buffer(shared.descriptor(), std::ios::in | std::ios::binary);
         std::ifstream stream;
         stream.std::ios::rdbuf(&buffer);
@@ -114,6 +120,7 @@ void use_text(nb::handle file, const char* mode, F use) {
     off_t position;
     {
         const Computing computing;
+        const WritingEarly writing_early;
         const std::unique_ptr<FILE, int (*)(FILE*)> stream(fdopen(shared.descriptor(), mode),
                                                            fclose);
         use(stream.get());
@@ -140,8 +147,13 @@ void bind_writers(TensorClass<T>& tensor) {
     using Self = Tensor<T>;
     using In = const Self&;
     tensor
-        .member("write", overload<const char*, int>(&Self::write, nb::const_), "filename"_a,
-                "count"_a = 0)
+        .member(
+            "write",
+            [](In t, const char* filename, int count) {
+                const WritingEarly writing_early;
+                t.write(filename, count);
+            },
+            "filename"_a, "count"_a = 0)
         .query(
             "write",
             [](In t, nb::object out) {
@@ -158,8 +170,13 @@ void bind_writers(TensorClass<T>& tensor) {
                 use_text(f, "w", [&](FILE* file) { t.write(file, count); });
             },
             "f"_a, "count"_a = 0)
-        .member("write_diff", overload<const char*, int, int>(&Self::write_diff, nb::const_),
-                "filename"_a, "count"_a = 0, "fixed"_a = 6)
+        .member(
+            "write_diff",
+            [](In t, const char* filename, int count, int fixed) {
+                const WritingEarly writing_early;
+                t.write_diff(filename, count, fixed);
+            },
+            "filename"_a, "count"_a = 0, "fixed"_a = 6)
         .query(
             "write_diff",
             [](In t, nb::object f, int count, int fixed) {
@@ -171,7 +188,14 @@ void bind_writers(TensorClass<T>& tensor) {
 template <typename T>
 void bind_readers(TensorClass<T>& tensor) {
     using Self = Tensor<T>;
-    tensor.member("read", overload<const char*>(&Self::read), "filename"_a)
+    tensor
+        .member(
+            "read",
+            [](Self& t, const char* filename) {
+                const WritingEarly writing_early;
+                t.read(filename);
+            },
+            "filename"_a)
         .query(
             "read",
             [](Self& t, nb::object in, index_t byte_size) {
@@ -226,7 +250,9 @@ void bind_printing(TensorClass<T>& tensor) {
             [](In t, const char* name, int n1, int c1, int h1, int w1, int n2, int c2, int h2,
                int w2) { print_in_order([&] { t.show(name, n1, c1, h1, w1, n2, c2, h2, w2); }); },
             "name"_a, "n1"_a, "c1"_a, "h1"_a, "w1"_a, "n2"_a, "c2"_a, "h2"_a, "w2"_a)
-        .member("check", &Self::check, "ref"_a, "filename"_a = nb::none(), "index"_a = 0);
+        .member(
+            "check", [](In t, In ref, std::optional<std::string>, index_t) { return t.check(ref); },
+            "ref"_a, "filename"_a = nb::none(), "index"_a = 0);
 }
 
 void bind_matrix_files(TensorClass<float>& tensor) {

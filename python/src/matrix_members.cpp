@@ -36,7 +36,13 @@ static void bind_linear_algebra(TensorClass<float>& tensor) {
                 "b_stride"_a, "c_stride"_a, "batch"_a, "alpha"_a = 1.0f, "beta"_a = 0.0f)
         .member("norm2", &Self::norm2)
         .member("norm1", &Self::norm1)
-        .member("sgels", &Self::sgels, "lhs"_a, "ws_d"_a, "ws_h"_a);
+        .member(
+            "sgels",
+            [](Self& t, Self& lhs, Tensor<unsigned long>& ws_d, Tensor<unsigned long>& ws_h) {
+                const WritingEarly writing_early;  // a singular matrix is found on the way
+                t.sgels(lhs, ws_d, ws_h);
+            },
+            "lhs"_a, "ws_d"_a, "ws_h"_a);
 }
 
 static void bind_softmax(TensorClass<float>& tensor) {
