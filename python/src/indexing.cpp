@@ -58,19 +58,20 @@ Index index_of(nb::handle key, const Dim& size) {
     for (int axis = 0; axis < axes; ++axis) {
         index[axis] = {0, size[axis], false};
     }
-    int axis = 0, ellipses = 0;
+    const auto is_ellipsis = [&](int i) { return items[i].is(nb::ellipsis()); };
+    int ellipses = 0;
     for (int i = 0; i < given; ++i) {
-        if (items[i].is(nb::ellipsis())) {
-            ++ellipses;
+        ellipses += is_ellipsis(i);
+    }
+    if (ellipses > 1 || given - ellipses > axes) {
+        throw nb::index_error("there are more indices than axes");
+    }
+    for (int i = 0, axis = 0; i < given; ++i) {
+        if (is_ellipsis(i)) {
             axis = axes - (given - 1 - i);
-        } else if (axis >= 0 && axis < axes) {
+        } else {
             index[axis] = axis_index(items[i], size[axis]);
             ++axis;
-        } else {
-            axis = axes + 1;
-        }
-        if (axis < 0 || axis > axes || ellipses > 1) {
-            throw nb::index_error("there are more indices than axes");
         }
     }
     return index;
