@@ -1,28 +1,20 @@
 #!/usr/bin/env python3
 """Learns to read spoken digits from recordings: examples/speech in Python, with its model "lstm".
 A corpus comes from `scripts/make_corpus DIR`, or is any in that form of 16 kHz WAV files."""
-import argparse
-import pathlib
-import time
-import wave
+import argparse, pathlib, time, wave
 
 import numpy as np
-
 import vorn
 
 WORDS = "- zero one two three four five six seven eight nine oh".split()  # class 0 is CTC's blank
 RATE, WINDOW, STEP, BANDS, STACK = 16000, 400, 160, 32, 3
 
-
 # ---- Features: log mel filter banks with deltas, three frames to a row
-
 def mel(frequency):
     return 1127 * np.log1p(frequency / 700)
 
-
 POSITION = (mel(np.arange(257) * RATE / 512) - mel(60)) / (mel(7600) - mel(60)) * (BANDS + 1)
 FILTERS = np.maximum(0, 1 - abs(POSITION - np.arange(1, BANDS + 1)[:, None])).astype(np.float32)
-
 
 def features(path):
     with wave.open(str(path)) as file:
@@ -38,15 +30,11 @@ def features(path):
     both = np.pad(np.hstack([static, delta]), ((0, -len(static) % STACK), (0, 0)), "edge")
     return both.reshape(len(both) // STACK, -1).astype(np.float32)
 
-
 def read_corpus(folder, name):
-    """(features, labels) of each utterance."""
     lines = [line.split("\t") for line in (folder / f"{name}.tsv").read_text().splitlines()]
     return [(features(folder / path), [WORDS.index(w) for w in t.split()]) for path, t in lines]
 
-
-def augment(frames, random):
-    """Stretches the bands, and silences some bands and frames."""
+def augment(frames, random):  # stretches the bands, and silences some bands and frames
     frames = frames.reshape(len(frames), -1, BANDS)
     position = np.minimum(np.arange(BANDS) * (1 + random.uniform(-0.2, 0.2)), BANDS - 1)
     left = np.minimum(position.astype(int), BANDS - 2)
@@ -58,14 +46,11 @@ def augment(frames, random):
         np.moveaxis(frames, axis, 0)[begin : begin + width] = 0
     return frames.reshape(len(frames), -1)
 
-
 # ---- The network. Frame t of utterance n is row t * size + n of `size` utterances. A layer's
 # backward() sets the gradients of its parameters and returns the error of its input.
-
 def to_tensor(values, dtype, device):
     host = vorn.from_numpy(np.ascontiguousarray(values, dtype))
     return type(host)(host, device)
-
 
 class Linear:
     def __init__(self, inputs, outputs, random, device):
@@ -79,8 +64,7 @@ class Linear:
         self.parameters.append((value, *rest))  # its gradient, and what Adam keeps of it
         return value, rest[0]
 
-    def space(self, name, *shape):
-        """Zeros whose memory the layer keeps from batch to batch."""
+    def space(self, name, *shape):  # zeros whose memory the layer keeps from batch to batch
         tensor = self.spaces.setdefault(name, vorn.Tensor(self.device))
         tensor.resize(shape)
         return tensor
@@ -98,10 +82,7 @@ class Linear:
         x_error.mul(error, False, self.weight, True)
         return x_error
 
-
-class Lstm(Linear):
-    """Its linear layer makes the inputs of the gates: input, forget, output and cell input."""
-
+class Lstm(Linear):  # whose product makes the input of the input, forget, output and cell gates
     def __init__(self, inputs, cells, *args):
         super().__init__(inputs, 4 * cells, *args)
         self.cells = cells
@@ -116,10 +97,9 @@ class Lstm(Linear):
         self.cell, self.out = (self.space(n, rows + size, self.cells) for n in ("cell", "out"))
         for t in range(rows // size):
             at = lambda tensor, t=t: tensor.range_row(t, t + 1, size)
-            now = at(gates)
             if t > 0:
-                now.mul(at(self.out), self.recurrent, 1, 1)
-            at(self.out, t + 1).lstm_op(now, *self.peep, at(self.cell), at(self.cell, t + 1),
+                at(gates).mul(at(self.out), self.recurrent, 1, 1)
+            at(self.out, t + 1).lstm_op(at(gates), *self.peep, at(self.cell), at(self.cell, t + 1),
                                         *map(at, self.inner), 50, -50)
         return self.out.slice(size, rows + size)
 
@@ -128,19 +108,16 @@ class Lstm(Linear):
         i, f, g, o, h = self.inner
         gate_error = self.space("gate error", rows, 4 * cells)
         cell_error, next_error = (self.space(name, size, cells) for name in ("now", "next"))
-        later = None
         for t in reversed(range(rows // size)):
             at = lambda tensor, t=t: tensor.range_row(t, t + 1, size)
-            now = at(gate_error)
-            if later is not None:
-                # A cell reaches the next frame's by the forget gate and by two peepholes.
+            if t + 1 < rows // size:  # a cell reaches the next by its forget gate and peepholes
+                later = at(gate_error, t + 1)
                 at(error).mul(later, False, self.recurrent, True, 1, 1)
                 next_error.elem_mul(cell_error, at(f, t + 1))
                 for k in range(2):
                     next_error.row_mul_vec(later.range_col(k, k + 1, cells), self.peep[k], 1, 1)
-            now.lstm_bp_op(at(i), at(f), at(g), at(o), self.peep[2], at(error), at(h),
-                           at(self.cell), next_error, cell_error)
-            later = now
+            at(gate_error).lstm_bp_op(at(i), at(f), at(g), at(o), self.peep[2], at(error), at(h),
+                                      at(self.cell), next_error, cell_error)
         self.recurrent_gradient.mul(self.out.slice(0, rows), True, gate_error, False)
         product = self.space("product", rows, cells)
         for k, first in enumerate((0, 0, size)):  # the output gate sees the new cell
@@ -148,29 +125,25 @@ class Lstm(Linear):
             self.peep_gradient[k].col_sum(product)
         return super().backward(gate_error)
 
-
 class Batch:
     def __init__(self, utterances, device):
         frames, self.labels = zip(*utterances)
         self.counts = np.array([len(f) for f in frames])
         self.size, self.length, self.device = len(frames), max(self.counts), device
-        padded = np.zeros((self.length, self.size, frames[0].shape[1]), np.float32)
-        for n, f in enumerate(frames):
-            padded[: len(f), n] = f
+        padded = np.stack([np.pad(f, ((0, self.length - len(f)), (0, 0))) for f in frames], 1)
         self.features = to_tensor(padded.reshape(-1, padded.shape[2]), np.float32, device)
         mask = np.arange(self.length)[:, None] < self.counts
         self.mask = to_tensor(mask.ravel(), np.int32, device)
 
-
 def ctc(posteriors, batch):
-    """The sum of -log P(labels), and the error at the softmax's input; tables are a GPU's work."""
+    """The sum of -log P(labels), and the error at the softmax's input; tables are the GPU's."""
     log = posteriors.gpu()
     log.limit(1e-30, 1)
     log.log()
-    sizes = [2 * len(its) + 1 for its in batch.labels]
+    sizes = [2 * len(its) + 1 for its in batch.labels]  # with blanks between and around
     labels = np.full((batch.size, max(sizes)), -1)
     for row, size, its in zip(labels, sizes, batch.labels):
-        row[:size] = np.insert(its, range(len(its) + 1), 0)  # blanks between and around
+        row[:size] = np.insert(its, range(len(its) + 1), 0)
     what = [to_tensor(v, np.int32, "gpu") for v in (labels, batch.counts, sizes)]
     alpha, beta = (vorn.Tensor((posteriors.get_h(), labels.shape[1]), "gpu") for _ in range(2))
     for table in (alpha, beta):
@@ -189,7 +162,6 @@ def ctc(posteriors, batch):
     error.vec_mask(error, batch.mask)
     return -np.sum(pzx, dtype=float), error
 
-
 class Network:
     def __init__(self, inputs, cells, random, device):
         self.lstms = [Lstm(i, cells, random, device) for i in (inputs, cells)]
@@ -201,12 +173,11 @@ class Network:
         x = batch.features
         for layer in self.lstms:
             x = layer.forward(x, batch.size)
-        x = self.last.forward(x)
-        x.softmax(x)
-        return x
+        posteriors = self.last.forward(x)
+        posteriors.softmax(posteriors)
+        return posteriors
 
-    def train(self, batch, rate):
-        """One update by Adam; the sum of the utterances' losses before it."""
+    def train(self, batch, rate):  # an update by Adam; gives the sum of the losses before it
         loss, error = ctc(self.forward(batch), batch)
         for layer in (self.last, *reversed(self.lstms)):
             error = layer.backward(error)
@@ -224,17 +195,14 @@ class Network:
             value.elem_add(value, move, 1, -rate * root / (1 - 0.9**self.updates))
         return loss
 
-    def read(self, batch):
-        """The labels of each utterance, by greedy decoding."""
+    def read(self, batch):  # the most likely class of each frame, repetitions and blanks left out
         best = vorn.IntTensor(batch.length * batch.size, batch.device)
         self.forward(batch).find_row_max_id(best)
         rows = np.asarray(best.cpu()).reshape(batch.length, batch.size).T
         rows = [row[:count] for row, count in zip(rows, batch.counts)]
         return [row[np.append(True, row[1:] != row[:-1]) & (row != 0)].tolist() for row in rows]
 
-
-def edits(said, read):
-    """The least number of digits to change, add or leave out."""
+def edits(said, read):  # the least number of digits to change, add or leave out
     row = range(len(read) + 1)
     for i, digit in enumerate(said):
         last, row = row, [i + 1]
@@ -242,11 +210,9 @@ def edits(said, read):
             row.append(min(last[j] + (digit != read[j]), last[j + 1] + 1, row[j] + 1))
     return row[-1]
 
-
 def by_length(utterances, size):
     ordered = sorted(utterances, key=lambda utterance: len(utterance[0]))  # to need little padding
     return [ordered[i : i + size] for i in range(0, len(ordered), size)]
-
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
@@ -260,7 +226,6 @@ def main():
     mean, std = rows.mean(0), rows.std(0)
     train, test = ([((f - mean) / std, its) for f, its in part] for part in (train, test))
     print(f"training on {len(train)} utterances, {len(rows)} frames; testing on {len(test)}")
-
     random = np.random.default_rng(o.seed)
     network = Network(rows.shape[1], o.cells, random, o.device)
     planned = -(-len(train) // o.batch) * o.epochs
@@ -280,7 +245,6 @@ def main():
         errors = sum(edits(*pair) for pair in pairs) / sum(len(said) for said, _ in pairs)
         print(f"epoch {epoch}: loss {loss / len(train):.3f}, test digit error rate {errors:.2%}, "
               f"{speed:.0f} frames/s", flush=True)
-
 
 if __name__ == "__main__":
     main()
