@@ -114,6 +114,23 @@ TEST_F(TensorTest, ViewsOfOutsideMemoryAreOutsideMemory) {
     EXPECT_EQ(t.ld(), 6u);
 }
 
+TEST_F(TensorTest, BufferOfOutsideMemoryGivesItBackAfterTheLastView) {
+    Values memory(12);
+    int given_back = 0;
+    TensorF view;
+    {
+        const std::shared_ptr<void> held(memory.data(), [&](void*) { ++given_back; });
+        const auto buffer = std::make_shared<Buffer>(held, memory.size() * sizeof(float), CPU);
+        const TensorF pitched(buffer, Dim(3, 2), 4);
+        view = pitched.slice(1, 3);
+    }
+    view.set_element(7);
+    EXPECT_EQ(memory, (Values{0, 0, 0, 0, 7, 7, 0, 0, 7, 7, 0, 0}));
+    EXPECT_EQ(given_back, 0);
+    view = TensorF();
+    EXPECT_EQ(given_back, 1);
+}
+
 TEST_F(TensorTest, ElementAccessOnEveryDevice) {
     for (Device device : {CPU, CPU_PINNED, GPU}) {
         if (device == GPU && !has_gpu()) {
