@@ -171,7 +171,7 @@ void bind_construction(TensorClass<T>& tensor) {
             "Another tensor that looks at the same memory, as the library copies.")
         .def(
             "__deepcopy__", [](const Self& t, nb::handle) { return Self(t, t.get_device()); },
-            nb::call_guard<Looking>(), "memo"_a, "A dense copy on the same device.");
+            guard, "memo"_a, "A dense copy on the same device.");
 }
 
 template <typename T>
@@ -230,12 +230,13 @@ void bind_fills_and_copies(TensorClass<T>& tensor) {
         .member("ones", &Self::ones)
         .member("copy_from", overload<const Self&>(&Self::copy_from), "src"_a)
         .member("copy_to", overload<Self&>(&Self::copy_to, nb::const_), "dst"_a);
-    // With host arrays, whose owners need the GIL.
+    // With host arrays, which are taken and given back under the lock.
     tensor
         .query(
             "copy_from",
             [](Self& t, HostInput<T> data, index_t start_pos, index_t num) {
                 check_range(start_pos, num, t.count(), data.size());
+                const Computing computing;
                 t.copy_from(data.data(), start_pos, num);
             },
             "data"_a.noconvert(), "start_pos"_a, "num"_a)
@@ -243,6 +244,7 @@ void bind_fills_and_copies(TensorClass<T>& tensor) {
             "copy_from",
             [](Self& t, HostInput<T> data, const Dim& start, index_t num) {
                 check_range(position_of(t, start), num, t.count(), data.size());
+                const Computing computing;
                 t.copy_from(data.data(), start, num);
             },
             "data"_a.noconvert(), "start"_a, "num"_a)
@@ -250,6 +252,7 @@ void bind_fills_and_copies(TensorClass<T>& tensor) {
             "copy_to",
             [](const Self& t, HostOutput<T> dst, index_t start_pos, index_t num) {
                 check_range(start_pos, num, t.count(), dst.size());
+                const Computing computing;
                 t.copy_to(dst.data(), start_pos, num);
             },
             "dst"_a.noconvert(), "start_pos"_a, "num"_a)
@@ -257,6 +260,7 @@ void bind_fills_and_copies(TensorClass<T>& tensor) {
             "copy_to",
             [](const Self& t, HostOutput<T> dst, const Dim& start, index_t num) {
                 check_range(position_of(t, start), num, t.count(), dst.size());
+                const Computing computing;
                 t.copy_to(dst.data(), start, num);
             },
             "dst"_a.noconvert(), "start"_a, "num"_a);

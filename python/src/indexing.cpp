@@ -170,6 +170,7 @@ void set_element(Tensor<T>& tensor, nb::handle key, T val) {
 void set_view(Tensor<float>& tensor, nb::handle key, const Tensor<float>& other) {
     Tensor<float> view = view_of(tensor, index_of(key, tensor.get_size()));
     if (view.get_ptr() != other.get_ptr() || view != other || view.ld() != other.ld()) {
+        const Computing computing;
         view.copy_from(other);
     }
 }
