@@ -64,9 +64,9 @@ class Linear:
         self.parameters.append((value, *rest))  # its gradient, and what Adam keeps of it
         return value, rest[0]
 
-    def space(self, name, *shape):  # zeros whose memory the layer keeps from batch to batch
+    def space(self, name, *shape, is_zero=False):  # memory that is kept from batch to batch
         tensor = self.spaces.setdefault(name, vorn.Tensor(self.device))
-        tensor.resize(shape)
+        tensor.resize(shape, is_zero)
         return tensor
 
     def forward(self, x, name="out"):
@@ -94,7 +94,7 @@ class Lstm(Linear):  # whose product makes the input of the input, forget, outpu
         rows, self.size = x.get_h(), size
         gates = super().forward(x, "gates")
         self.inner = [self.space(name, rows, self.cells) for name in "ifgoh"]
-        self.cell, self.out = (self.space(n, rows + size, self.cells) for n in ("cell", "out"))
+        self.cell, self.out = (self.space(n, rows + size, self.cells, is_zero=True) for n in "CM")
         for t in range(rows // size):
             at = lambda tensor, t=t: tensor.range_row(t, t + 1, size)
             if t > 0:
@@ -107,7 +107,7 @@ class Lstm(Linear):  # whose product makes the input of the input, forget, outpu
         rows, size, cells = error.get_h(), self.size, self.cells
         i, f, g, o, h = self.inner
         gate_error = self.space("gate error", rows, 4 * cells)
-        cell_error, next_error = (self.space(name, size, cells) for name in ("now", "next"))
+        cell_error, next_error = (self.space(n, size, cells, is_zero=True) for n in ("now", "next"))
         for t in reversed(range(rows // size)):
             at = lambda tensor, t=t: tensor.range_row(t, t + 1, size)
             if t + 1 < rows // size:  # a cell reaches the next by its forget gate and peepholes
@@ -119,7 +119,7 @@ class Lstm(Linear):  # whose product makes the input of the input, forget, outpu
             at(gate_error).lstm_bp_op(at(i), at(f), at(g), at(o), self.peep[2], at(error), at(h),
                                       at(self.cell), next_error, cell_error)
         self.recurrent_gradient.mul(self.out.slice(0, rows), True, gate_error, False)
-        product = self.space("product", rows, cells)
+        product = self.space("product", rows, cells, is_zero=True)
         for k, first in enumerate((0, 0, size)):  # the output gate sees the new cell
             product.elem_mul(gate_error.range_col(k, k + 1, cells), self.cell[first : rows + first])
             self.peep_gradient[k].col_sum(product)
@@ -137,17 +137,17 @@ class Batch:
 
 def ctc(posteriors, batch):
     """The sum of -log P(labels), and the error at the softmax's input; tables are the GPU's."""
-    log = posteriors.gpu()
+    log = vorn.Tensor(posteriors, batch.device)
     log.limit(1e-30, 1)
     log.log()
+    log = log.gpu()
     sizes = [2 * len(its) + 1 for its in batch.labels]  # with blanks between and around
     labels = np.full((batch.size, max(sizes)), -1)
     for row, size, its in zip(labels, sizes, batch.labels):
         row[:size] = np.insert(its, range(len(its) + 1), 0)
     what = [to_tensor(v, np.int32, "gpu") for v in (labels, batch.counts, sizes)]
     alpha, beta = (vorn.Tensor((posteriors.get_h(), labels.shape[1]), "gpu") for _ in range(2))
-    for table in (alpha, beta):
-        table.set_element(-1e30)  # the logarithm of zero
+    [table.set_element(-1e30) for table in (alpha, beta)]  # the logarithm of zero
     for t in range(batch.length):
         alpha.compute_ctc_alpha(log, t, *what)
         beta.compute_ctc_beta(log, batch.length - 1 - t, *what)
