@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <iterator>
-#include <numeric>
 
 #include "device_test.h"
 
@@ -75,12 +74,11 @@ TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
         const Dim all(on.frames, width), out_size(static_cast<int>(sources.size()) / patch, patch);
         const Values features = random_values(all.product(), 1),
                      errors = random_values(sources.size(), 2), old(features.size(), 3);
-        Values patches, readers(features.size());
+        Values patches;
         Doubles sums(features.size(), on_gpu() ? 0 : 3);
         for (size_t k = 0; k < sources.size(); ++k) {
             patches.push_back(features[sources[k]]);
             sums[sources[k]] += errors[k];
-            ++readers[sources[k]];
         }
         const Tensor<int> start = make(on.start), end = make(on.end);
         TensorF out = poisoned(out_size), back = make(all, old);
@@ -88,19 +86,6 @@ TEST_P(AudioConvTest, PatchesAreCopiesAndErrorsSumOntoFeatures) {
         EXPECT_EQ(values_of(out), patches);
         back.shrink_errors(make(out_size, errors), on.fbank, on.delta, 0, on.filter, start, end);
         expect_close(values_of(back), sums, 1e-5, 1e-5);
-
-        // <expand(x), y> = <x, shrink(y)>, and each feature is summed as often as it is read.
-        back.zero();
-        back.shrink_errors(make(out_size, errors), on.fbank, on.delta, 0, on.filter, start, end);
-        const auto dot = [](const Values& a, const Values& b) {
-            return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
-        };
-        EXPECT_NEAR(dot(values_of(out), errors), dot(features, values_of(back)),
-                    1e-7 * sources.size());
-        out.ones();
-        back.zero();
-        back.shrink_errors(out, on.fbank, on.delta, 0, on.filter, start, end);
-        EXPECT_EQ(values_of(back), readers);
     }
 }
 
@@ -173,28 +158,26 @@ TEST_P(AudioConvTest, PoolingInsideGroups) {
     }
 }
 
-using AudioConvFailureTest = GpuTest;
+using AudioConvFailureTest = FailureTest;
 
 TEST_F(AudioConvFailureTest, Texts) {
-    TensorF h(Dim(2, 2), CPU), d(Dim(2, 2), GPU);
-    Tensor<int> hi(Dim(1), CPU), di(Dim(1), GPU);
     expect_failures({
-        {same_device("conv_start"), [&] { h.expand_feat(d, 1, 1, 0, 1, di, di); }},
-        {same_device("conv_end"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, di); }},
-        {same_device("feat"), [&] { h.expand_feat(d, 1, 1, 0, 1, hi, hi); }},
-        {same_device("conv_start"), [&] { d.shrink_errors(h, 1, 1, 0, 1, hi, hi); }},
-        {same_device("conv_end"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, hi); }},
-        {same_device("expand"), [&] { d.shrink_errors(h, 1, 1, 0, 1, di, di); }},
-        {same_device("conv_size"), [&] { h.max_pooling(d, di, 1, 1, di); }},
-        {same_device("max_idx"), [&] { h.max_pooling(d, hi, 1, 1, di); }},
-        {same_device("in"), [&] { h.max_pooling(d, hi, 1, 1, hi); }},
-        {same_device("conv_size"), [&] { d.max_pooling_bp(h, hi, 1, 1, hi); }},
-        {same_device("max_idx"), [&] { d.max_pooling_bp(h, di, 1, 1, hi); }},
-        {same_device("in"), [&] { d.max_pooling_bp(h, di, 1, 1, di); }},
-        {"Check failed: bias.get_h() == static_cast<index_t>(batch) ",
-         [&] { h.audio_conv_batch_bias(h, 1); }},
-        {"Check failed: dbias.get_h() == static_cast<index_t>(batch) ",
-         [&] { h.audio_conv_batch_bias_bp(h, 1); }},
+        {same_device("conv_start"), [&] { out.expand_feat(far, 1, 1, 0, 1, far_ints, far_ints); }},
+        {same_device("conv_end"), [&] { out.expand_feat(far, 1, 1, 0, 1, ints, far_ints); }},
+        {same_device("feat"), [&] { out.expand_feat(far, 1, 1, 0, 1, ints, ints); }},
+        {same_device("conv_start"), [&] { far.shrink_errors(in, 1, 1, 0, 1, ints, ints); }},
+        {same_device("conv_end"), [&] { far.shrink_errors(in, 1, 1, 0, 1, far_ints, ints); }},
+        {same_device("expand"), [&] { far.shrink_errors(in, 1, 1, 0, 1, far_ints, far_ints); }},
+        {same_device("conv_size"), [&] { out.max_pooling(far, far_ints, 1, 1, far_ints); }},
+        {same_device("max_idx"), [&] { out.max_pooling(far, ints, 1, 1, far_ints); }},
+        {same_device("in"), [&] { out.max_pooling(far, ints, 1, 1, ints); }},
+        {same_device("conv_size"), [&] { far.max_pooling_bp(in, ints, 1, 1, ints); }},
+        {same_device("max_idx"), [&] { far.max_pooling_bp(in, far_ints, 1, 1, ints); }},
+        {same_device("in"), [&] { far.max_pooling_bp(in, far_ints, 1, 1, far_ints); }},
+        {failed("bias.get_h() == static_cast<index_t>(batch)"),
+         [&] { out.audio_conv_batch_bias(in, 1); }},
+        {failed("dbias.get_h() == static_cast<index_t>(batch)"),
+         [&] { out.audio_conv_batch_bias_bp(in, 1); }},
     });
 }
 

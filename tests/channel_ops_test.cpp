@@ -1,6 +1,5 @@
 #include "vorn/ops/channel_ops.h"
 
-#include <cmath>
 #include <functional>
 #include <numeric>
 
@@ -58,33 +57,7 @@ struct Layout {
     }
 };
 
-class ChannelOpsTest : public DeviceTest {
-protected:
-    /// A tensor between guards, pitched where the place is.
-    TensorF image(const Dim& size, const Values& values) {
-        TensorF tensor = guarded(size);
-        if (pitched() && !values.empty()) {
-            _blocks.emplace_back(size, device(), 2, 3);
-            _blocks.back().write(Values(_blocks.back().count(), 777));
-            tensor = _blocks.back().tensor;
-        }
-        tensor.copy_from(TensorF(const_cast<float*>(values.data()), size, CPU));
-        return tensor;
-    }
-    void TearDown() override {
-        DeviceTest::TearDown();
-        for (const Block<float>& block : _blocks) {
-            block.expect_beside(777);
-        }
-    }
-    /// alpha * x + beta * old, rounded as the device does.
-    float blend(float x, float old, float alpha, float beta) const {
-        return on_gpu() ? std::fmaf(x, alpha, old * beta) : x * alpha + old * beta;
-    }
-
-private:
-    std::vector<Block<float>> _blocks;
-};
+class ChannelOpsTest : public DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, ChannelOpsTest,
                          ::testing::Values(Place::kHost, Place::kHostPitched, Place::kGpu),
                          name_of_place);
@@ -106,7 +79,7 @@ TEST_P(ChannelOpsTest, PartsAreAppendedAndTakenBack) {
             pointers.push_back(&tensors[i]);
             for (size_t k = 0; k < values[i].size(); ++k) {
                 float& place = whole_values[layout.place(i, k)];
-                place = blend(values[i][k], place, 0.7f, -1.3f);
+                place = blend(0.7f, values[i][k], -1.3f, place);
             }
         }
         Tensor<unsigned long> ptr(device());
@@ -118,7 +91,7 @@ TEST_P(ChannelOpsTest, PartsAreAppendedAndTakenBack) {
                 filters.push_back(choice >> i & 1);
                 for (size_t k = 0; filters[i] && k < values[i].size(); ++k) {
                     values[i][k] =
-                        blend(whole_values[layout.place(i, k)], values[i][k], 0.3f, 0.9f);
+                        blend(0.3f, whole_values[layout.place(i, k)], 0.9f, values[i][k]);
                 }
             }
             whole.channel_append_bp(pointers, filters, ptr, 0.3f, 0.9f);
@@ -148,8 +121,8 @@ TEST_P(ChannelOpsTest, NothingToDo) {
 using ChannelOpsFailureTest = GpuTest;
 
 TEST_F(ChannelOpsFailureTest, Texts) {
-    const std::string dims = "Check failed: in.get_dim() == out.get_dim() ";
-    const std::string counts = "Check failed: (dst_vec.size()) == (filters.size()) ";
+    const std::string dims = failed("in.get_dim() == out.get_dim()");
+    const std::string counts = failed("(dst_vec.size()) == (filters.size())");
     for (Device device : {CPU, GPU}) {
         const std::string null = device == CPU ? "Check failed: nullptr != " : "Check notnull: ";
         TensorF whole(Dim(2, 4, 3), device), slice(Dim(2, 1, 3), device);
@@ -160,16 +133,16 @@ TEST_F(ChannelOpsFailureTest, Texts) {
         expect_failures({
             // each fails a later test too
             {dims, [&] { plane.shrink(whole, 1, 4); }},
-            {"Check failed: in.get_size(dim) > index ", [&] { two.shrink(whole, 1, 4); }},
-            {"Check failed: out.get_size(dim) == 1u ", [&] { two.shrink(whole, 1, 3); }},
-            {"Check failed: out.get_element_count() * in.get_size(dim) == in.get_element_count() ",
+            {failed("in.get_size(dim) > index"), [&] { two.shrink(whole, 1, 4); }},
+            {failed("out.get_size(dim) == 1u"), [&] { two.shrink(whole, 1, 3); }},
+            {failed("out.get_element_count() * in.get_size(dim) == in.get_element_count()"),
              [&] { small.shrink(no_whole, 1, 3); }},
             {null + "in_ptr ", [&] { no_slice.shrink(no_whole, 1, 3); }},
             {null + "out_ptr ", [&] { no_slice.shrink(whole, 1, 3); }},
             {dims, [&] { whole.shrink_bp(plane, 1, 4); }},
-            {"Check failed: out.get_size(dim) > index ", [&] { whole.shrink_bp(two, 1, 4); }},
-            {"Check failed: in.get_size(dim) == 1u ", [&] { whole.shrink_bp(two, 1, 3); }},
-            {"Check failed: in.get_element_count() * out.get_size(dim) == out.get_element_count() ",
+            {failed("out.get_size(dim) > index"), [&] { whole.shrink_bp(two, 1, 4); }},
+            {failed("in.get_size(dim) == 1u"), [&] { whole.shrink_bp(two, 1, 3); }},
+            {failed("in.get_element_count() * out.get_size(dim) == out.get_element_count()"),
              [&] { no_whole.shrink_bp(small, 1, 3); }},
             {null + "in_ptr ", [&] { no_whole.shrink_bp(no_slice, 1, 3); }},
             {null + "out_ptr ", [&] { no_whole.shrink_bp(slice, 1, 3); }},
@@ -184,7 +157,7 @@ TEST_F(ChannelOpsFailureTest, Texts) {
     }
     // A GPU refuses a pitch anywhere in the list, also where a filter is not set.
     const std::string pitch =
-        "Check failed: both_continue channel_append(gpu) just support contiguous tensor";
+        failed("both_continue", "channel_append(gpu) just support contiguous tensor");
     TensorF whole(Dim(2, 3, 2, 2), GPU), part(Dim(2, 1, 2, 2), GPU);
     Block<float> block(Dim(2, 1, 2, 2), GPU, 1);
     Tensor<unsigned long> ptr(GPU);

@@ -1,6 +1,5 @@
 #include "vorn/context/context.h"
 
-#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -60,7 +59,7 @@ TEST(ContextTest, FailureTexts) {
              init_thread_context();
              init_thread_context();
          }},
-        {"Check notnull: t_ctx ", [] { seed_thread_context(1); }},
+        {not_null("t_ctx"), [] { seed_thread_context(1); }},
     });
 }
 
@@ -178,7 +177,7 @@ TEST_F(DroppedBlockTest, IsNotReusedBeforeWorkOfTheThreadThatDropsIt) {
     _shared.reset();
     Tensor<float> fresh(GPU);
     _other.run([&] { fresh = fives(_size); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // in which a fill could go ahead
+    let_others_run();  // so that a fill could go ahead
     expect_fives(fresh);
 }
 

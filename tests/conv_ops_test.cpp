@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <numeric>
 
 #include "device_test.h"
 #include "vorn/ops/conv_ops.h"
@@ -7,10 +6,6 @@
 namespace vorn {
 namespace test {
 namespace {
-
-double dot(const Values& a, const Values& b) {
-    return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
-}
 
 // An image batch (n, c, h, w), k filters of kh x kw, and how they move.
 struct Conv {
@@ -80,32 +75,12 @@ const std::vector<Conv> kConvs = {
 
 class ConvTest : public DeviceTest {
 protected:
-    /// An image: pitched where the place is, which a GPU's descriptor carries.
-    TensorF image(const Dim& size, const Values& values) {
-        if (GetParam() != Place::kGpuPitched) {
-            return make(size, values);
-        }
-        _blocks.emplace_back(size, device(), 2, 3);
-        _blocks.back().write(Values(_blocks.back().count(), 777));
-        TensorF tensor = _blocks.back().tensor;
-        tensor.copy_from(TensorF(const_cast<float*>(values.data()), size, CPU));
-        return tensor;
-    }
-    void TearDown() override {
-        for (const Block<float>& block : _blocks) {
-            block.expect_beside(777);
-        }
-        DeviceTest::TearDown();
-    }
     void* reserve(index_t bytes) {
         _work_space = Tensor<unsigned char>(Dim(static_cast<int>(bytes)), device());
         return _work_space.get_ptr();
     }
 
     Tensor<unsigned char> _work_space;
-
-private:
-    std::vector<Block<float>> _blocks;
 };
 INSTANTIATE_TEST_SUITE_P(Places, ConvTest,
                          ::testing::Values(Place::kHost, Place::kGpu, Place::kGpuPitched),
@@ -154,30 +129,7 @@ TEST_P(ConvTest, ForwardAndGradientsAreTheDefinition) {
         expect_close(values_of(t_dw), dw, 1e-5, 1e-4);
         t_dx.conv_diff(desc, tw, ty, reserve(diff), diff, alpha, beta);
         expect_close(values_of(t_dx), dx, 1e-5, 1e-4);
-
-        // <conv(x, w), y> = <w, conv_grad(x, y)> = <x, conv_diff(w, y)>
-        t_dw.zero();
-        t_out.conv_fwd(desc, tx, tw, reserve(fwd), fwd, 1, 0);
-        t_dw.conv_grad(desc, tx, ty, reserve(grad), grad, 1, 1);
-        t_dx.conv_diff(desc, tw, ty, reserve(diff), diff, 1, 0);
-        const double product = dot(values_of(t_out), y);
-        EXPECT_NEAR(product, dot(w, values_of(t_dw)), 1e-5 * conv.out().product());
-        EXPECT_NEAR(product, dot(x, values_of(t_dx)), 1e-5 * conv.out().product());
     }
-}
-
-// Worked by hand: the filter is not flipped.
-TEST_P(ConvTest, CrossCorrelation) {
-    const TensorF x = image(Dim(1, 1, 3, 3), counting<float>(9, 1)),
-                  w = make(Dim(1, 1, 2, 2), counting<float>(4, 1));
-    TensorF out = image(Dim(1, 1, 2, 2), Values(4, kPoison)),
-            dx = image(Dim(1, 1, 3, 3), Values(9, kPoison));
-    const ConvDesc desc(0, 0, 1, 1, CONV_ALGO_IMPLICIT_GEMM, CONV_GRAD_ALGO_0, CONV_DIFF_ALGO_0);
-    const index_t bytes = 64 << 10;
-    out.conv_fwd(desc, x, w, reserve(bytes), bytes);
-    EXPECT_EQ(values_of(out), Values({37, 47, 67, 77}));
-    dx.conv_diff(desc, w, out, reserve(bytes), bytes);
-    EXPECT_EQ(values_of(dx), Values({37, 121, 94, 178, 500, 342, 201, 499, 308}));
 }
 
 TEST_P(ConvTest, Bias) {
@@ -295,16 +247,15 @@ TEST_F(HostConvTest, WorkSpaceThatIsTooSmall) {
     Values work_space(630);  // 2 channels * 3 * 3 taps * 7 * 5 outputs
     const ConvDesc desc;
     out.conv_fwd(desc, x, w, work_space.data(), 2520);
-    const std::string text =
-        "Check failed: (work_space_size_byte) >= (buffer_size * sizeof(DType)) Expect: 2520 "
-        "Malloced:2519";
+    const std::string text = failed("(work_space_size_byte) >= (buffer_size * sizeof(DType))",
+                                    "Expect: 2520 Malloced:2519");
     expect_failures({
         {text, [&] { out.conv_fwd(desc, x, w, work_space.data(), 2519); }},
         {text, [&] { dw.conv_grad(desc, x, out, work_space.data(), 2519); }},
         {text, [&] { dx.conv_diff(desc, w, out, work_space.data(), 2519); }},
-        {"Check failed: alpha == 1.0f ",
+        {failed("alpha == 1.0f"),
          [&] { dw.conv_grad(desc, x, out, work_space.data(), 2519, 0.5f, 0); }},
-        {"Check failed: beta == 1.0f ",
+        {failed("beta == 1.0f"),
          [&] { dw.conv_grad(desc, x, out, work_space.data(), 2519, 1, kNan); }},
     });
 }
@@ -312,7 +263,7 @@ TEST_F(HostConvTest, WorkSpaceThatIsTooSmall) {
 TEST_F(HostConvTest, QueriesTellTheColumnMatrix) {
     TensorF x(Dim(4, 2, 9, 7)), w(Dim(3, 2, 3, 3)), y(Dim(4, 3, 7, 5));
     const ConvDesc desc;
-    EXPECT_EQ(x.conv_get_fwd_algo(desc, x, w, y, static_cast<ConvAlgoPref>(3), 0), CONV_ALGO_AUTO);
+    EXPECT_EQ(x.conv_get_fwd_algo(desc, x, w, y, ConvAlgoPref(3), 0), CONV_ALGO_AUTO);
     EXPECT_EQ(x.conv_get_grad_algo(desc, x, y, w, CONV_GRAD_NO_WORKSPACE, 0), CONV_GRAD_ALGO_AUTO);
     EXPECT_EQ(x.conv_get_diff_algo(desc, x, y, w, CONV_DIFF_NO_WORKSPACE, 0), CONV_DIFF_ALGO_AUTO);
     EXPECT_EQ(x.conv_get_fwd_work_space_size(desc, x, w, y, CONV_ALGO_AUTO), 2520u);
@@ -334,44 +285,25 @@ TEST_F(HostConvTest, QueriesTellTheColumnMatrix) {
     expect_one(x.conv_get_diff_algo_perf(desc, x, y, w), CONV_DIFF_ALGO_AUTO);
 }
 
-TEST_F(HostConvTest, TransposeChannelHeightChecksInOrder) {
-    const std::string only_4d = " transpose_channel_height just support 4D";
-    TensorF in(Dim(2, 3, 4, 5)), out(Dim(2, 4, 3, 5)), three(Dim(3, 4, 10)), small(Dim(2, 4, 3, 4)),
-        twisted(Dim(2, 3, 4, 5)), narrow(Dim(2, 10, 3, 2)), shallow(Dim(1, 4, 3, 10));
-    expect_failures({
-        {"Check failed: in.get_dim() == 4u" + only_4d,
-         [&] { three.transpose_channel_height(three); }},
-        {"Check failed: out.get_dim() == 4u" + only_4d,
-         [&] { three.transpose_channel_height(in); }},
-        {"Check failed: in.get_element_count() == out.get_element_count() element count not match",
-         [&] { small.transpose_channel_height(in); }},
-        {"Check failed: in.get_c() == out.get_h() ", [&] { twisted.transpose_channel_height(in); }},
-        {"Check failed: in.get_h() == out.get_c() ", [&] { narrow.transpose_channel_height(in); }},
-        {"Check failed: in.get_n() == out.get_n() ", [&] { shallow.transpose_channel_height(in); }},
-    });
-}
-
 TEST(CudnnTranslations, GoBothWays) {
     using namespace gpu::helper;
     for (int i = 0; i < 8; ++i) {  // the library's values follow cuDNN's after AUTO
-        EXPECT_EQ(convert_conv_algo(static_cast<ConvAlgo>(i + 1)), i);
-        EXPECT_EQ(convert_cudnn_conv_algo(static_cast<cudnnConvolutionFwdAlgo_t>(i)), i + 1);
-    }
-    for (int i = 0; i < 7; ++i) {
-        EXPECT_EQ(convert_conv_grad_algo(static_cast<ConvGradAlgo>(i + 1)), i);
-        EXPECT_EQ(convert_cudnn_conv_grad_algo(static_cast<cudnnConvolutionBwdFilterAlgo_t>(i)),
-                  i + 1);
-    }
-    for (int i = 0; i < 6; ++i) {
-        EXPECT_EQ(convert_conv_diff_algo(static_cast<ConvDiffAlgo>(i + 1)), i);
-        EXPECT_EQ(convert_cudnn_conv_diff_algo(static_cast<cudnnConvolutionBwdDataAlgo_t>(i)),
-                  i + 1);
-    }
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(convert_conv_algo_pref(static_cast<ConvAlgoPref>(i)), i);
-        EXPECT_EQ(convert_conv_grad_algo_pref(static_cast<ConvGradAlgoPref>(i)), i);
-        EXPECT_EQ(convert_conv_diff_algo_pref(static_cast<ConvDiffAlgoPref>(i)), i);
-        EXPECT_EQ(convert_pooling_type(static_cast<PoolingType>(i)), i);
+        EXPECT_EQ(convert_conv_algo(ConvAlgo(i + 1)), i);
+        EXPECT_EQ(convert_cudnn_conv_algo(cudnnConvolutionFwdAlgo_t(i)), i + 1);
+        if (i < 7) {
+            EXPECT_EQ(convert_conv_grad_algo(ConvGradAlgo(i + 1)), i);
+            EXPECT_EQ(convert_cudnn_conv_grad_algo(cudnnConvolutionBwdFilterAlgo_t(i)), i + 1);
+        }
+        if (i < 6) {
+            EXPECT_EQ(convert_conv_diff_algo(ConvDiffAlgo(i + 1)), i);
+            EXPECT_EQ(convert_cudnn_conv_diff_algo(cudnnConvolutionBwdDataAlgo_t(i)), i + 1);
+        }
+        if (i < 3) {
+            EXPECT_EQ(convert_conv_algo_pref(ConvAlgoPref(i)), i);
+            EXPECT_EQ(convert_conv_grad_algo_pref(ConvGradAlgoPref(i)), i);
+            EXPECT_EQ(convert_conv_diff_algo_pref(ConvDiffAlgoPref(i)), i);
+            EXPECT_EQ(convert_pooling_type(PoolingType(i)), i);
+        }
     }
     EXPECT_EQ(convert_batch_norm_mode(NORM_1CHW), CUDNN_BATCHNORM_PER_ACTIVATION);
     EXPECT_EQ(convert_batch_norm_mode(NORM_1C11), CUDNN_BATCHNORM_SPATIAL);
@@ -384,8 +316,8 @@ TEST(CudnnTranslations, GoBothWays) {
         EXPECT_EQ(convert_cudnn_conv_perf_status(status), expected);
     }
     expect_failures({
-        {"invalid ConvAlgo 9", [] { convert_conv_algo(static_cast<ConvAlgo>(9)); }},
-        {"invalid ConvDiffAlgo 7", [] { convert_conv_diff_algo(static_cast<ConvDiffAlgo>(7)); }},
+        {"invalid ConvAlgo 9", [] { convert_conv_algo(ConvAlgo(9)); }},
+        {"invalid ConvDiffAlgo 7", [] { convert_conv_diff_algo(ConvDiffAlgo(7)); }},
         {"invalid cudnnConvolutionFwdAlgo_t 8",
          [] { convert_cudnn_conv_algo(CUDNN_CONVOLUTION_FWD_ALGO_COUNT); }},
         {"invalid cudnnConvolutionBwdFilterAlgo_t 7",
@@ -451,12 +383,11 @@ TEST_F(GpuConvTest, RefusesWhatHasNoTranslation) {
         {"invalid ConvAlgo 0", [&] { out.conv_fwd(desc, x, w, nullptr, 0); }},
         {"invalid ConvGradAlgo 0", [&] { dw.conv_grad(desc, x, y, nullptr, 0); }},
         {"invalid ConvDiffAlgo 0", [&] { dx.conv_diff(desc, w, y, nullptr, 0); }},
-        {"invalid ConvAlgoPref 3",
-         [&] { x.conv_get_fwd_algo(desc, x, w, y, static_cast<ConvAlgoPref>(3), 0); }},
+        {"invalid ConvAlgoPref 3", [&] { x.conv_get_fwd_algo(desc, x, w, y, ConvAlgoPref(3), 0); }},
         {"invalid ConvGradAlgoPref 3",
-         [&] { x.conv_get_grad_algo(desc, x, y, w, static_cast<ConvGradAlgoPref>(3), 0); }},
+         [&] { x.conv_get_grad_algo(desc, x, y, w, ConvGradAlgoPref(3), 0); }},
         {"invalid ConvDiffAlgoPref 3",
-         [&] { x.conv_get_diff_algo(desc, x, y, w, static_cast<ConvDiffAlgoPref>(3), 0); }},
+         [&] { x.conv_get_diff_algo(desc, x, y, w, ConvDiffAlgoPref(3), 0); }},
         {"invalid ConvAlgo 0",
          [&] { x.conv_get_fwd_work_space_size(desc, x, w, y, CONV_ALGO_AUTO); }},
         {"invalid ConvGradAlgo 0",
@@ -481,9 +412,11 @@ TEST_F(GpuConvTest, EmptyBatch) {
     EXPECT_EQ(values_of(dbias), Values(4, 4));
 }
 
-TEST_F(GpuConvTest, ChecksDevicesInOrder) {
-    TensorF h(x.get_size(), CPU), d(x.get_size(), GPU);
-    const ConvDesc& c = desc;
+using ConvFailureTest = FailureTest;
+
+TEST_F(ConvFailureTest, ChecksDevicesInOrder) {
+    TensorF &h = in, &d = far;
+    const ConvDesc c;
     expect_failures({
         {same_device("x"), [&] { d.conv_fwd(c, h, h, nullptr, 0); }},
         {same_device("w"), [&] { d.conv_fwd(c, d, h, nullptr, 0); }},
@@ -521,7 +454,23 @@ TEST_F(GpuConvTest, ChecksDevicesInOrder) {
          [&] { d.conv_get_diff_work_space_size(c, d, d, h, CONV_DIFF_ALGO_AUTO); }},
         {same_device("x", "dy"), [&] { d.conv_get_diff_algo_perf(c, h, d, h); }},
         {same_device("dw", "dy"), [&] { d.conv_get_diff_algo_perf(c, d, d, h); }},
-        {same_device("in"), [&] { TensorF(Dim(2, 8, 3, 9), CPU).transpose_channel_height(d); }},
+        {same_device("in"),
+         [&] { TensorF(Dim(2, 4, 3, 5)).transpose_channel_height(far_of(Dim(2, 3, 4, 5))); }},
+    });
+}
+
+TEST_F(ConvFailureTest, TransposeChannelHeightChecksInOrder) {
+    const std::string only_4d = "transpose_channel_height just support 4D";
+    TensorF from(Dim(2, 3, 4, 5)), three(Dim(3, 4, 10)), small(Dim(2, 4, 3, 4)),
+        twisted(Dim(2, 3, 4, 5)), narrow(Dim(2, 10, 3, 2)), shallow(Dim(1, 4, 3, 10));
+    expect_failures({
+        {failed("in.get_dim() == 4u", only_4d), [&] { three.transpose_channel_height(three); }},
+        {failed("out.get_dim() == 4u", only_4d), [&] { three.transpose_channel_height(from); }},
+        {failed("in.get_element_count() == out.get_element_count()", "element count not match"),
+         [&] { small.transpose_channel_height(from); }},
+        {failed("in.get_c() == out.get_h()"), [&] { twisted.transpose_channel_height(from); }},
+        {failed("in.get_h() == out.get_c()"), [&] { narrow.transpose_channel_height(from); }},
+        {failed("in.get_n() == out.get_n()"), [&] { shallow.transpose_channel_height(from); }},
     });
 }
 

@@ -128,7 +128,7 @@ TEST_P(CopyTest, Failures) {
     Tensor<float> row4(Dim(3, 4), CPU), row7(Dim(3, 7), CPU), cube(Dim(1, 3, 4), CPU);
     Tensor<float> row3 = row4.range_col(0, 3);
     float data[24] = {};
-    const std::string unequal = same_size("src", "dst"), pitched = "Not Implemented Yet";
+    const std::string unequal = same_size("src", "dst"), pitched = kNotImplemented;
     expect_failures({
         {unequal, [&] { m46.copy_from(m64); }},
         {unequal, [&] { m46.copy_to(m64); }},
@@ -137,9 +137,9 @@ TEST_P(CopyTest, Failures) {
         {pitched, [&] { block.copy_to(data, 0, 5); }},
         {pitched, [&] { block.copy_from(data, Dim(1, 0), 5); }},
         {pitched, [&] { block.copy_to(data, Dim(1, 0), 5); }},
-        {"Check failed: get_dim() == 2 ", [&] { vec.copy_row(row7, 9, 0); }},
-        {"Check failed: get_w() >= src.get_w() ", [&] { m46.copy_row(row7, 9, 0); }},
-        {"Check failed: 2 == get_dim() ", [&] { m46.copy_row(cube, 9, 0); }},
+        {failed("get_dim() == 2"), [&] { vec.copy_row(row7, 9, 0); }},
+        {failed("get_w() >= src.get_w()"), [&] { m46.copy_row(row7, 9, 0); }},
+        {failed("2 == get_dim()"), [&] { m46.copy_row(cube, 9, 0); }},
         {kBadIndex, [&] { m46.copy_row(row4, 3, 0); }},
         {pitched, [&] { block.copy_row(row3, 0, 0); }},
     });
@@ -159,12 +159,12 @@ TEST_F(MemoryCallTest, Failures) {
     const Tensor<float> dense(Dim(4, 6), GPU);
     std::vector<float> host(4 * 10);
     expect_failures({
-        {"Check failed: 0 == (cudaMemset(ptr, val, byte_size)) invalid argument",
+        {failed("0 == (cudaMemset(ptr, val, byte_size))", "invalid argument"),
          [&] { gpu::vorn_memset(host.data(), 0, 4); }},
-        {"Check failed: 0 == (cudaMemset2D(ptr, ld, val, dimN, dimM)) invalid argument",
+        {failed("0 == (cudaMemset2D(ptr, ld, val, dimN, dimM))", "invalid argument"),
          [&] { gpu::vorn_memset_2d(host.data(), 0, 1, 4, 4); }},
-        {"Check failed: 0 == (cudaMemcpy2D(dst, dpitch_byte, src, spitch_byte, width_byte, height, "
-         "kind)) invalid pitch argument",
+        {failed("0 == (cudaMemcpy2D(dst, dpitch_byte, src, spitch_byte, width_byte, height, kind))",
+                "invalid pitch argument"),
          [&] { vorn_memcpy_2d<float>(GPU, CPU, dense.get_ptr(), 6, host.data(), 5, 6, 4); }},
     });
 }

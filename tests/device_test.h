@@ -4,6 +4,7 @@
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -13,6 +14,7 @@
 #include <random>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "vorn/context/context.h"
@@ -60,6 +62,17 @@ inline std::vector<float> random_values(size_t count, unsigned seed, float lo = 
 inline Doubles widen(const Values& values) {
     return Doubles(values.begin(), values.end());
 }
+
+/// An outer x channel x inner tensor, of which operations fold the channels.
+struct Extents {
+    int outer, channel, inner;
+
+    int count() const { return outer * channel * inner; }
+    int items() const { return outer * inner; }  ///< Folds, (o, k) being number o * inner + k.
+    int at(int o, int c, int k) const { return (o * channel + c) * inner + k; }
+    int at(int item, int c) const { return at(item / inner, c, item % inner); }
+    Dim dim() const { return inner == 1 ? Dim(outer, channel) : Dim(outer, channel, inner); }
+};
 
 /// first, first + step, ...
 template <typename T>
@@ -217,6 +230,23 @@ protected:
         return tensor;
     }
 
+    /// A tensor of any number of axes between guards, pitched where the place is.
+    TensorF image(const Dim& size, const Values& values) {
+        TensorF tensor = guarded(size);
+        if (pitched() && !values.empty()) {
+            _guarded.emplace_back(size, device(), 2, 3);
+            _guarded.back().write(Values(_guarded.back().count(), kGuardValue));
+            tensor = _guarded.back().tensor;
+        }
+        tensor.copy_from(TensorF(const_cast<float*>(values.data()), size, CPU));
+        return tensor;
+    }
+
+    /// alpha * x + beta * old as the device rounds it.
+    float blend(float alpha, float x, float beta, float old) const {
+        return on_gpu() ? std::fma(alpha, x, beta * old) : alpha * x + beta * old;
+    }
+
     /// Fails if an operation wrote beside a tensor made by this test.
     void TearDown() override {
         for (const std::function<void()>& check : _guards) {
@@ -235,6 +265,21 @@ private:
     std::vector<Block<float>> _guarded;
     std::vector<std::function<void()>> _guards;
 };
+
+/// The logistic function, of a limited argument.
+inline double sigmoid_of(double x) {
+    return 1 / (1 + std::exp(-std::min(std::max(x, -64.0), 64.0)));
+}
+
+/// The place of a column among those of equal maxima: the lowest wins on the host, and on a GPU the
+/// one whose thread comes first when the seven bits of its number are reversed.
+inline std::pair<int, int> order_of_ties(int column, bool on_gpu) {
+    int reversed = 0;
+    for (int bit = 0; bit < 7 && on_gpu; ++bit) {
+        reversed |= (column >> bit & 1) << (6 - bit);
+    }
+    return {reversed, column};
+}
 
 /// |actual - expected| <= absolute + relative * |expected|, element by element; NaN equals NaN.
 inline void expect_close(const std::vector<float>& actual, const std::vector<double>& expected,
@@ -280,21 +325,27 @@ inline void expect_gradient(const std::function<double()>& loss, std::vector<dou
     }
 }
 
-/// The texts of the tests that two arguments are on one device and of one size.
+/// The text of a failed check, with what the check adds to it.
+inline std::string failed(const std::string& condition, const std::string& extra = "") {
+    return "Check failed: " + condition + " " + extra;
+}
+inline std::string not_null(const std::string& pointer) {
+    return "Check notnull: " + pointer + " ";
+}
 inline std::string same_device(const std::string& a, const std::string& b = "out") {
-    return "Check failed: is_same_devices((" + a + ").get_device(), (" + b + ").get_device()) ";
+    return failed("is_same_devices((" + a + ").get_device(), (" + b + ").get_device())");
 }
 inline std::string same_size(const std::string& a, const std::string& b = "out") {
-    return "Check failed: (" + a + ".get_size()) == (" + b + ".get_size()) ";
+    return failed("(" + a + ".get_size()) == (" + b + ".get_size())");
 }
 
+inline const std::string kNotImplemented = "Not Implemented Yet";
 inline const std::string kBadAxis =
-    "Check failed: axis_idx >= -num_axis && axis_idx < num_axis error axis index.";
-inline const std::string kBadIndex = "Check failed: is_valid_index(coor) invalid index dim.";
+    failed("axis_idx >= -num_axis && axis_idx < num_axis", "error axis index.");
+inline const std::string kBadIndex = failed("is_valid_index(coor)", "invalid index dim.");
 /// The shape and its product follow.
 inline const std::string kTooLarge =
-    "Check failed: ret <= static_cast<index_t>(std::numeric_limits<int>::max()) Dim size error "
-    "Dim ";
+    failed("ret <= static_cast<index_t>(std::numeric_limits<int>::max())", "Dim size error Dim ");
 
 /// One row of a table of failures: a call and the exact text after the log prefixes.
 struct FailureCase {
@@ -321,6 +372,24 @@ inline void expect_failures(const std::vector<FailureCase>& failures) {
         EXPECT_DEATH(failure.call(), literal(": " + failure.text + "\n")) << failure.text;
     }
 }
+
+/// Operands for tables of failures, of the sizes and devices that checks tell apart. The `far` ones
+/// are said to be on a GPU, where they have an address and no memory: each check comes before the
+/// first read, and the tables run on machines without a GPU too.
+class FailureTest : public ContextTest {
+protected:
+    template <typename T = float>
+    static Tensor<T> far_of(const Dim& size) {
+        static double memory[32];
+        return Tensor<T>(reinterpret_cast<T*>(memory), size, GPU);
+    }
+
+    TensorF in{Dim(3, 4)}, out{Dim(3, 4)}, small{Dim(3, 3)}, cube{Dim(1, 3, 4)}, flat{Dim(12)},
+        vec{Dim(3)};
+    TensorF far = far_of(Dim(3, 4)), far_small = far_of(Dim(3, 3)), far_cube = far_of(Dim(1, 3, 4)),
+            far_flat = far_of(Dim(12)), far_vec = far_of(Dim(3));
+    Tensor<int> ints{Dim(3)}, far_ints = far_of<int>(Dim(3));
+};
 
 }  // namespace test
 }  // namespace vorn

@@ -209,16 +209,14 @@ TEST_F(ImageBatchNormFailureTest, Texts) {
     const auto back = [](BatNormType type, TensorF& dx, TensorF& x, TensorF& s) {
         dx.image_bat_norm_back(type, 1, 0, 1, 0, x, x, s, s, s, 1, s, s);
     };
-    const std::string
-        none = "Not Implemented Yet",
-        unknown = "Invalid bath norm type 2",
-        per_channel = "Check failed: static_cast<int>(bias.get_element_count()) == t.c ",
-        per_activation =
-            "Check failed: static_cast<int>(bias.get_element_count()) == t.c * t.h * t.w ",
-        axes = "Check failed: dim == 2 || dim == 4 BN: only support 2D or 4D input",
-        mode = "Check failed: mode == NORM_1CHW BN: 2D input must use 1CHW mode",
-        frozen =
-            "Check failed: (norm_type) == (NORM_1C11) image_bat_norm_back_inf only support 1C11";
+    const std::string none = kNotImplemented, unknown = "Invalid bath norm type 2",
+                      per_channel = failed("static_cast<int>(bias.get_element_count()) == t.c"),
+                      per_activation =
+                          failed("static_cast<int>(bias.get_element_count()) == t.c * t.h * t.w"),
+                      axes = failed("dim == 2 || dim == 4", "BN: only support 2D or 4D input"),
+                      mode = failed("mode == NORM_1CHW", "BN: 2D input must use 1CHW mode"),
+                      frozen = failed("(norm_type) == (NORM_1C11)",
+                                      "image_bat_norm_back_inf only support 1C11");
     expect_failures({
         {none, [&] { infer(BAT_NORM_UNKNOWN, h, d, d); }},
         {none, [&] { train(BAT_NORM_UNKNOWN, h, three, d); }},

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "device_test.h"
+#include "memory_file.h"
 
 namespace vorn {
 namespace test {
@@ -28,38 +29,21 @@ std::string plain_file(const Dim& shape, const std::vector<T>& values) {
     return fields({shape.get_axis()}) + fields({shape.begin(), shape.end()}) + elements(values);
 }
 
-// One file per process, because each test, and each death test in it, is a process of its own.
-std::string path() {
-    return ::testing::TempDir() + "vorn_io_ops_test_" + std::to_string(getpid());
-}
-
-std::string file_content() {
-    std::ifstream in(path(), std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    remove(path().c_str());
-    return content.str();
-}
-
 /// What `write` leaves in a binary file, and in a text file.
 std::string binary(const std::function<void(std::ofstream&)>& write) {
-    std::ofstream out(path(), std::ios::binary);
+    MemoryFile<std::ofstream> out;
     write(out);
-    out.close();
-    return file_content();
+    return out.content();
 }
 std::string text(const std::function<void(FILE*)>& write) {
-    FILE* f = fopen(path().c_str(), "w");
+    char* memory = nullptr;
+    size_t length = 0;
+    FILE* f = open_memstream(&memory, &length);
     write(f);
     fclose(f);
-    return file_content();
-}
-
-std::ifstream binary_file(const std::string& content) {
-    std::ofstream(path(), std::ios::binary) << content;
-    std::ifstream in(path(), std::ios::binary);
-    remove(path().c_str());  // before a read that may not return
-    return in;
+    const std::string content(memory, length);
+    free(memory);
+    return content;
 }
 
 /// Runs `read` on a text file and returns the character at which it ends.
@@ -75,11 +59,11 @@ int from_text(const std::string& content, F read) {
 }
 
 void read_plain(Tensor<float>& tensor, const std::string& content, index_t byte_size = 0) {
-    std::ifstream in = binary_file(content);
+    MemoryFile<std::ifstream> in(content);
     tensor.read(in, byte_size);
 }
 void read_hfnn(Tensor<float>& tensor, const std::string& content, index_t byte_size = 0) {
-    std::ifstream in = binary_file(content);
+    MemoryFile<std::ifstream> in(content);
     tensor.read_hfnn(in, byte_size);
 }
 template <typename T>
@@ -104,7 +88,7 @@ void expect_plain(const Tensor<T>& tensor, const std::vector<T>& values) {
     const std::string expected = plain_file(tensor.get_size(), values);
     EXPECT_EQ(binary([&](std::ofstream& out) { tensor.write(out); }), expected);
     Tensor<T> back(tensor.get_device());
-    std::ifstream in = binary_file(expected + "tail");
+    MemoryFile<std::ifstream> in(expected + "tail");
     back.read(in, 4);
     EXPECT_EQ(in.get(), 't') << "nothing behind the elements is taken";
     EXPECT_EQ(back.get_size().to_string(), tensor.get_size().to_string());
@@ -137,9 +121,8 @@ TEST_P(IoTest, PlainBinaryAndBracketTextOfEveryRank) {
         if (GetParam() != Place::kHostPitched) {
             expect_plain(float_tensor, floats);
         }
-        float_tensor.write(path().c_str());
         Tensor<float> float_back(device());
-        float_back.read(path().c_str());
+        read_text(float_back, text([&](FILE* f) { float_tensor.write(f); }));
         expect_close(values_of(float_back), widen(floats), 6e-8, 5e-7);
     }
     EXPECT_EQ(binary([&](std::ofstream& out) { Tensor<float>(device()).write(out); }), fields({0}));
@@ -199,13 +182,24 @@ TEST_P(IoTest, TextForms) {
     EXPECT_EQ(text([&](FILE* f) { matrix.write(f, 50); }), "2 3 \n" + rows[0] + rows[1]);
     EXPECT_EQ(text([&](FILE* f) { matrix.write_diff(f, 2, 1); }),
               "2 3 \n         0              1.0\n         1             -2.0\n");
-    matrix.write(path().c_str());
-    EXPECT_EQ(file_content(), bracket);
-    matrix.write_diff(path().c_str(), -3, 3);
-    EXPECT_EQ(file_content(),
+    // By name.
+    const std::string path = ::testing::TempDir() + "vorn_io_ops_test_" + std::to_string(getpid());
+    const auto content = [&] {
+        std::ostringstream all;
+        all << std::ifstream(path).rdbuf();
+        return all.str();
+    };
+    matrix.write(path.c_str());
+    EXPECT_EQ(content(), bracket);
+    Tensor<float> back(device());
+    back.read(path.c_str());
+    EXPECT_EQ(values_of(back), values_of(matrix));
+    matrix.write_diff(path.c_str(), -3, 3);
+    EXPECT_EQ(content(),
               "2 3 \n         0            1.000\n         1           -2.000\n"
               "         2            0.500\n         3      1234567.000\n"
               "         4            0.000\n         5            3.000\n");
+    remove(path.c_str());
     const Tensor<int> ints = make(Dim(2), std::vector<int>{-2, 16777217});
     EXPECT_EQ(text([&](FILE* f) { ints.write_diff(f, 3, 0); }),
               "2 \n         0               -2\n         1         16777216\n")
@@ -324,12 +318,11 @@ TEST(Failures, OfWriters) {
     FILE* f = fopen("/dev/null", "w");
     const char* no_name = nullptr;
     const Tensor<float> empty, dense(Dim(4, 3)), view = dense.range_col(0, 2), cube(Dim(2, 2, 2));
-    const std::string contiguous = "Check failed: tensor.is_contiguous() ";
-    const std::string matrix = "Check failed: (2) == (get_axis()) ";
-    const std::string length =
-        "Check failed: static_cast<int>(tensor.get_h() / batch_size) >= frame_len ";
-    const std::string name = "Check failed: nullptr != filename ";
-    const std::string file = "Check failed: nullptr != fp ";
+    const std::string contiguous = failed("tensor.is_contiguous()");
+    const std::string matrix = failed("(2) == (get_axis())");
+    const std::string length = failed("static_cast<int>(tensor.get_h() / batch_size) >= frame_len");
+    const std::string name = failed("nullptr != filename");
+    const std::string file = failed("nullptr != fp");
     expect_failures({
         {contiguous, [&] { view.write(out); }},
         {contiguous, [&] { view.write_hfnn(out); }},
@@ -339,17 +332,16 @@ TEST(Failures, OfWriters) {
         {matrix, [&] { empty.write_hfnn(out); }},
         {matrix, [&] { cube.write_score(out); }},
         {matrix, [&] { cube.write_score(out, 0, 1, 1); }},
-        {"Check failed: (batch_idx) < (batch_size) ", [&] { view.write_score(out, 3, 3, 9); }},
-        {"Check failed: batch_size != 0 ", [&] { dense.write_score(out, -1, 0, 1); }},
-        {"Check failed: (batch_idx) >= (0) ", [&] { dense.write_score(out, -1, 2, 1); }},
+        {failed("(batch_idx) < (batch_size)"), [&] { view.write_score(out, 0, 0, 9); }},
+        {failed("batch_size != 0"), [&] { dense.write_score(out, -1, 0, 1); }},
+        {failed("(batch_idx) >= (0)"), [&] { dense.write_score(out, -1, 2, 1); }},
         {length, [&] { dense.write_score(out, -1, 2, 9); }},
         {contiguous, [&] { view.write_score(out, -1, 2, 1); }},
         {matrix, [&] { cube.write_score(out, -1, 1, 1); }},
-        {"Check failed: tensor.get_h() % batch_size == 0 ",
-         [&] { view.write_score(out, 0, 3, 9); }},
+        {failed("tensor.get_h() % batch_size == 0"), [&] { view.write_score(out, 0, 3, 9); }},
         {length, [&] { view.write_score(out, 0, 2, 3); }},
         {kBadAxis, [&] { empty.write_score(out, 0, 1, 1); }},
-        {"Not Implemented Yet", [&] { empty.write(f, 0); }},
+        {kNotImplemented, [&] { empty.write(f, 0); }},
         {kBadAxis, [&] { empty.write(f, 1); }},
         {kBadAxis, [&] { empty.write_diff(f); }},
         {name, [&] { dense.write(no_name); }},
@@ -362,13 +354,12 @@ TEST(Failures, OfWriters) {
 
 TEST(Failures, OfReaders) {
     Tensor<float> tensor, whole(Dim(2, 3)), block = whole.slice(0, 2);
-    const std::string axes = "Check failed: (dimension) > (0) Invalid dim axis ";
-    const std::string width = "Check failed: (byte_size) == (sizeof(int)) Unsupport model size";
+    const std::string axes = failed("(dimension) > (0) Invalid dim axis");
+    const std::string width = failed("(byte_size) == (sizeof(int))", "Unsupport model size");
     const std::string widths =
-        "Check failed: byte_size == sizeof(size_t) || byte_size == sizeof(int) Unsupport model "
-        "size";
-    const std::string resized = "Check failed: !_is_block block tensor can not resize";
-    const std::string too_many = "Check failed: (dimension) <= (kMaxDim) Invalid dim";
+        failed("byte_size == sizeof(size_t) || byte_size == sizeof(int)", "Unsupport model size");
+    const std::string resized = failed("!_is_block", "block tensor can not resize");
+    const std::string too_many = failed("(dimension) <= (kMaxDim)", "Invalid dim");
     const char* no_name = nullptr;
     expect_failures({
         {axes + "0", [&] { read_plain(tensor, ""); }},
@@ -400,8 +391,8 @@ TEST(Failures, OfReaders) {
         {too_many + "ension : 6. Max supported dimension : 5",
          [&] { read_text(block, "1 1 1 1 1 1\n"); }},
         {kBadAxis, [&] { read_text(tensor, "x 3\n"); }},
-        {"Check notnull: filename ", [&] { tensor.read(no_name); }},
-        {"Check notnull: f ", [&] { tensor.read("/no/such/place"); }},
+        {not_null("filename"), [&] { tensor.read(no_name); }},
+        {not_null("f"), [&] { tensor.read("/no/such/place"); }},
         // A directory can be opened, but not read.
         {kBadAxis, [&] { tensor.read("/"); }},
     });

@@ -1,9 +1,7 @@
 #include "vorn/gpu/label_ops.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
-#include <thread>
 
 #include "device_test.h"
 #include "gpusim/gate.h"
@@ -39,23 +37,16 @@ size_t counted(Call call) {
 class LabelOpsTest : public DeviceTest {
 protected:
     /// The column of the largest score. A NaN never wins, but in column 0, where nothing beats it.
-    /// Of equal scores column 0 wins, then the lowest column; on a GPU that of the thread which the
-    /// tree prefers, then the lowest.
+    /// Of equal scores column 0 wins, then the order of ties.
     int top_of(const float* row, int n) const {
         int top = 0;
         for (int j = 1; j < n; ++j) {
-            if (row[j] > row[top] || (row[j] == row[top] && top != 0 && order(j) < order(top))) {
+            if (row[j] > row[top] || (row[j] == row[top] && top != 0 &&
+                                      order_of_ties(j, on_gpu()) < order_of_ties(top, on_gpu()))) {
                 top = j;
             }
         }
         return top;
-    }
-    unsigned order(int column) const {
-        unsigned reversed = 0;  // the seven bits of the thread's number
-        for (int bit = 0; on_gpu() && bit < 7; ++bit) {
-            reversed |= (column >> bit & 1) << (6 - bit);
-        }
-        return reversed;
     }
     bool is_right(int index, float label, int mask) const {
         const float target = on_gpu() ? std::trunc(label) : label;
@@ -146,7 +137,7 @@ protected:
 
     static bool copies_wait() {
         size_t count;
-        Gate gate(default_stream, std::chrono::seconds(1));
+        Gate gate(default_stream, 1'000'000);
         cudaMemcpyAsync(&count, t_ctx->cpu_mem, sizeof(count), cudaMemcpyHostToHost,
                         default_stream);
         return !gate.holds();
@@ -182,17 +173,12 @@ TEST_F(AsyncCountTest, AnUndeliveredCountIsNotOverwritten) {
     for (bool is_valid_first : {true, false}) {
         for (bool sync : {false, true}) {
             size_t valid = kUntouched, right = kUntouched;
-            Gate gate(default_stream);
+            Gate gate(default_stream, 30'000);  // opens while the second call waits
             is_valid_first ? count_valid(&valid) : count_right(&right);
-            std::thread opener([&] {
-                std::this_thread::sleep_for(std::chrono::milliseconds(30));
-                gate.open();
-            });
             g_sync_flag = sync;
             is_valid_first ? count_right(&right) : count_valid(&valid);
             g_sync_flag = false;
             EXPECT_EQ(is_valid_first ? valid : right, is_valid_first ? 600u : 900u);
-            opener.join();
             cudaStreamSynchronize(default_stream);
             EXPECT_EQ(valid, 600u);
             EXPECT_EQ(right, 900u);
@@ -218,26 +204,26 @@ TEST_F(LabelOpsFailureTest, Texts) {
             out.cal_classify_acu_target(in, label, on, idx, kIgnore, &count);
         };
         expect_failures({
-            {"Check failed: mask.get_element_count() == num mask, label size not match",
+            {failed("mask.get_element_count() == num", "mask, label size not match"),
              [&] { three.count_valid_label(short_mask, kIgnore, &count); }},
             // each fails the next test too
-            {"Check failed: in.get_dim() == 2 ", [&] { classify(three, two, mask, two); }},
-            {"Check failed: in.get_size(0) == out.get_element_count() ",
+            {failed("in.get_dim() == 2"), [&] { classify(three, two, mask, two); }},
+            {failed("in.get_size(0) == out.get_element_count()"),
              [&] { classify(scores, two, mask, two); }},
-            {"Check failed: in.get_size(0) == label.get_element_count() ",
+            {failed("in.get_size(0) == label.get_element_count()"),
              [&] { classify(scores, two, mask, three); }},
-            {"Check failed: mask.get_element_count() == label.get_element_count() ",
+            {failed("mask.get_element_count() == label.get_element_count()"),
              [&] { classify(scores, three, short_mask, three); }},
         });
     }
     TensorF label(Dim(3), GPU);
     Tensor<int> no_mask(GPU);
     expect_failures({
-        {"Check failed: 0 == (cudaMemcpyAsync((void *)count, t_ctx->cpu_mem, sizeof(size_t), "
-         "cudaMemcpyHostToHost, default_stream)) invalid argument",
+        {failed("0 == (cudaMemcpyAsync((void *)count, t_ctx->cpu_mem, sizeof(size_t), "
+                "cudaMemcpyHostToHost, default_stream))",
+                "invalid argument"),
          [&] { label.count_valid_label(no_mask, kIgnore, nullptr); }},
-        {"Check failed: 0 == (cudaEventRecord(t_ctx->event, default_stream)) invalid resource "
-         "handle",
+        {failed("0 == (cudaEventRecord(t_ctx->event, default_stream))", "invalid resource handle"),
          [&] {
              t_ctx->event = nullptr;
              label.count_valid_label(no_mask, kIgnore, &count);

@@ -76,19 +76,16 @@ TEST_P(LinearOpsTest, RowsBeyondWhatAGridTakes) {
     EXPECT_EQ(values_of(error), values);
 }
 
-using LinearOpsFailureTest = GpuTest;
+using LinearOpsFailureTest = FailureTest;
 
 TEST_F(LinearOpsFailureTest, Texts) {
-    TensorF host(Dim(2, 2), CPU), device(Dim(2, 2), GPU);
-    Tensor<int> host_idx(Dim(2, 2), CPU), device_idx(Dim(2, 2), GPU);
-    const std::string in = same_device("in"), idx = same_device("idx_vec");
     expect_failures({
-        {in, [&] { host.max_out_fwd(device, 1, device_idx); }},  // tested first
-        {idx, [&] { host.max_out_fwd(host, 1, device_idx); }},
-        {in, [&] { device.max_out_bwd(host, 1, host_idx); }},
-        {idx, [&] { device.max_out_bwd(device, 1, host_idx); }},
-        {in, [&] { host.col_append(device, 0); }},
-        {in, [&] { device.col_deappend(host, 0); }},
+        {same_device("in"), [&] { out.max_out_fwd(far, 1, far_ints); }},  // tested first
+        {same_device("idx_vec"), [&] { out.max_out_fwd(in, 1, far_ints); }},
+        {same_device("in"), [&] { far.max_out_bwd(in, 1, ints); }},
+        {same_device("idx_vec"), [&] { far.max_out_bwd(far, 1, ints); }},
+        {same_device("in"), [&] { out.col_append(far, 0); }},
+        {same_device("in"), [&] { far.col_deappend(in, 0); }},
     });
 }
 

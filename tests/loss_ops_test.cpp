@@ -26,15 +26,6 @@ INSTANTIATE_TEST_SUITE_P(Places, FixedLossTest, kAllPlaces, name_of_place);
 
 // ---- Cross entropy
 
-struct Extents {
-    int outer, channel, inner;
-
-    int items() const { return outer * inner; }
-    int count() const { return items() * channel; }
-    int at(int item, int c) const { return (item / inner * channel + c) * inner + item % inner; }
-    Dim dim() const { return inner == 1 ? Dim(outer, channel) : Dim(outer, channel, inner); }
-};
-
 // Both sides of the blocks and caps of the kernels, and of what the host does at a time. Labels
 // have a fraction, which is cut off.
 TEST_P(LossTest, CrossEntropyMatchesTheFormula) {
@@ -380,60 +371,56 @@ void add_null_pointers(std::vector<FailureCase>& failures, const std::string& ou
     }
 }
 
-TEST(LossDeathTest, TestsInTheirOrder) {
-    ThreadContextScope context;
-    float memory[12] = {};  // said to be on a GPU where a test comes before it is read
-    int bits[3] = {};
-    TensorF in(Dim(3, 4)), out(Dim(3)), cube(Dim(1, 3, 4)), flat(Dim(12)), label(Dim(3));
-    TensorF far(memory, Dim(3, 4), GPU), far_rows(memory, Dim(3), GPU);
+using LossFailureTest = FailureTest;
+
+TEST_F(LossFailureTest, TestsInTheirOrder) {
     TensorF null(nullptr, Dim(3, 4), CPU);
-    Tensor<int> mask(Dim(3)), far_mask(bits, Dim(3), GPU), null_mask(nullptr, Dim(3), CPU);
-
-    const std::string size = " element size not match";
+    Tensor<int> null_ints(nullptr, Dim(3), CPU);
+    const std::string size = "element size not match";
     const std::string channel =
-        "Check failed: channel != 1 cross_entropy failed. outer = 5 channel = 1 inner = 7";
+        failed("channel != 1", "cross_entropy failed. outer = 5 channel = 1 inner = 7");
     std::vector<FailureCase> failures = {
-        {"Check failed: output.get_dim() == 2 ", [&] { far.cross_entropy(flat, label, mask); }},
-        {same_size("label"), [&] { in.cross_entropy(far, label, mask, 3, 1, 1); }},
-        {channel, [&] { out.cross_entropy(far, label, mask, 5, 1, 7); }},
-        {"Check failed: in.get_element_count() == outer * channel * inner" + size,
-         [&] { out.cross_entropy(far, label, mask, 5, 4, 1); }},
-        {"Check failed: label.get_element_count() == outer * inner" + size,
-         [&] { out.cross_entropy(far, label, mask, 2, 6, 1); }},
-        {same_device("in"), [&] { out.cross_entropy(far, far_rows, mask); }},
-        {same_device("label"), [&] { out.cross_entropy(null, far_rows, mask); }},
+        {failed("output.get_dim() == 2"), [&] { far.cross_entropy(flat, vec, ints); }},
+        {same_size("label"), [&] { in.cross_entropy(far, vec, ints, 3, 1, 1); }},
+        {channel, [&] { vec.cross_entropy(far, vec, ints, 5, 1, 7); }},
+        {failed("in.get_element_count() == outer * channel * inner", size),
+         [&] { vec.cross_entropy(far, vec, ints, 5, 4, 1); }},
+        {failed("label.get_element_count() == outer * inner", size),
+         [&] { vec.cross_entropy(far, vec, ints, 2, 6, 1); }},
+        {same_device("in"), [&] { vec.cross_entropy(far, far_vec, ints); }},
+        {same_device("label"), [&] { vec.cross_entropy(null, far_vec, ints); }},
 
-        {"Check failed: output.get_dim() == 2 ", [&] { far.cross_entropy_bp(flat, label, mask); }},
-        {same_size("in"), [&] { flat.cross_entropy_bp(far, label, mask, 3, 1, 1); }},
-        {channel, [&] { in.cross_entropy_bp(far, label, mask, 5, 1, 7); }},
-        {"Check failed: out.get_element_count() == outer * channel * inner" + size,
-         [&] { in.cross_entropy_bp(far, label, mask, 5, 4, 1); }},
-        {"Check failed: label.get_element_count() == outer * inner" + size,
-         [&] { in.cross_entropy_bp(far, label, mask, 2, 6, 1); }},
-        {same_device("in"), [&] { in.cross_entropy_bp(far, far_rows, mask); }},
-        {same_device("label"), [&] { in.cross_entropy_bp(null, far_rows, mask); }},
+        {failed("output.get_dim() == 2"), [&] { far.cross_entropy_bp(flat, vec, ints); }},
+        {same_size("in"), [&] { flat.cross_entropy_bp(far, vec, ints, 3, 1, 1); }},
+        {channel, [&] { in.cross_entropy_bp(far, vec, ints, 5, 1, 7); }},
+        {failed("out.get_element_count() == outer * channel * inner", size),
+         [&] { in.cross_entropy_bp(far, vec, ints, 5, 4, 1); }},
+        {failed("label.get_element_count() == outer * inner", size),
+         [&] { in.cross_entropy_bp(far, vec, ints, 2, 6, 1); }},
+        {same_device("in"), [&] { in.cross_entropy_bp(far, far_vec, ints); }},
+        {same_device("label"), [&] { in.cross_entropy_bp(null, far_vec, ints); }},
 
-        {"Check failed: y_pred.get_dim() <= 2 ", [&] { cube.rnnoise(cube, null, mask); }},
-        {"Check failed: cost.get_dim() <= 2 ", [&] { cube.rnnoise(null, null, mask); }},
-        {kBadAxis, [&] { out.rnnoise(flat, flat, mask); }},
-        {"Check failed: y_pred.get_dim() <= 2 ", [&] { cube.rnnoise_bp(cube, null, mask); }},
-        {"Check failed: delta.get_dim() <= 2 ", [&] { cube.rnnoise_bp(null, null, mask); }},
+        {failed("y_pred.get_dim() <= 2"), [&] { cube.rnnoise(cube, null, ints); }},
+        {failed("cost.get_dim() <= 2"), [&] { cube.rnnoise(null, null, ints); }},
+        {kBadAxis, [&] { vec.rnnoise(flat, flat, ints); }},
+        {failed("y_pred.get_dim() <= 2"), [&] { cube.rnnoise_bp(cube, null, ints); }},
+        {failed("delta.get_dim() <= 2"), [&] { cube.rnnoise_bp(null, null, ints); }},
 
-        {"Check failed: in.get_dim() <= 2 ", [&] { cube.fixed_loss(cube); }},
-        {"Check failed: out.get_dim() <= 2 ", [&] { cube.fixed_loss(far); }},
+        {failed("in.get_dim() <= 2"), [&] { cube.fixed_loss(cube); }},
+        {failed("out.get_dim() <= 2"), [&] { cube.fixed_loss(far); }},
         {same_device("in"), [&] { in.fixed_loss(far); }},
-        {kBadAxis, [&] { out.mean_squre_error(flat, flat, mask); }},
+        {kBadAxis, [&] { vec.mean_squre_error(flat, flat, ints); }},
     };
     for (auto error : {&TensorF::mean_squre_error, &TensorF::mean_squre_error_bp}) {
         const auto add = [&](const std::string& text, TensorF& y, const TensorF& x,
                              const TensorF& target, const Tensor<int>& on) {
             failures.push_back({text, [&, error] { (y.*error)(x, target, on, 1, 0); }});
         };
-        add("Check failed: in.get_dim() <= 2 ", cube, cube, far, mask);
-        add("Check failed: out.get_dim() <= 2 ", cube, far, far, mask);
-        add(same_device("label"), in, far, far, far_mask);
-        add(same_device("mask"), in, far, null, far_mask);
-        add(same_device("in"), in, far, null, null_mask);
+        add(failed("in.get_dim() <= 2"), cube, cube, far, ints);
+        add(failed("out.get_dim() <= 2"), cube, far, far, ints);
+        add(same_device("label"), in, far, far, far_ints);
+        add(same_device("mask"), in, far, null, far_ints);
+        add(same_device("in"), in, far, null, null_ints);
         add_null_pointers(
             failures, "out", Dim(3, 4), Dim(3, 4), 4,
             [=](auto& y, auto& x, auto& target, auto& on) { (y.*error)(x, target, on, 1, 0); });

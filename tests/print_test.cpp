@@ -97,16 +97,15 @@ TEST(Printing, OfOtherAxesIsLoggedAndGoesOn) {
 TEST(Printing, Failures) {
     const Tensor<float> matrix(Dim(2, 3)), empty, other(nullptr, Dim(2, 2), GPU);
     const std::string axes = "Check failed: (static_cast<int>(tensor.get_dim())) == (";
-    const std::string negative = "Check failed: (size[i]) >= (0) Invalid Dim";
-    const std::string counts =
-        "Check failed: (in1.get_element_count()) == (in2.get_element_count()) ";
+    const std::string negative = failed("(size[i]) >= (0)", "Invalid Dim");
+    const std::string counts = failed("(in1.get_element_count()) == (in2.get_element_count())");
     expect_failures({
         {axes + "start.get_axis()) ", [&] { matrix.show("x", Dim(0), Dim(1)); }},
         {axes + "end.get_axis()) ", [&] { matrix.show("x", Dim(0, 0), Dim(1)); }},
         {negative, [&] { matrix.show("x", 0, 2, 2, 1); }},
         {negative, [&] { matrix.show("x", 2, 0, 1, 2); }},
         {kBadIndex, [&] { matrix.show("x", 0, 0, 2, 4); }},
-        {"Not Implemented Yet", [&] { empty.show("x", Dim(), Dim()); }},
+        {kNotImplemented, [&] { empty.show("x", Dim(), Dim()); }},
         {counts, [&] { matrix.check(empty); }},
         {counts, [&] { matrix.check(other); }},
     });

@@ -101,13 +101,6 @@ TEST_P(RandomOpsTest, ASeedOfRandGivesKnownNormalNumbers) {
     srand(5);
     const Values values = filled(kCount, [=](TensorF& out) { out.gauss_random(mean, deviation); });
     expect_same_bits(values, expected);
-    double sum = 0, squares = 0;
-    for (double value : widen(values)) {
-        sum += value - mean;
-        squares += (value - mean) * (value - mean);
-    }
-    EXPECT_LT(std::abs(sum / kCount), 4 * deviation / std::sqrt(kCount));
-    EXPECT_NEAR(squares / kCount / (deviation * deviation), 1, 4 * std::sqrt(2.0 / kCount));
     const auto normal = [=](double x) {
         return 0.5 * std::erfc((mean - x) / (deviation * std::sqrt(2)));
     };
@@ -165,7 +158,7 @@ TEST(RandomThreadsTest, EachThreadHasItsOwnSequence) {
 using RandomOpsFailureTest = GpuTest;
 
 TEST_F(RandomOpsFailureTest, Texts) {
-    const std::string contiguous = "Check failed: out.is_contiguous() ";
+    const std::string contiguous = failed("out.is_contiguous()");
     for (Device device : {CPU, GPU}) {
         TensorF dense(Dim(4, 6), device), pitched = dense.range_col(1, 3);
         expect_failures({
@@ -174,19 +167,19 @@ TEST_F(RandomOpsFailureTest, Texts) {
             {contiguous, [&] { pitched.gauss_random(0, -1); }},  // tested first
             {contiguous, [&] { pitched.zero_random(0.5f); }},
             {contiguous, [&] { pitched.one_random(0.5f); }},
-            {"Check failed: (stddev) > (0) mean : 0 stddev : 0", [&] { dense.gauss_random(0, 0); }},
-            {"Check failed: (stddev) > (0) mean : 2.5 stddev : -1",
+            {failed("(stddev) > (0)", "mean : 0 stddev : 0"), [&] { dense.gauss_random(0, 0); }},
+            {failed("(stddev) > (0)", "mean : 2.5 stddev : -1"),
              [&] { dense.gauss_random(2.5f, -1); }},
         });
     }
     TensorF mask(Dim(4), GPU);
     expect_failures({
-        {"Check notnull: t_ctx ",
+        {not_null("t_ctx"),
          [&] {
              release_thread_context();
              mask.zero_random(0.5f);
          }},
-        {"Check failed: 0 == (ret) CURAND_STATUS_NOT_INITIALIZED",
+        {failed("0 == (ret)", "CURAND_STATUS_NOT_INITIALIZED"),
          [&] {
              t_ctx->g_gen = nullptr;
              mask.zero_random(0.5f);

@@ -7,10 +7,6 @@ namespace vorn {
 namespace test {
 namespace {
 
-double sigmoid(double x) {
-    return 1 / (1 + std::exp(-std::max(x, -64.0)));
-}
-
 struct Peepholes {
     Values i, f, o;
 };
@@ -29,11 +25,11 @@ struct ReferenceStep {
         const size_t width = w.i.size();
         for (size_t k = 0; k < c_pre.size(); ++k) {
             const size_t j = k % width, row = k / width * 4 * width;
-            i.push_back(sigmoid(w.i[j] * c_pre[k] + x[row + j]));
-            f.push_back(sigmoid(w.f[j] * c_pre[k] + x[row + width + j]));
+            i.push_back(sigmoid_of(w.i[j] * c_pre[k] + x[row + j]));
+            f.push_back(sigmoid_of(w.f[j] * c_pre[k] + x[row + width + j]));
             g.push_back(std::tanh(x[row + 3 * width + j]));
             c.push_back(clip(f[k] * c_pre[k] + i[k] * g[k]));
-            o.push_back(sigmoid(w.o[j] * c[k] + x[row + 2 * width + j]));
+            o.push_back(sigmoid_of(w.o[j] * c[k] + x[row + 2 * width + j]));
             h.push_back(std::tanh(c[k]));
             m.push_back(o[k] * h[k]);
         }
@@ -43,6 +39,15 @@ struct ReferenceStep {
 /// The matrices of a step, one value a cell.
 struct Step {
     TensorF c_pre, c, i, f, g, o, h, m;
+
+    /// Output k is make(k).
+    template <typename Make>
+    Step(const TensorF& c_pre, Make make) : c_pre(c_pre) {
+        int k = 0;
+        for (TensorF* output : {&c, &i, &f, &g, &o, &h, &m}) {
+            *output = make(k++);
+        }
+    }
 };
 
 class LstmTest : public DeviceTest {
@@ -54,11 +59,9 @@ protected:
     /// A step from `c_pre`, its outputs poisoned. On the host each has a pitch of its own, on a GPU
     /// all but the state share one.
     Step step(const TensorF& c_pre) {
-        const Dim size = c_pre.get_size();
-        int extra = 5;
-        const auto output = [&] { return poisoned(size, on_gpu() ? 5 : extra++); };
-        return {c_pre,    poisoned(size, 3), output(), output(),
-                output(), output(),          output(), output()};
+        return Step(c_pre, [&](int k) {
+            return poisoned(c_pre.get_size(), k == 0 ? 3 : on_gpu() ? 5 : 4 + k);
+        });
     }
     void forward(Step& s, const Values& x, const Peepholes& w, float max, float min) {
         const Dim size = s.m.get_size();
@@ -160,16 +163,8 @@ TEST_P(LstmTest, GradientThroughThreeSteps) {
 
     std::vector<Step> net;
     for (int t = 0; t < steps; ++t) {
-        int right = 2;
-        const auto output = [&] { return saved(size, Values(cells, kPoison), right++); };
-        Step s = {t == 0 ? saved(size, start, 1) : net.back().c,
-                  output(),
-                  output(),
-                  output(),
-                  output(),
-                  output(),
-                  output(),
-                  output()};
+        Step s(t == 0 ? saved(size, start, 1) : net.back().c,
+               [&](int k) { return saved(size, Values(cells, kPoison), 2 + k); });
         forward(s, x[t], w, 0, 0);
         net.push_back(s);
     }
@@ -248,19 +243,19 @@ TEST_F(LstmDeathTest, Failures) {
         wx_err.lstm_bp_op(cells, cells, cells, cells, wc, cells, cells, cells, cells, cells);
     };
     std::vector<FailureCase> cases = {
-        {"Check failed: wc_i.get_width() == wc_f.get_width() ",
+        {failed("wc_i.get_width() == wc_f.get_width()"),
          [&] { forward(Dim(2, 12), 3, 4, 4, Dim(2, 3)); }},
-        {"Check failed: wc_i.get_width() == wc_o.get_width() ",
+        {failed("wc_i.get_width() == wc_o.get_width()"),
          [&] { forward(Dim(2, 13), 3, 3, 4, Dim(2, 3)); }},
-        {"Check failed: wx_out.get_width() == 4 * wc_i.get_width() ",
+        {failed("wx_out.get_width() == 4 * wc_i.get_width()"),
          [&] { forward(Dim(2, 13), 3, 3, 3, Dim(2, 3, 1)); }},
-        {"Check failed: 2 == get_dim() ", [&] { forward(Dim(2, 12), 3, 3, 3, Dim(1, 2, 3)); }},
-        {"Check failed: 2 == get_dim() ", [&] { forward(Dim(1, 2, 12), 3, 3, 3, Dim(2, 3)); }},
-        {"Check failed: 2 == get_dim() ", [&] { backward(Dim(1, 2, 12)); }},
-        {"Check failed: is_valid_index(coor) invalid index dim.", [&] { backward(Dim(1, 12)); }},
+        {failed("2 == get_dim()"), [&] { forward(Dim(2, 12), 3, 3, 3, Dim(1, 2, 3)); }},
+        {failed("2 == get_dim()"), [&] { forward(Dim(1, 2, 12), 3, 3, 3, Dim(2, 3)); }},
+        {failed("2 == get_dim()"), [&] { backward(Dim(1, 2, 12)); }},
+        {kBadIndex, [&] { backward(Dim(1, 12)); }},
     };
     for (int null = 0; null < 4; ++null) {
-        cases.push_back({"Check failed: false ", [=] { on_gpu(null); }});
+        cases.push_back({failed("false"), [=] { on_gpu(null); }});
     }
     expect_failures(cases);
 }

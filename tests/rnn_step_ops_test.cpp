@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <map>
 #include <numeric>
-#include <sstream>
+#include <set>
 
 #include "device_test.h"
 
@@ -13,59 +13,115 @@ using Operands = std::vector<TensorF>;
 
 const float kAlpha = 1.25f, kBeta = -0.5f;
 
-double sigmoid(double x) {
-    return 1 / (1 + std::exp(-std::max(x, -64.0)));
+enum Fault { kAxes, kPitch, kDevice, kSize };
+
+/// A check of a dispatcher, and the fault of an operand that fails it.
+struct OperandCheck {
+    std::string text;
+    Fault fault;
+    std::string operand;
+};
+
+OperandCheck matrix(const std::string& x) {
+    return {failed("(" + x + ").get_dim() == (2)"), kAxes, x};
+}
+OperandCheck at_most_matrix(const std::string& x) {
+    return {failed("(" + x + ".get_dim()) <= (2)"), kAxes, x};
+}
+OperandCheck packed(const std::string& x) {
+    return {failed(x + ".is_contiguous()"), kPitch, x};
+}
+OperandCheck device(const std::string& x, const std::string& other = "out") {
+    return {same_device(x, other), kDevice, x};
+}
+OperandCheck device_of_out(const std::string& x) {
+    return {same_device(x, "out"), kDevice, "out"};
+}
+OperandCheck size(const std::string& x, const std::string& other = "out") {
+    return {same_size(x, other), kSize, x};
+}
+template <typename... Checks>
+std::vector<OperandCheck> checks(Checks... in_order) {
+    return {in_order...};
 }
 
 /// An operator, whose operands stand in the order of `names`, the output last. `kinds` says how
-/// each lies: d dense, s strided, v a vector along the columns. `tests` are those of its dispatcher
-/// in order, as `test:operand:operand`; the first one is made wrong, or the second where a `!`
-/// follows. The formulas take an element of each operand, the old output among them.
+/// each lies: d dense, s strided, v a vector along the columns. `checks` are those of its
+/// dispatcher in order. The formulas take an element of each operand, the old output among them.
 struct StepOp {
-    const char *names, *kinds, *tests;
+    std::vector<std::string> names;
+    std::string kinds;
+    std::vector<OperandCheck> checks;
     void (*run)(Operands& x);
     double (*formula)(const Doubles& x);
 };
 
-const StepOp kOps[] = {
-    {"in w bak out", "dvsd",
-     "dim:in dim:bak le:w con:in con:w con:out dev:w:out dev:bak:out dev:in:out",
+const std::vector<StepOp> kOps = {
+    {{"in", "w", "bak", "out"},
+     "dvsd",
+     checks(matrix("in"), matrix("bak"), at_most_matrix("w"), packed("in"), packed("w"),
+            packed("out"), device("w"), device("bak"), device("in")),
      [](Operands& x) { x[3].ld_mul_diag_mat_sigmoid(x[0], x[1], x[2], kAlpha, kBeta); },
-     [](const Doubles& x) { return sigmoid(kAlpha * x[0] * x[1] + kBeta * x[2]); }},
-    {"a b c d out", "ddddd", "con:a con:b con:c con:d dev:c:out dev:d:out dev:b:out dev:a:out",
+     [](const Doubles& x) { return sigmoid_of(kAlpha * x[0] * x[1] + kBeta * x[2]); }},
+    {{"a", "b", "c", "d", "out"},
+     "ddddd",
+     checks(packed("a"), packed("b"), packed("c"), packed("d"), device("c"), device("d"),
+            device("b"), device("a")),
      [](Operands& x) { x[4].elem_mul_add(x[0], x[1], x[2], x[3]); },
      [](const Doubles& x) { return x[0] * x[1] + x[2] * x[3]; }},
-    {"a b c out", "dddd",
-     "con:a con:b con:c con:out dim:a dim:b dim:c dim:out dev:b:out dev:c:out dev:a:out size:out:a",
+    {{"a", "b", "c", "out"},
+     "dddd",
+     checks(packed("a"), packed("b"), packed("c"), packed("out"), matrix("a"), matrix("b"),
+            matrix("c"), matrix("out"), device("b"), device("c"), device("a"), size("out", "a")),
      [](Operands& x) { x[3].elem_mul_tanh(x[0], x[1], x[2]); },
      [](const Doubles& x) { return x[0] * std::tanh(x[2]); }},
-    // The same, with its second output last; without names and tests, which stand above.
-    {"", "dddd", "", [](Operands& x) { x[1].elem_mul_tanh(x[0], x[3], x[2]); },
+    // The same, with its second output last; without names and checks, which stand above.
+    {{},
+     "dddd",
+     {},
+     [](Operands& x) { x[1].elem_mul_tanh(x[0], x[3], x[2]); },
      [](const Doubles& x) { return std::tanh(x[2]); }},
-    {"b c out", "sss", "size:b:out dev:b:out dev:c:out",
+    {{"b", "c", "out"},
+     "sss",
+     checks(size("b"), device("b"), device("c")),
      [](Operands& x) { x[2].ld_sigmoid_bprop(x[0], x[1], kAlpha, kBeta); },
      [](const Doubles& x) { return kAlpha * x[0] * x[1] * (1 - x[1]) + kBeta * x[2]; }},
-    {"a b c out", "ddds", "dev:b:out dev:c:out dev:a:out dim:a dim:b dim:c dim:out",
+    {{"a", "b", "c", "out"},
+     "ddds",
+     checks(device("b"), device("c"), device("a"), matrix("a"), matrix("b"), matrix("c"),
+            matrix("out")),
      [](Operands& x) { x[3].ld_sigmoid_backprop(x[0], x[1], x[2]); },
      [](const Doubles& x) { return x[0] * x[1] * x[2] * (1 - x[2]); }},
-    {"m_err o hc o_err w_oc ebc out", "dsdsvdd",
-     "dim:m_err dim:o dim:hc dim:o_err dim:ebc dim:out le:w_oc dev:hc:w_oc dev:o_err:w_oc "
-     "dev:o:w_oc dev:m_err:w_oc dev:w_oc:out:! dev:ebc:out con:out con:m_err con:hc con:w_oc",
+    {{"m_err", "o", "hc", "o_err", "w_oc", "ebc", "out"},
+     "dsdsvdd",
+     checks(matrix("m_err"), matrix("o"), matrix("hc"), matrix("o_err"), matrix("ebc"),
+            matrix("out"), at_most_matrix("w_oc"), device("hc", "w_oc"), device("o_err", "w_oc"),
+            device("o", "w_oc"), device("m_err", "w_oc"), device_of_out("w_oc"), device("ebc"),
+            packed("out"), packed("m_err"), packed("hc"), packed("w_oc")),
      [](Operands& x) { x[6].ld_cell_cur_error(x[0], x[1], x[2], x[3], x[4], x[5]); },
      [](const Doubles& x) { return x[0] * x[1] * (1 - x[2] * x[2]) + x[3] * x[4] + x[5]; }},
-    {"c_err f f_err w_fc i_err w_ic out", "ddsvsvd",
-     "dev:f_err:i_err dev:w_fc:i_err dev:f:i_err dev:c_err:i_err dev:c_err:out:! dev:w_ic:out "
-     "dim:c_err dim:f dim:f_err dim:i_err con:out con:c_err con:f con:w_fc con:w_ic",
+    {{"c_err", "f", "f_err", "w_fc", "i_err", "w_ic", "out"},
+     "ddsvsvd",
+     checks(device("f_err", "i_err"), device("w_fc", "i_err"), device("f", "i_err"),
+            device("c_err", "i_err"), device_of_out("c_err"), device("w_ic"), matrix("c_err"),
+            matrix("f"), matrix("f_err"), matrix("i_err"), packed("out"), packed("c_err"),
+            packed("f"), packed("w_fc"), packed("w_ic")),
      [](Operands& x) { x[6].ld_cell_back_error(x[0], x[1], x[2], x[3], x[4], x[5]); },
      [](const Doubles& x) { return x[0] * x[1] + x[2] * x[3] + x[4] * x[5]; }},
-    {"a b c out", "ddds", "dev:b:out dev:c:out dev:a:out con:a con:b con:c",
+    {{"a", "b", "c", "out"},
+     "ddds",
+     checks(device("b"), device("c"), device("a"), packed("a"), packed("b"), packed("c")),
      [](Operands& x) { x[3].ld_tanh_backprop(x[0], x[1], x[2]); },
      [](const Doubles& x) { return x[0] * x[1] * (1 - x[2] * x[2]); }},
 };
 
 // Not by elements: only its dispatcher is tested like theirs.
-const StepOp kDiagMatDiff = {"a b out", "", "dev:a:out dev:b:out size:a:b dim:a dim:b",
-                             [](Operands& x) { x[2].diag_mat_diff(x[0], x[1]); }, nullptr};
+const StepOp kDiagMatDiff = {
+    {"a", "b", "out"},
+    "",
+    checks(device("a"), device("b"), size("a", "b"), matrix("a"), matrix("b")),
+    [](Operands& x) { x[2].diag_mat_diff(x[0], x[1]); },
+    nullptr};
 
 class RnnStepTest : public DeviceTest {};
 INSTANTIATE_TEST_SUITE_P(Places, RnnStepTest,
@@ -76,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(Places, RnnStepTest,
 TEST_P(RnnStepTest, MatchesTheFormula) {
     const std::pair<int, int> sizes[] = {{1, 1}, {3, 127}, {2, 129}, {3, 255}, {2, 256}, {3, 257}};
     for (const StepOp& op : kOps) {
-        const std::string kinds = op.kinds;
+        const std::string& kinds = op.kinds;
         const size_t last = kinds.size() - 1;
         for (int variant = 0; variant < 12; ++variant) {
             const auto [height, width] = sizes[variant / 2];
@@ -84,7 +140,7 @@ TEST_P(RnnStepTest, MatchesTheFormula) {
             if (in_place && kinds[0] != kinds[last]) {
                 continue;
             }
-            SCOPED_TRACE(::testing::Message() << &op - kOps << ", width " << width << in_place);
+            SCOPED_TRACE(::testing::Message() << &op - &kOps[0] << ", width " << width << in_place);
             const Dim size(height, width);
             std::vector<Values> values;
             Operands x;
@@ -118,97 +174,65 @@ TEST_P(RnnStepTest, ScalarsAndGuard) {
     const TensorF x = row({5, 5, 5});
     TensorF out = row({kNan, 1, 2});
     out.ld_mul_diag_mat_sigmoid(x, x, row({-100, 100, 0}), 0, 1);
-    expect_close(values_of(out), {sigmoid(-64), 1, 0.5}, 1e-6);
+    expect_close(values_of(out), {sigmoid_of(-64), 1, 0.5}, 1e-6);
     out = row({kNan, 1, 2});
     out.ld_sigmoid_bprop(x, x);
     expect_close(values_of(out), {kNan, -100, -100}, 0);
 }
 
-// Two steps forward and back, as pieces and by the fused operators.
+// A step forward and back, as pieces and by the fused operators.
 TEST_P(RnnStepTest, ComposesToTheFusedStep) {
     const int height = 3, width = 37;
     const Dim cells(height, width), gates(height, 4 * width);
-    const auto zeros = [&](const Dim& size) { return TensorF(size, device()); };
-    const auto filled = [&](const Dim& size, const Values& values) {
-        return dense(size, values, device());
+    unsigned seed = 60;
+    const auto random = [&](const Dim& size) {
+        return dense(size, random_values(size.product(), seed++, -2, 2), device());
     };
     const auto block = [&](const TensorF& wide, int k) {
         return wide.range_col(k * width, (k + 1) * width);
     };
-    enum { kI, kF, kO, kG };
-    TensorF w[3];
-    for (int k = kI; k <= kO; ++k) {
-        w[k] = filled(Dim(width), random_values(width, 70 + k));
-    }
-    struct Step {
-        TensorF x, m_err, c_pre, c, i, f, g, o, h, m, e, err;
-    };
-    const auto state = [&](int t, const TensorF& c_pre) {
-        return Step{filled(gates, random_values(4 * height * width, 80 + t, -2, 2)),
-                    filled(cells, random_values(height * width, 90 + t)),
-                    c_pre,
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(cells),
-                    zeros(gates)};
-    };
     const auto expect_same = [](const TensorF& piece, const TensorF& fused) {
-        const Values expected = values_of(fused);
-        expect_close(values_of(piece), Doubles(expected.begin(), expected.end()), 2e-6, 1e-6);
+        expect_close(values_of(piece), widen(values_of(fused)), 2e-6, 1e-6);
     };
-
-    std::vector<Step> fused, pieces;
-    TensorF c_start = filled(cells, random_values(height * width, 60));
-    for (int t = 0; t < 2; ++t) {
-        fused.push_back(state(t, t ? fused[0].c : c_start));
-        Step& a = fused[t];
-        a.m.lstm_op(a.x, w[kI], w[kF], w[kO], a.c_pre, a.c, a.i, a.f, a.g, a.o, a.h, 0, 0);
-
-        pieces.push_back(state(t, t ? pieces[0].c : c_start));
-        Step& b = pieces[t];
-        b.i.ld_mul_diag_mat_sigmoid(b.c_pre, w[kI], block(b.x, kI));
-        b.f.ld_mul_diag_mat_sigmoid(b.c_pre, w[kF], block(b.x, kF));
-        b.g.ld_tanh(block(b.x, kG));
-        b.c.elem_mul_add(b.i, b.g, b.f, b.c_pre);
-        b.o.ld_mul_diag_mat_sigmoid(b.c, w[kO], block(b.x, kO));
-        b.m.elem_mul_tanh(b.o, b.h, b.c);
-        expect_same(b.c, a.c);
-        expect_same(b.m, a.m);
-        expect_same(b.h, a.h);
-    }
-
-    TensorF c_err = zeros(cells), ebc = zeros(cells);
-    for (int t = 1; t >= 0; --t) {
-        Step &a = fused[t], &b = pieces[t];
-        a.err.lstm_bp_op(a.i, a.f, a.g, a.o, w[kO], a.m_err, a.h, a.c_pre, c_err, a.e);
-
-        TensorF i_err = block(b.err, kI), f_err = block(b.err, kF), o_err = block(b.err, kO),
-                g_err = block(b.err, kG);
-        o_err.ld_sigmoid_backprop(b.m_err, b.h, b.o);
-        b.e.ld_cell_cur_error(b.m_err, b.o, b.h, o_err, w[kO], ebc);
-        g_err.ld_tanh_backprop(b.i, b.e, b.g);
-        f_err.ld_sigmoid_backprop(b.e, b.c_pre, b.f);
-        i_err.ld_sigmoid_backprop(b.e, b.g, b.i);
-        ebc.ld_cell_back_error(b.e, b.f, f_err, w[kF], i_err, w[kI]);
-        expect_same(b.e, a.e);
-        expect_same(b.err, a.err);
-
-        // The fused path leaves the way to the step before to its caller.
-        Values next = values_of(a.e);
-        const Values err = values_of(a.err), f = values_of(a.f), w_i = values_of(w[kI]),
-                     w_f = values_of(w[kF]);
-        for (int k = 0; k < height * width; ++k) {
-            const int j = k % width, row = k / width * 4 * width;
-            next[k] = next[k] * f[k] + err[row + j] * w_i[j] + err[row + width + j] * w_f[j];
+    struct Step {
+        TensorF c, i, f, g, o, h, m, e, err;
+    };
+    const auto outputs = [&] {
+        Step s;
+        for (TensorF* each : {&s.c, &s.i, &s.f, &s.g, &s.o, &s.h, &s.m, &s.e}) {
+            *each = TensorF(cells, device());
         }
-        c_err = filled(cells, next);
-        expect_same(ebc, c_err);
-    }
+        s.err = TensorF(gates, device());
+        return s;
+    };
+    const TensorF x = random(gates), c_pre = random(cells), m_err = random(cells),
+                  c_err = random(cells), w_i = random(Dim(width)), w_f = random(Dim(width)),
+                  w_o = random(Dim(width));
+    Step fused = outputs(), piece = outputs();
+
+    fused.m.lstm_op(x, w_i, w_f, w_o, c_pre, fused.c, fused.i, fused.f, fused.g, fused.o, fused.h,
+                    0, 0);
+    piece.i.ld_mul_diag_mat_sigmoid(c_pre, w_i, block(x, 0));
+    piece.f.ld_mul_diag_mat_sigmoid(c_pre, w_f, block(x, 1));
+    piece.g.ld_tanh(block(x, 3));
+    piece.c.elem_mul_add(piece.i, piece.g, piece.f, c_pre);
+    piece.o.ld_mul_diag_mat_sigmoid(piece.c, w_o, block(x, 2));
+    piece.m.elem_mul_tanh(piece.o, piece.h, piece.c);
+    expect_same(piece.c, fused.c);
+    expect_same(piece.m, fused.m);
+    expect_same(piece.h, fused.h);
+
+    fused.err.lstm_bp_op(fused.i, fused.f, fused.g, fused.o, w_o, m_err, fused.h, c_pre, c_err,
+                         fused.e);
+    TensorF i_err = block(piece.err, 0), f_err = block(piece.err, 1), o_err = block(piece.err, 2),
+            g_err = block(piece.err, 3), ebc = dense(cells, values_of(c_err), device());
+    o_err.ld_sigmoid_backprop(m_err, piece.h, piece.o);
+    piece.e.ld_cell_cur_error(m_err, piece.o, piece.h, o_err, w_o, ebc);
+    g_err.ld_tanh_backprop(piece.i, piece.e, piece.g);
+    f_err.ld_sigmoid_backprop(piece.e, c_pre, piece.f);
+    i_err.ld_sigmoid_backprop(piece.e, piece.g, piece.i);
+    expect_same(piece.e, fused.e);
+    expect_same(piece.err, fused.err);
 }
 
 // Both sides of the tile, of the host's stripes and of the choice of kernel. The host and the wide
@@ -291,48 +315,30 @@ TEST_P(RnnStepTest, CountValidLabelCountsBehindHoles) {
     }
 }
 
-std::vector<std::string> split(const std::string& text, char separator) {
-    std::istringstream stream(text);
-    std::vector<std::string> parts;
-    for (std::string part; std::getline(stream, part, separator);) {
-        parts.push_back(part);
-    }
-    return parts;
-}
-
-/// A matrix with these faults: 3 axes, pitched, on the other device, of another width.
-TensorF with_faults(const std::string& faults) {
-    const auto has = [&](const char* fault) { return faults.find(fault) != std::string::npos; };
-    const int width = has("size") ? 5 : 3, pitch = width + has("con");
-    const Device device = has("dev") ? GPU : CPU;
-    if (has("dim") || has("le")) {
+/// A matrix with these faults.
+TensorF with_faults(const std::set<Fault>& faults) {
+    const int width = faults.count(kSize) ? 5 : 3, pitch = width + faults.count(kPitch);
+    const Device device = faults.count(kDevice) ? GPU : CPU;
+    if (faults.count(kAxes)) {
         return TensorF(Dim(1, 2, pitch), device).get_block(Dim(0, 0, 0), Dim(1, 2, width));
     }
     return TensorF(Dim(2, pitch), device).range_col(0, width);
 }
 
-using RnnStepDeathTest = GpuTest;
+using RnnStepCheckTest = GpuTest;
 
-// Test k is the one that stops a call where it and all after it fail.
-TEST_F(RnnStepDeathTest, TestsInOrder) {
-    std::vector<StepOp> ops(std::begin(kOps), std::end(kOps));
+// Check k is the one that stops a call where it and all after it fail.
+TEST_F(RnnStepCheckTest, ChecksInOrder) {
+    std::vector<StepOp> ops = kOps;
     ops.push_back(kDiagMatDiff);
     std::vector<FailureCase> cases;
     for (const StepOp& op : ops) {
-        const std::vector<std::string> tests = split(op.tests, ' ');
-        std::map<std::string, std::string> faults;
-        for (size_t k = tests.size(); k-- > 0;) {
-            const std::vector<std::string> part = split(tests[k], ':');
-            const std::string &kind = part[0], &of = part[1];
-            faults[part.back() == "!" ? part[2] : of] += kind;
-            const std::string text = kind == "dim"  ? "Check failed: (" + of + ").get_dim() == (2) "
-                                     : kind == "le" ? "Check failed: (" + of + ".get_dim()) <= (2) "
-                                     : kind == "con" ? "Check failed: " + of + ".is_contiguous() "
-                                     : kind == "dev" ? same_device(of, part[2])
-                                                     : same_size(of, part[2]);
-            cases.push_back({text, [=]() mutable {
+        std::map<std::string, std::set<Fault>> faults;
+        for (auto check = op.checks.rbegin(); check != op.checks.rend(); ++check) {
+            faults[check->operand].insert(check->fault);
+            cases.push_back({check->text, [=]() mutable {
                                  Operands x;
-                                 for (const std::string& name : split(op.names, ' ')) {
+                                 for (const std::string& name : op.names) {
                                      x.push_back(with_faults(faults[name]));
                                  }
                                  op.run(x);
@@ -342,29 +348,30 @@ TEST_F(RnnStepDeathTest, TestsInOrder) {
     expect_failures(cases);
 }
 
-TEST_F(RnnStepDeathTest, BatchesOfSequences) {
-    const TensorF cube(Dim(1, 2, 3)), matrix(Dim(6, 3)), five(Dim(5, 3)), on_gpu(Dim(6, 3), GPU);
-    const Tensor<int> two(Dim(2)), three(Dim(3)), six(Dim(6)), gpu_two(Dim(2), GPU);
+using RnnStepFailureTest = FailureTest;
+
+TEST_F(RnnStepFailureTest, BatchesOfSequences) {
+    const TensorF matrix(Dim(6, 4)), five(Dim(5, 4));
+    const Tensor<int> two(Dim(2)), six(Dim(6));
     const auto reverse = [](TensorF out, const TensorF& in, const Tensor<int>& lengths) {
         out.mask_reverse(in, lengths, 3, 2);
     };
     const auto count = [](auto out, const Tensor<int>& mask) { out.count_valid_label(mask, 3, 2); };
     const std::string a_length_each =
-        "Check failed: batch_seq_len.get_element_count() == static_cast<index_t>(batch_size) ";
+        failed("batch_seq_len.get_element_count() == static_cast<index_t>(batch_size)");
     expect_failures({
-        {"Check failed: (in).get_dim() == (2) ", [&] { reverse(cube, cube, gpu_two); }},
-        {"Check failed: (out).get_dim() == (2) ", [&] { reverse(cube, on_gpu, gpu_two); }},
-        {same_device("in"), [&] { reverse(matrix, on_gpu, gpu_two); }},
-        {same_device("batch_seq_len"), [&] { reverse(matrix, five, gpu_two); }},
+        {failed("(in).get_dim() == (2)"), [&] { reverse(cube, cube, far_ints); }},
+        {failed("(out).get_dim() == (2)"), [&] { reverse(cube, far, far_ints); }},
+        {same_device("in"), [&] { reverse(matrix, far, far_ints); }},
+        {same_device("batch_seq_len"), [&] { reverse(matrix, five, far_ints); }},
         {a_length_each, [&] { reverse(matrix, five, two); }},
-        {"Check failed: in.get_size(0) == static_cast<index_t>(batch_size * seq_len) ",
-         [&] { reverse(matrix, five, three); }},
-        {same_device("mask", "batch_seq_len"), [&] { count(two, gpu_two); }},
-        {"Check failed: mask.get_element_count() == "
-         "static_cast<index_t>(batch_size * sub_frame_len) ",
+        {failed("in.get_size(0) == static_cast<index_t>(batch_size * seq_len)"),
+         [&] { reverse(matrix, five, ints); }},
+        {same_device("mask", "batch_seq_len"), [&] { count(two, far_ints); }},
+        {failed("mask.get_element_count() == static_cast<index_t>(batch_size * sub_frame_len)"),
          [&] { count(two, two); }},
         {a_length_each, [&] { count(two, six); }},
-        {"Not Implemented Yet", [&] { count(matrix, two); }},
+        {kNotImplemented, [&] { count(matrix, two); }},
     });
 }
 

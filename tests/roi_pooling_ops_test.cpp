@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cfloat>
-#include <numeric>
 #include <tuple>
 
 #include "device_test.h"
@@ -13,10 +12,6 @@ class RoiPoolingTest : public DeviceTest {
 protected:
     Tensor<float> records(const Values& rois) {
         return make(Dim(static_cast<int>(rois.size() / 5), 5, 1, 1), rois);
-    }
-    /// alpha * a + beta * b as the device rounds it.
-    float blend(float alpha, float a, float beta, float b) const {
-        return on_gpu() ? std::fma(a, alpha, beta * b) : alpha * a + beta * b;
     }
 };
 INSTANTIATE_TEST_SUITE_P(Places, RoiPoolingTest, kDensePlaces, name_of_place);
@@ -247,35 +242,6 @@ TEST_P(RoiPoolingTest, LastBinBeyondTheRegion) {
     EXPECT_EQ(values_of(back)[29], 0);
 }
 
-// <forward(x), y> = <x, backward(y)>: maxima are elements of x, averages are linear in it.
-TEST_P(RoiPoolingTest, BackwardIsTheAdjoint) {
-    const int rois = 30, side = 4, depth = 3;
-    const Dim map_size(2, depth * side * side, 10, 14);
-    const Dim wide(rois, depth * side * side, side, side), narrow(rois, depth, side, side);
-    const Values x = random_values(map_size.product(), 6);
-    const TensorF data = make(map_size, x), regions = records(random_rois(rois, 2, 10, 14, 0.5, 7));
-    const auto dot = [](const Values& a, const Values& b) {
-        return std::inner_product(a.begin(), a.end(), b.begin(), 0.0);
-    };
-    for (bool averages : {false, true}) {
-        const Dim& grid_size = averages ? narrow : wide;
-        const Values y = random_values(grid_size.product(), 8);
-        TensorF out = poisoned(grid_size), back(map_size, device());
-        back.zero();
-        Tensor<int> idx = poisoned<int>(grid_size);
-        if (averages) {
-            const PSROIPoolingDesc desc(depth, side, 0.5);
-            out.psroi_pool_fwd(desc, data, regions, idx);
-            back.psroi_pool_bp(desc, make(grid_size, y), regions, idx);
-        } else {
-            const ROIPoolingDesc desc(side, side, 0.5);
-            out.roi_pool_fwd(desc, data, regions, idx);
-            back.roi_pool_bp(desc, make(grid_size, y), regions, idx);
-        }
-        EXPECT_NEAR(dot(values_of(out), y), dot(x, values_of(back)), 1e-7 * x.size());
-    }
-}
-
 // Against the definition. An edge is rounded twice on the host and once on a GPU, and a GPU takes
 // grids that are no multiple of the groups. The backward form obeys the channels that it is given.
 TEST_P(RoiPoolingTest, PositionSensitiveAverages) {
@@ -358,17 +324,15 @@ TEST_P(RoiPoolingTest, NoRegions) {
     EXPECT_EQ(values_of(sum), Values(288, 2));
 }
 
-using RoiPoolingFailureTest = GpuTest;
+using RoiPoolingFailureTest = FailureTest;
 
 TEST_F(RoiPoolingFailureTest, Texts) {
     const Dim one(1, 1, 1, 1);
-    TensorF h(one, CPU), d(one, GPU), two_axes(Dim(1, 5), CPU), rois(Dim(2, 5, 1, 1), CPU);
-    Tensor<int> hi(one, CPU), di(one, GPU);
+    TensorF h(one), d = far_of(one), two_axes(Dim(1, 5)), rois(Dim(2, 5, 1, 1));
+    Tensor<int> hi(one), di = far_of<int>(one);
     const ROIPoolingDesc roi;
     const PSROIPoolingDesc ps;
-    const std::string scalars = "Check failed: alpha == 1.0f && beta == 0.0f ";
-    rois.zero();
-    two_axes.zero();
+    const std::string scalars = failed("alpha == 1.0f && beta == 0.0f");
     const auto pool_image = [&](float image) {
         rois.get_ptr()[5] = image;
         h.roi_pool_fwd(roi, h, rois, hi);
@@ -390,8 +354,8 @@ TEST_F(RoiPoolingFailureTest, Texts) {
         {same_device("diff"), [&] { d.psroi_pool_bp(ps, h, d, di, 1, 1); }},
         {scalars, [&] { h.psroi_pool_bp(ps, h, h, hi, 1, 1); }},
         {scalars, [&] { d.psroi_pool_bp(ps, d, d, di, 0.5); }},
-        {"Check failed: (roi_batch_ind) >= (0) ", [&] { pool_image(-1); }},
-        {"Check failed: (roi_batch_ind) < (batch_size) ", [&] { pool_image(1); }},
+        {failed("(roi_batch_ind) >= (0)"), [&] { pool_image(-1); }},
+        {failed("(roi_batch_ind) < (batch_size)"), [&] { pool_image(1); }},
         {kBadAxis, [&] { h.roi_pool_fwd(roi, h, two_axes, hi); }},
         {kBadAxis, [&] { h.roi_pool_fwd(roi, two_axes, rois, hi); }},
     });

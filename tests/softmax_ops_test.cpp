@@ -8,15 +8,6 @@ namespace vorn {
 namespace test {
 namespace {
 
-struct Extents {
-    int outer, channel, inner;
-
-    int count() const { return outer * channel * inner; }
-    int sums() const { return outer * inner; }
-    int at(int o, int c, int k) const { return (o * channel + c) * inner + k; }
-    Dim dim() const { return inner == 1 ? Dim(outer, channel) : Dim(outer, channel, inner); }
-};
-
 // f(o, k) for each fold over the channels.
 template <typename F>
 void for_each_fold(const Extents& e, F f) {
@@ -122,7 +113,7 @@ TEST_P(SoftmaxTest, BackwardMatchesThePlainLoop) {
     for (const Extents& e : table) {
         SCOPED_TRACE(e.dim().to_string());
         const Values y = random_values(e.count(), 9), g = random_values(e.count(), 10);
-        const Values old = random_values(e.sums(), 11);
+        const Values old = random_values(e.items(), 11);
         Values product(e.count()), gradient(e.count()), of_product(e.count()), sums;
         for_each_fold(e, [&](int o, int k) {
             float sum = on_gpu() ? 0 : old[o * e.inner + k];
@@ -157,7 +148,7 @@ TEST_P(SoftmaxTest, BackwardIsTheGradient) {
     for (const Extents& e : {Extents{3, 5, 1}, {2, 4, 3}, {1, 3, 66}}) {
         SCOPED_TRACE(e.dim().to_string());
         const Values w = random_values(e.count(), 12), in = random_values(e.count(), 13);
-        TensorF gradient = poisoned(e.dim()), sums(Dim(e.sums()), device());
+        TensorF gradient = poisoned(e.dim()), sums(Dim(e.items()), device());
         gradient.softmax_bp_normal(make(e.dim(), softmax(in, e)), make(e.dim(), w), sums, e.outer,
                                    e.channel, e.inner);
         Doubles x = widen(in);
@@ -184,57 +175,53 @@ TEST_P(SoftmaxTest, EmptyTensorsHoldNothing) {
     EXPECT_EQ(element, 5);
 }
 
-TEST(SoftmaxDeathTest, TestsInTheirOrder) {
-    ThreadContextScope context;
-    float memory[12] = {};  // said to be on a GPU where a test comes before it is read
-    TensorF out(Dim(3, 4)), in(Dim(3, 4)), cube(Dim(1, 3, 4)), flat(Dim(12)), small(Dim(3, 3));
-    TensorF sums(Dim(3)), far(memory, Dim(3, 4), GPU), far_flat(memory, Dim(12), GPU);
-    TensorF far_sums(memory, Dim(3), GPU), null_far(nullptr, Dim(3, 4), GPU);
-    TensorF null_none(nullptr, Dim(0, 4), GPU), none(memory, Dim(0, 4), GPU);
+using SoftmaxFailureTest = FailureTest;
 
+TEST_F(SoftmaxFailureTest, TestsInTheirOrder) {
+    TensorF none = far_of(Dim(0, 4)), null_none(nullptr, Dim(0, 4), GPU),
+            null_far(nullptr, Dim(3, 4), GPU);
     const std::string scalars = "need alpha == 1.0f && beta == 0.0f vs alpha = ";
-    const std::string forward = "Check failed: alpha == 1.0f && beta == 0.0f softmax " + scalars;
+    const std::string forward = failed("alpha == 1.0f && beta == 0.0f", "softmax " + scalars);
     const std::string backward =
-        "Check failed: alpha == 1.0f && beta == 0.0f softmax_bp_normal " + scalars;
+        failed("alpha == 1.0f && beta == 0.0f", "softmax_bp_normal " + scalars);
     const std::string count =
-        "Check failed: out.get_element_count() == outer * channel * inner element size not match";
+        failed("out.get_element_count() == outer * channel * inner", "element size not match");
     expect_failures({
-        {"Check failed: in.get_dim() == 2 ", [&] { out.softmax(flat, 2, 1); }},
+        {failed("in.get_dim() == 2"), [&] { out.softmax(flat, 2, 1); }},
         {forward + "2 beta = 0", [&] { out.softmax(in, 3, 1, 4, 2, 0); }},
         {forward + "1 beta = 0.5", [&] { out.softmax(in, 1, 0.5f); }},
-        {"Check failed: channel != 1 softmax failed. outer = 5 channel = 1 inner = 7",
+        {failed("channel != 1", "softmax failed. outer = 5 channel = 1 inner = 7"),
          [&] { out.softmax(in, 5, 1, 7); }},
         {count, [&] { out.softmax(far_flat, 3, 4, 2); }},
         {same_size("in"), [&] { out.softmax(far_flat, 3, 4, 1); }},
         {same_device("in"), [&] { out.softmax(far); }},
-        {"Check notnull: in_ptr ", [&] { null_far.softmax(null_far); }},
-        {"Check notnull: out_ptr ", [&] { null_far.softmax(far); }},
-        {"Check failed: a.get_element_count() == outer * channel * inner ",
-         [&] { vorn_stat_channel_sum(in, sums, 3, 3, 2); }},
-        {"Check failed: out.get_element_count() == outer * inner ",
-         [&] { vorn_stat_channel_sum(in, sums, 4, 3, 1); }},
-        {"Check failed: output.get_dim() == 2 ",
-         [&] { out.softmax_bp_normal(flat, in, sums, 2, 1); }},
-        {backward + "2 beta = 0", [&] { out.softmax_bp_normal(in, in, sums, 3, 1, 4, 2, 0); }},
-        {backward + "1 beta = 1", [&] { out.softmax_bp_normal(in, in, sums, 1, 1); }},
-        {"Check failed: channel != 1 softmax_bp_normal failed. outer = 5 channel = 1 inner = 7",
-         [&] { out.softmax_bp_normal(in, in, sums, 5, 1, 7); }},
-        {count, [&] { out.softmax_bp_normal(in, in, sums, 2, 4, 2); }},
-        {"Check failed: softmax_sum.get_element_count() == outer * inner element size not match",
-         [&] { out.softmax_bp_normal(far_flat, in, far_sums, 2, 3, 2); }},
+        {not_null("in_ptr"), [&] { null_far.softmax(null_far); }},
+        {not_null("out_ptr"), [&] { null_far.softmax(far); }},
+        {failed("a.get_element_count() == outer * channel * inner"),
+         [&] { vorn_stat_channel_sum(in, vec, 3, 3, 2); }},
+        {failed("out.get_element_count() == outer * inner"),
+         [&] { vorn_stat_channel_sum(in, vec, 4, 3, 1); }},
+        {failed("output.get_dim() == 2"), [&] { out.softmax_bp_normal(flat, in, vec, 2, 1); }},
+        {backward + "2 beta = 0", [&] { out.softmax_bp_normal(in, in, vec, 3, 1, 4, 2, 0); }},
+        {backward + "1 beta = 1", [&] { out.softmax_bp_normal(in, in, vec, 1, 1); }},
+        {failed("channel != 1", "softmax_bp_normal failed. outer = 5 channel = 1 inner = 7"),
+         [&] { out.softmax_bp_normal(in, in, vec, 5, 1, 7); }},
+        {count, [&] { out.softmax_bp_normal(in, in, vec, 2, 4, 2); }},
+        {failed("softmax_sum.get_element_count() == outer * inner", "element size not match"),
+         [&] { out.softmax_bp_normal(far_flat, in, far_vec, 2, 3, 2); }},
         // The product's tests of sizes and devices come before those of the gradient.
-        {same_size("in1"), [&] { out.softmax_bp_normal(small, far_flat, far_sums, 3, 4, 1); }},
-        {same_size("in2"), [&] { out.softmax_bp_normal(far, flat, far_sums, 3, 4, 1); }},
-        {same_device("in1"), [&] { out.softmax_bp_normal(far, far, far_sums); }},
-        {same_device("in2"), [&] { out.softmax_bp_normal(in, far, far_sums); }},
-        {same_device("softmax_sum"), [&] { out.softmax_bp_normal(in, in, far_sums); }},
-        {"Check notnull: sum_buf_p ",
+        {same_size("in1"), [&] { out.softmax_bp_normal(small, far_flat, far_vec, 3, 4, 1); }},
+        {same_size("in2"), [&] { out.softmax_bp_normal(far, flat, far_vec, 3, 4, 1); }},
+        {same_device("in1"), [&] { out.softmax_bp_normal(far, far, far_vec); }},
+        {same_device("in2"), [&] { out.softmax_bp_normal(in, far, far_vec); }},
+        {same_device("softmax_sum"), [&] { out.softmax_bp_normal(in, in, far_vec); }},
+        {not_null("sum_buf_p"),
          [&] { null_none.softmax_bp_normal(null_none, null_none, null_none, 0, 4, 1); }},
-        {"Check notnull: src_grad_p ",
+        {not_null("src_grad_p"),
          [&] { null_none.softmax_bp_normal(null_none, null_none, none, 0, 4, 1); }},
-        {"Check notnull: dst_grad_p ",
+        {not_null("dst_grad_p"),
          [&] { null_none.softmax_bp_normal(null_none, none, none, 0, 4, 1); }},
-        {"Check notnull: out_p ", [&] { none.softmax_bp_normal(null_none, none, none, 0, 4, 1); }},
+        {not_null("out_p"), [&] { none.softmax_bp_normal(null_none, none, none, 0, 4, 1); }},
     });
 }
 

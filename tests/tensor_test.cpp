@@ -162,14 +162,14 @@ TEST_F(TensorTest, FailureTexts) {
     Tensor<float> columns = t.range_col(0, 2), block = t.slice(0, 2), owner(Dim(2));
     Tensor<float> no_axes{Dim()};
     const auto buffer = std::make_shared<Buffer>(16, CPU);
-    const std::string dense = "Check failed: is_contiguous() memory not contiguous";
+    const std::string dense = failed("is_contiguous()", "memory not contiguous");
     const std::string matrix = "Check failed: (2) == (get_dim()) Tensor::";
     const std::string count = "Check failed: product(_size) == product(";
-    const std::string end = "Check failed: end <= _size[0] invalid param, end = ";
+    const std::string end = failed("end <= _size[0] invalid param, end =");
     const std::string too_large = kTooLarge + "[65536, 65536] product_long 4294967296";
     expect_failures({
-        {"Check failed: _ptr >= _buffer->ptr() && _ptr < _buffer->end() Cannot create tensor "
-         "outside of buffer.",
+        {failed("_ptr >= _buffer->ptr() && _ptr < _buffer->end()",
+                "Cannot create tensor outside of buffer."),
          [&] { Tensor<float>(buffer, Dim(1), 1, static_cast<float*>(buffer->ptr()) + 4); }},
         {kBadAxis, [] { Tensor<float>().get_w(); }},
         {kBadAxis, [&] { t.get_c(); }},
@@ -182,34 +182,32 @@ TEST_F(TensorTest, FailureTexts) {
         {count + "size) memory size not match Dim [2] vs Dim [3]", [&] { owner.reshape(Dim(3)); }},
         {kBadAxis, [&] { no_axes.reshape(Dim()); }},
         {kBadAxis, [&] { columns.reshape(Dim()); }},
-        {"Check failed: end > start end 1 start 1", [&] { t.slice(1, 1); }},
-        {"Check failed: end > start end 6 start 6", [&] { t.slice(6, 6); }},
+        {failed("end > start", "end 1 start 1"), [&] { t.slice(1, 1); }},
+        {failed("end > start", "end 6 start 6"), [&] { t.slice(6, 6); }},
         {end + "5 Dim [4, 6]", [&] { t.slice(3, 5); }},
         {matrix + "range_row just support 2-D matrix.", [&] { cube.range_row(0, 9); }},
         {matrix + "get_col just support 2-D matrix.", [&] { cube.range_col(0, 9); }},
-        {"Check failed: get_dim() == 2 || (!_is_block) ",
+        {failed("get_dim() == 2 || (!_is_block)"),
          [&] { cube_block.get_block(Dim(0), Dim(1, 2)); }},
-        {"Check failed: (a.get_axis()) == (b.get_axis()) ",
-         [&] { t.get_block(Dim(0), Dim(1, 2)); }},
-        {"Check failed: size.get_axis() == _size.get_axis() ",
-         [&] { t.get_block(Dim(0), Dim(9)); }},
-        {"Check failed: size[sub_dim] > 0 && size[sub_dim] <= _size[sub_dim] ",
+        {failed("(a.get_axis()) == (b.get_axis())"), [&] { t.get_block(Dim(0), Dim(1, 2)); }},
+        {failed("size.get_axis() == _size.get_axis()"), [&] { t.get_block(Dim(0), Dim(9)); }},
+        {failed("size[sub_dim] > 0 && size[sub_dim] <= _size[sub_dim]"),
          [&] { cube.get_block(Dim(0, 0, 2), Dim(9, 9, 2)); }},
-        {"Check failed: size[i] == _size[i] ", [&] { cube.get_block(Dim(0, 0, 0), Dim(9, 2, 4)); }},
-        {"Check failed: size[0] > 0 && size[0] <= _size[0] slice invalid",
+        {failed("size[i] == _size[i]"), [&] { cube.get_block(Dim(0, 0, 0), Dim(9, 2, 4)); }},
+        {failed("size[0] > 0 && size[0] <= _size[0]", "slice invalid"),
          [&] { t.get_block(Dim(0, 0), Dim(5, 6)); }},
-        {"Check failed: sub_dim == 0 || size[0] == _size[0] slice invalid",
+        {failed("sub_dim == 0 || size[0] == _size[0]", "slice invalid"),
          [&] { t.get_block(Dim(0, 0), Dim(2, 2)); }},
         {kBadIndex, [&] { t.get_block(Dim(4, 0), Dim(5, 6)); }},
         {too_large, [&] { block.resize(Dim(65536, 65536), true); }},  // tested first
-        {"Check failed: !_is_block block tensor can not resize",
+        {failed("!_is_block", "block tensor can not resize"),
          [&] { block.resize(block.get_size(), true); }},
-        {"Check failed: nullptr == _ptr tensor inited before", [&] { owner.set_device(GPU); }},
-        {"Check failed: start_axis <= end_axis ", [&] { t.count(0, -1); }},
-        {"Check failed: start_axis >= 0 ", [&] { t.count(-1, 1); }},
+        {failed("nullptr == _ptr", "tensor inited before"), [&] { owner.set_device(GPU); }},
+        {failed("start_axis <= end_axis"), [&] { t.count(0, -1); }},
+        {failed("start_axis >= 0"), [&] { t.count(-1, 1); }},
         {kBadIndex, [&] { t.index(Dim(4, 0)); }},
-        {"Check failed: 2 == get_dim() ", [&] { vector.get_row(0); }},
-        {"Check failed: t.is_contiguous() ", [&] { MatrixView<float, true> view(columns); }},
+        {failed("2 == get_dim()"), [&] { vector.get_row(0); }},
+        {failed("t.is_contiguous()"), [&] { MatrixView<float, true> view(columns); }},
     });
 }
 

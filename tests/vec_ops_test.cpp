@@ -130,27 +130,24 @@ TEST_P(LogSubPriorTest, MatchesTheFormulaWithAFloorForTheMatrixOnly) {
     }
 }
 
-TEST(VecOpsDeathTest, TestsInTheirOrder) {
-    float memory[9] = {};  // said to be on a GPU, because no test reads it
-    TensorF out(Dim(3, 3)), wide(Dim(3, 4)), cube(Dim(1, 3, 3)), flat(Dim(9)), vec(Dim(3));
-    TensorF vec4(Dim(4)), column(Dim(3, 1)), far(memory, Dim(3, 3), GPU),
-        far_vec(memory, Dim(3), GPU);
-    TensorF far_cube(memory, Dim(1, 3, 3), GPU), vec_cube(Dim(1, 1, 3));
+using VecOpsFailureTest = FailureTest;
 
-    const std::string dim_a = "Check failed: a.get_dim() == 2 ";
-    const std::string row_b = "Check failed: b.get_dim() <= 2 && b.get_w() == a.get_w() ";
-    const std::string col_b = "Check failed: b.get_dim() <= 2 && b.get_w() == a.get_h() ";
+TEST_F(VecOpsFailureTest, TestsInTheirOrder) {
+    const TensorF vec4(Dim(4)), column(Dim(3, 1)), vec_cube(Dim(1, 1, 3));
+    const std::string dim_a = failed("a.get_dim() == 2");
+    const std::string row_b = failed("b.get_dim() <= 2 && b.get_w() == a.get_w()");
+    const std::string col_b = failed("b.get_dim() <= 2 && b.get_w() == a.get_h()");
     expect_failures({
-        {dim_a, [&] { out.row_mul_vec(far_cube, vec4); }},
-        {row_b, [&] { out.row_mul_vec(far, vec4); }},
-        {row_b, [&] { out.row_mul_vec(out, vec_cube); }},
-        {same_device("a"), [&] { out.row_mul_vec(far, far_vec); }},
-        {same_device("b"), [&] { out.row_mul_vec(out, far_vec); }},
-        {dim_a, [&] { out.col_mul_vec(flat, vec4); }},
-        {col_b, [&] { out.col_mul_vec(far, vec4); }},
-        {col_b, [&] { out.col_mul_vec(out, column); }},
-        {same_device("a"), [&] { out.col_mul_vec(far, far_vec); }},
-        {same_device("b"), [&] { out.col_mul_vec(out, far_vec); }},
+        {dim_a, [&] { small.row_mul_vec(far_cube, vec4); }},
+        {row_b, [&] { small.row_mul_vec(far_small, vec4); }},
+        {row_b, [&] { small.row_mul_vec(small, vec_cube); }},
+        {same_device("a"), [&] { small.row_mul_vec(far_small, far_vec); }},
+        {same_device("b"), [&] { small.row_mul_vec(small, far_vec); }},
+        {dim_a, [&] { small.col_mul_vec(flat, vec4); }},
+        {col_b, [&] { small.col_mul_vec(far_small, vec4); }},
+        {col_b, [&] { small.col_mul_vec(small, column); }},
+        {same_device("a"), [&] { small.col_mul_vec(far_small, far_vec); }},
+        {same_device("b"), [&] { small.col_mul_vec(small, far_vec); }},
     });
 
     for (const bool add : {true, false}) {
@@ -158,25 +155,25 @@ TEST(VecOpsDeathTest, TestsInTheirOrder) {
             add ? o.diag_add_vec(m, d) : o.diag_mul_vec(m, d);
         };
         expect_failures({
-            {same_size("mat"), [&] { diag(out, flat, far_vec); }},
-            {"Check failed: (mat).get_dim() == (2) ", [&] { diag(cube, far_cube, vec4); }},
-            {"Check failed: (out).get_dim() == (2) ", [&] { diag(cube, far, vec4); }},
-            {"Check failed: mat.get_h() == mat.get_w() ", [&] { diag(wide, wide, far); }},
-            {"Check failed: mat.get_h() == diag_mat.get_element_count() ",
-             [&] { diag(out, far, vec4); }},
-            {same_device("mat"), [&] { diag(out, far, far_vec); }},
-            {same_device("diag_mat"), [&] { diag(out, out, far_vec); }},
+            {same_size("mat"), [&] { diag(small, flat, far_vec); }},
+            {failed("(mat).get_dim() == (2)"), [&] { diag(cube, far_cube, vec4); }},
+            {failed("(out).get_dim() == (2)"), [&] { diag(cube, far, vec4); }},
+            {failed("mat.get_h() == mat.get_w()"), [&] { diag(out, out, far_small); }},
+            {failed("mat.get_h() == diag_mat.get_element_count()"),
+             [&] { diag(small, far_small, vec4); }},
+            {same_device("mat"), [&] { diag(small, far_small, far_vec); }},
+            {same_device("diag_mat"), [&] { diag(small, small, far_vec); }},
         });
     }
 
     expect_failures({
-        {same_size("in"), [&] { out.log_sub_prior(flat.get_with_shape(Dim(1, 9)), column); }},
-        {"Check failed: (in).get_dim() == (2) ", [&] { cube.log_sub_prior(far_cube, column); }},
-        {"Check failed: (out).get_dim() == (2) ", [&] { cube.log_sub_prior(far, column); }},
-        {"Check failed: prior.get_dim() == 1 || (prior.get_dim() == 2 && prior.get_h() == 1) ",
-         [&] { out.log_sub_prior(far, column); }},
-        {same_device("in"), [&] { out.log_sub_prior(far, far_vec); }},
-        {same_device("prior"), [&] { out.log_sub_prior(out, far_vec); }},
+        {same_size("in"), [&] { small.log_sub_prior(flat, column); }},
+        {failed("(in).get_dim() == (2)"), [&] { cube.log_sub_prior(far_cube, column); }},
+        {failed("(out).get_dim() == (2)"), [&] { cube.log_sub_prior(far, column); }},
+        {failed("prior.get_dim() == 1 || (prior.get_dim() == 2 && prior.get_h() == 1)"),
+         [&] { small.log_sub_prior(far_small, column); }},
+        {same_device("in"), [&] { small.log_sub_prior(far_small, far_vec); }},
+        {same_device("prior"), [&] { small.log_sub_prior(small, far_vec); }},
     });
 }
 

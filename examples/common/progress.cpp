@@ -73,13 +73,14 @@ Progress::Progress(int epochs, std::int64_t per_epoch, const std::string& unit)
                terminal_width() - 1) {}
 
 Progress::Progress(int epochs, std::int64_t per_epoch, std::string unit, std::ostream* out,
-                   bool terminal, int width)
+                   bool terminal, int width, std::function<Clock::time_point()> now)
     : _epochs(epochs),
       _per_epoch(per_epoch),
       _unit(std::move(unit)),
       _out(out),
       _terminal(terminal),
-      _width(width) {}
+      _width(width),
+      _now(std::move(now)) {}
 
 Progress::~Progress() {
     if (_line_open) {
@@ -88,7 +89,7 @@ Progress::~Progress() {
 }
 
 void Progress::update(int epoch, std::int64_t done, double loss) {
-    const Clock::time_point now = Clock::now();
+    const Clock::time_point now = _now();
     if (seconds_between(_last_drawn, now) < (_terminal ? kRedrawSeconds : kPlainSeconds)) {
         return;
     }

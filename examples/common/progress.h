@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <string>
 
@@ -28,10 +29,12 @@ std::string progress_line(const ProgressState& state, int width);
 /// a plain line appears at most every ten seconds.
 class Progress {
 public:
+    using Clock = std::chrono::steady_clock;
+
     /// Reports to standard error, in the form that fits it.
     Progress(int epochs, std::int64_t per_epoch, const std::string& unit);
     Progress(int epochs, std::int64_t per_epoch, std::string unit, std::ostream* out, bool terminal,
-             int width);
+             int width, std::function<Clock::time_point()> now = Clock::now);
 
     /// A terminal line that was left half-drawn, by an exception say, is ended.
     ~Progress();
@@ -46,8 +49,6 @@ public:
     void end_line(const std::string& text);
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     int _epochs;
     std::int64_t _per_epoch;
     std::string _unit;
@@ -55,7 +56,8 @@ private:
     bool _terminal;
     int _width;
     bool _line_open = false;
-    Clock::time_point _start = Clock::now();
+    std::function<Clock::time_point()> _now;
+    Clock::time_point _start = _now();
     Clock::time_point _last_drawn = _start;
 };
 

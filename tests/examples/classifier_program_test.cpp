@@ -71,48 +71,42 @@ TEST_F(ClassifierProgram, RefusesBadInputInOneLineAndLosesNothing) {
         std::string text = good;
         return text.replace(text.find(from), from.size(), to);
     };
-    const std::pair<std::string, std::string> models[] = {
-        {"", "is no model file of this program"},
-        {good.substr(0, good.size() - 1), "is truncated at 'last.bias'"},
-        {good + "x", "goes on behind its last tensor"},
-        {replaced("hidden 8", "hidden 8192"), "is truncated"},
-        {replaced("hidden 8", "hidden 7"),
-         "'hidden1.weight' has not the shape that the head tells"},
-        {replaced("layers 1", "layers 0"), "network: layers must be 1 to 16, not 0"},
-        {replaced("inputs 784", "inputs 783"), "the network does not fit its images and classes"},
-        {replaced("relu", "tanh"), "network: there is no activation 'tanh'"},
-    };
-    for (const auto& [contents, message] : models) {
-        _folder.write("model", contents);
-        EXPECT_EQ(run(_folder, _test),
-                  (Outcome{2, "", "vorn_classifier: " + model + ": " + message + "\n"}));
-    }
+    expect_models_refused(
+        _folder, "vorn_classifier", _test,
+        {
+            {"", "is no model file of this program"},
+            {good.substr(0, good.size() - 1), "is truncated at 'last.bias'"},
+            {good + "x", "goes on behind its last tensor"},
+            {replaced("hidden 8", "hidden 8192"), "is truncated"},
+            {replaced("hidden 8", "hidden 7"),
+             "'hidden1.weight' has not the shape that the head tells"},
+            {replaced("layers 1", "layers 0"), "network: layers must be 1 to 16, not 0"},
+            {replaced("inputs 784", "inputs 783"),
+             "the network does not fit its images and classes"},
+            {replaced("relu", "tanh"), "network: there is no activation 'tanh'"},
+        });
 
     _folder.write("model", good);
-    const std::pair<std::string, std::string> refused[] = {
-        {train("--images " + images), "--images requires --labels"},
-        {train(_labels), "--labels requires --images"},
-        {train("--test-images x --test-labels y"), "--test-images requires --images"},
-        {train("--images " + (_folder / "short").string() + _labels),
-         (_folder / "short").string() + ": is truncated: 43199 of 43200 bytes of images"},
-        {train("--images /nowhere/i" + _labels), "/nowhere/i: no such file"},
-        {train("--fonts " + _folder.path().string()),
-         _folder.path().string() + ": fonts to render digits from are missing; try apt-get"},
-        {train(_data + " --activation tanh"), "--activation: "},
-        {train(_data + " --dropout 1"), "--dropout: Value 1 not in range 0 to 0.95"},
-        {train(_data + " --epochs 0"), "--epochs: Value 0 not in range"},
-        {train(_data + " --picture " + model), model + ": cannot be two of model, picture and"},
-        {kProgram + " train " + _data + " --out /nowhere/m", "/nowhere/m: cannot be written"},
-        {kProgram + " test --model " + images + " " + _data,
-         images + ": is no model file of this program"},
-        {kProgram, "A subcommand is required"},
-    };
-    for (const auto& [command, message] : refused) {
-        const Outcome outcome = run(_folder, command);
-        EXPECT_EQ(outcome.status, 2) << command;
-        EXPECT_EQ(outcome.err.find("vorn_classifier: " + message), 0u) << outcome.err;
-        EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
-    }
+    expect_refused(
+        _folder, "vorn_classifier",
+        {
+            {train("--images " + images), "--images requires --labels"},
+            {train(_labels), "--labels requires --images"},
+            {train("--test-images x --test-labels y"), "--test-images requires --images"},
+            {train("--images " + (_folder / "short").string() + _labels),
+             (_folder / "short").string() + ": is truncated: 43199 of 43200 bytes of images"},
+            {train("--images /nowhere/i" + _labels), "/nowhere/i: no such file"},
+            {train("--fonts " + _folder.path().string()),
+             _folder.path().string() + ": fonts to render digits from are missing; try apt-get"},
+            {train(_data + " --activation tanh"), "--activation: "},
+            {train(_data + " --dropout 1"), "--dropout: Value 1 not in range 0 to 0.95"},
+            {train(_data + " --epochs 0"), "--epochs: Value 0 not in range"},
+            {train(_data + " --picture " + model), model + ": cannot be two of model, picture and"},
+            {kProgram + " train " + _data + " --out /nowhere/m", "/nowhere/m: cannot be written"},
+            {kProgram + " test --model " + images + " " + _data,
+             images + ": is no model file of this program"},
+            {kProgram, "A subcommand is required"},
+        });
     EXPECT_EQ(read_file(_model), good);
     for (const auto& entry : std::filesystem::directory_iterator(_folder.path())) {
         EXPECT_NE(entry.path().extension(), ".part");

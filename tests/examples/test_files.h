@@ -10,8 +10,11 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/error.h"
+#include "common/gnuplot.h"
 
 /// A folder that is gone when the test is over.
 class TemporaryFolder {
@@ -74,6 +77,41 @@ std::string message_of(Call call) {
     }
     ADD_FAILURE() << "nothing was thrown";
     return "";
+}
+
+/// Each command is refused with status 2 and one line, which begins with the program's name and the
+/// command's message.
+inline void expect_refused(const TemporaryFolder& folder, const std::string& name,
+                           const std::vector<std::pair<std::string, std::string>>& commands) {
+    for (const auto& [command, message] : commands) {
+        const Outcome outcome = run(folder, command);
+        EXPECT_EQ(outcome.status, 2) << command;
+        EXPECT_EQ(outcome.err.find(name + ": " + message), 0u) << outcome.err;
+        EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
+    }
+}
+
+/// A model file of each of these contents is refused by `command`, which reads `model`.
+inline void expect_models_refused(const TemporaryFolder& folder, const std::string& name,
+                                  const std::string& command,
+                                  const std::vector<std::pair<std::string, std::string>>& models) {
+    for (const auto& [contents, message] : models) {
+        const std::string model = folder.write("model", contents).string();
+        EXPECT_EQ(run(folder, command),
+                  (Outcome{2, "", name + ": " + model + ": " + message + "\n"}));
+    }
+}
+
+inline bool has_gnuplot() {
+    return std::system("gnuplot --version >/dev/null 2>&1") == 0;
+}
+
+/// gnuplot makes a PNG file of the script without a warning.
+inline void expect_drawn(const std::filesystem::path& png, const std::string& script) {
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(common::draw_picture(png, script));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(read_file(png).substr(0, 8), "\x89PNG\r\n\x1a\n");
 }
 
 #endif  // EXAMPLES_TEST_FILES_H_

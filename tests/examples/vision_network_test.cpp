@@ -134,25 +134,6 @@ TEST_P(VisionNetwork, GradientIsThatOfTheLoss) {
     EXPECT_EQ(count, -2 * (3 + 6 + 6));  // the statistics
 }
 
-TEST_P(VisionNetwork, HostAndGpuAgree) {
-    Sample here(device()), there(vorn::GPU);
-    for (int i = 0; i < 3; ++i) {
-        here.backward();
-        there.backward();
-    }
-    for (const Pass pass : {Pass::kTraining, Pass::kInference}) {
-        EXPECT_NEAR(here.loss(pass), there.loss(pass), 1e-5);
-    }
-    const auto parameters = here.network.parameters(), others = there.network.parameters();
-    for (std::size_t p = 0; p < parameters.size(); ++p) {
-        const std::vector<float> a = to_host(parameters[p]->gradient);
-        const std::vector<float> b = to_host(others[p]->gradient);
-        for (std::size_t i = 0; i < a.size(); ++i) {
-            EXPECT_NEAR(a[i], b[i], 1e-5) << parameters[p]->name << " " << i;
-        }
-    }
-}
-
 class VisionTraining : public VisionNetwork {
 protected:
     struct Run {

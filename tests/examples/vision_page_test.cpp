@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 
-#include "common/gnuplot.h"
 #include "digit_images/plot.h"
 #include "seven_segments.h"
 #include "test_files.h"
@@ -79,19 +78,18 @@ TEST(VisionPage, HoldsDigitsWhereItSays) {
                 }
                 return most;
             };
-            const Box inside[] = {{box.left, box.top, box.left + 1, box.bottom},
-                                  {box.right - 1, box.top, box.right, box.bottom},
-                                  {box.left, box.top, box.right, box.top + 1},
-                                  {box.left, box.bottom - 1, box.right, box.bottom}};
-            for (const Box& edge : inside) {
-                EXPECT_GT(ink(edge), 0.7 * vision::kFaintestInk - 0.25);
-            }
-            const Box outside[] = {{box.left - 1, box.top, box.left, box.bottom},
-                                   {box.right, box.top, box.right + 1, box.bottom},
-                                   {box.left, box.top - 1, box.right, box.top},
-                                   {box.left, box.bottom, box.right, box.bottom + 1}};
-            for (const Box& edge : outside) {
-                EXPECT_LT(ink(edge), vision::kFaintestInk + 0.25);
+            const std::pair<Box, Box> inside_and_outside[] = {
+                {{box.left, box.top, box.left + 1, box.bottom},
+                 {box.left - 1, box.top, box.left, box.bottom}},
+                {{box.right - 1, box.top, box.right, box.bottom},
+                 {box.right, box.top, box.right + 1, box.bottom}},
+                {{box.left, box.top, box.right, box.top + 1},
+                 {box.left, box.top - 1, box.right, box.top}},
+                {{box.left, box.bottom - 1, box.right, box.bottom},
+                 {box.left, box.bottom, box.right, box.bottom + 1}}};
+            for (const auto& [inside, outside] : inside_and_outside) {
+                EXPECT_GT(ink(inside), 0.7 * vision::kFaintestInk - 0.25);
+                EXPECT_LT(ink(outside), vision::kFaintestInk + 0.25);
             }
         }
     }
@@ -220,7 +218,7 @@ TEST(VisionPageFile, ReadsEitherPolarityAndRefusesTheRest) {
 }
 
 TEST(VisionReport, DrawsItsPictures) {
-    if (std::system("gnuplot --version >/dev/null 2>&1") != 0) {
+    if (!has_gnuplot()) {
         GTEST_SKIP() << "gnuplot is not there";
     }
     const TemporaryFolder folder;
@@ -236,10 +234,7 @@ TEST(VisionReport, DrawsItsPictures) {
     for (const std::string& script :
          {vision::page_script(png, made, detections), vision::page_script(png, unknown, {}),
           digit_images::picture_script(png, {{1, 0.5, 0.1}}, {{set.image(0), 0, 10}}, filters)}) {
-        testing::internal::CaptureStderr();
-        EXPECT_TRUE(common::draw_picture(png, script));
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(read_file(png).substr(0, 8), "\x89PNG\r\n\x1a\n");
+        expect_drawn(png, script);
         std::filesystem::remove(png);
     }
 }

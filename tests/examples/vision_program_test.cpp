@@ -67,44 +67,37 @@ TEST_F(VisionProgram, RefusesBadInputInOneLine) {
         std::string text = good;
         return text.replace(text.find(from), from.size(), to);
     };
-    const std::pair<std::string, std::string> models[] = {
-        {"", "is no model file of this program"},
-        {good.substr(0, good.size() - 1), "is truncated at 'norm3.variance'"},
-        {good + "x", "goes on behind its last tensor"},
-        {replaced("hidden 16", "hidden 8192"), "is truncated"},
-        {replaced("filters 2", "filters 1"),
-         "'conv1.weight' has not the shape that the head tells"},
-        {replaced("filter_side 5", "filter_side 4"), "network: filter_side must be odd"},
-        {replaced("grid 7", "grid 0"), "network: grid must be 1 to 32, not 0"},
-        {replaced("classes 11", "classes 10"), "the network does not fit its classes"},
-    };
-    for (const auto& [contents, message] : models) {
-        _folder.write("model", contents);
-        EXPECT_EQ(run(_folder, kProgram + " test" + _with_model + _data),
-                  (Outcome{2, "", "vorn_vision: " + model + ": " + message + "\n"}));
-    }
+    expect_models_refused(
+        _folder, "vorn_vision", kProgram + " test" + _with_model + _data,
+        {
+            {"", "is no model file of this program"},
+            {good.substr(0, good.size() - 1), "is truncated at 'norm3.variance'"},
+            {good + "x", "goes on behind its last tensor"},
+            {replaced("hidden 16", "hidden 8192"), "is truncated"},
+            {replaced("filters 2", "filters 1"),
+             "'conv1.weight' has not the shape that the head tells"},
+            {replaced("filter_side 5", "filter_side 4"), "network: filter_side must be odd"},
+            {replaced("grid 7", "grid 0"), "network: grid must be 1 to 32, not 0"},
+            {replaced("classes 11", "classes 10"), "the network does not fit its classes"},
+        });
 
     _folder.write("model", good);
     const std::string find = kProgram + " find" + _with_model;
     const std::string bad_page = _folder.write("page", "x").string();
-    const std::pair<std::string, std::string> refused[] = {
-        {train(_data + " --filters 513"), "--filters: Value 513 not in range 1 to 512"},
-        {train(_data + " --picture " + model), model + ": cannot be two of model, picture and"},
-        {find + "--page " + bad_page, bad_page + ": is no PNG file that can be read: "},
-        {find + "--page " + bad_page + " --pages 2", "--page"},
-        {find + "--page " + bad_page + " --picture " + bad_page,
-         bad_page + ": is read, and cannot be the picture"},
-        {find + _data + " --picture /nowhere/p", "/nowhere/p: cannot be written"},
-        {kProgram + " find --model " + bad_page + " " + _data,
-         bad_page + ": is no model file of this program"},
-        {kProgram, "A subcommand is required"},
-    };
-    for (const auto& [command, message] : refused) {
-        const Outcome outcome = run(_folder, command);
-        EXPECT_EQ(outcome.status, 2) << command;
-        EXPECT_EQ(outcome.err.find("vorn_vision: " + message), 0u) << outcome.err;
-        EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
-    }
+    expect_refused(
+        _folder, "vorn_vision",
+        {
+            {train(_data + " --filters 513"), "--filters: Value 513 not in range 1 to 512"},
+            {train(_data + " --picture " + model), model + ": cannot be two of model, picture and"},
+            {find + "--page " + bad_page, bad_page + ": is no PNG file that can be read: "},
+            {find + "--page " + bad_page + " --pages 2", "--page"},
+            {find + "--page " + bad_page + " --picture " + bad_page,
+             bad_page + ": is read, and cannot be the picture"},
+            {find + _data + " --picture /nowhere/p", "/nowhere/p: cannot be written"},
+            {kProgram + " find --model " + bad_page + " " + _data,
+             bad_page + ": is no model file of this program"},
+            {kProgram, "A subcommand is required"},
+        });
     EXPECT_EQ(read_file(_model), good);
 }
 

@@ -2,10 +2,10 @@
 #define VORN_TESTS_FUZZ_HARNESS_H_
 
 #include <cstdint>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
+
+#include "../memory_file.h"
 
 /// What the fuzz targets share. A target takes one input and holds what was read against it.
 namespace vorn {
@@ -21,18 +21,7 @@ bool returns(const std::function<void()>& call);
 /// Ends the process if `holds` is false.
 void require(bool holds, const char* what);
 
-/// A file stream on memory: the readers and writers take no other stream.
-template <typename FileStream>
-class MemoryFile : public FileStream {
-public:
-    explicit MemoryFile(const std::string& content = "") : _content(content) {
-        static_cast<std::ios*>(this)->rdbuf(&_content);
-    }
-    std::string content() const { return _content.str(); }
-
-private:
-    std::stringbuf _content;
-};
+using test::MemoryFile;
 
 /// What was read, written again, must be the file with zeros where it was cut. `head` is the length
 /// of the shape's fields.

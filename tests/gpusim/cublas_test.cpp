@@ -105,27 +105,6 @@ TEST_F(CublasTest, Sums) {
               CUBLAS_STATUS_INVALID_VALUE);
 }
 
-TEST_F(CublasTest, Norms) {
-    constexpr int n = 1001;
-    const auto x = random_floats(2 * n, 1);
-    const DeviceArray<float> device(x);
-    EXPECT_CUDA(cudaDeviceSynchronize());
-    for (const int incx : {1, 2}) {
-        float norm = -1, sum = -1;
-        EXPECT_BLAS(cublasSnrm2(handle_, n, device.get(), incx, &norm));
-        EXPECT_BLAS(cublasSasum(handle_, n, device.get(), incx, &sum));
-        double squares = 0, magnitudes = 0;
-        for (int i = 0; i < n; ++i) {
-            squares += double{x[i * incx]} * x[i * incx];
-            magnitudes += std::abs(x[i * incx]);
-        }
-        EXPECT_NEAR(norm, std::sqrt(squares), 1e-4);
-        EXPECT_NEAR(sum, magnitudes, 1e-2);
-        EXPECT_BLAS(cublasSnrm2(handle_, 0, device.get(), incx, &norm));
-        EXPECT_EQ(norm, 0.0f);
-    }
-}
-
 TEST_F(CublasTest, BadArguments) {
     DeviceArray<float> device(16);
     std::vector<float> host(16);

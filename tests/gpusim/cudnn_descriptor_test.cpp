@@ -53,36 +53,33 @@ TEST(CudnnDescriptorTest, FiltersAndConvolutions) {
     cudnnConvolutionDescriptor_t conv = nullptr;
     EXPECT_DNN(cudnnCreateFilterDescriptor(&w));
     EXPECT_DNN(cudnnCreateConvolutionDescriptor(&conv));
-    int n, c, h, width;
+    Extents y;
     const auto output = [&] {
-        return cudnnGetConvolution2dForwardOutputDim(conv, x.desc, w, &n, &c, &h, &width);
+        return cudnnGetConvolution2dForwardOutputDim(conv, x.desc, w, &y[0], &y[1], &y[2], &y[3]);
     };
     EXPECT_EQ(output(), BAD);  // nothing is set
-    const auto set = [&](int p, int q, int u, int v, int d, int e,
-                         cudnnConvolutionMode_t mode = CUDNN_CROSS_CORRELATION) {
-        return cudnnSetConvolution2dDescriptor(conv, p, q, u, v, d, e, mode, F);
+    const auto set_filter = [&](Extents e) {
+        return cudnnSetFilter4dDescriptor(w, F, CUDNN_TENSOR_NCHW, e[0], e[1], e[2], e[3]);
     };
-    for (const Extents e : {Extents{0, 3, 3, 3}, {4, 3, -1, 3}}) {
-        EXPECT_EQ(cudnnSetFilter4dDescriptor(w, F, CUDNN_TENSOR_NCHW, e[0], e[1], e[2], e[3]), BAD);
+    const auto set_conv = [&](const std::array<int, 6>& v) {
+        return cudnnSetConvolution2dDescriptor(conv, v[0], v[1], v[2], v[3], v[4], v[5],
+                                               CUDNN_CROSS_CORRELATION, F);
+    };
+    EXPECT_EQ(set_filter({4, 3, -1, 3}), BAD);
+    EXPECT_DNN(set_filter({4, 3, 3, 2}));
+    const std::array<int, 6> good = {1, 0, 2, 1, 2, 3};  // padding, strides, dilations
+    for (int i = 0; i < 6; ++i) {
+        std::array<int, 6> bad = good;
+        bad[i] = i < 2 ? -1 : 0;
+        EXPECT_EQ(set_conv(bad), BAD) << i;
     }
-    EXPECT_EQ(cudnnSetFilter4dDescriptor(w, F, CUDNN_TENSOR_NCHW_VECT_C, 4, 4, 1, 1), BAD);
-    EXPECT_DNN(cudnnSetFilter4dDescriptor(w, F, CUDNN_TENSOR_NCHW, 4, 3, 3, 2));
-    EXPECT_EQ(set(-1, 0, 1, 1, 1, 1), BAD);
-    EXPECT_EQ(set(0, -1, 1, 1, 1, 1), BAD);
-    EXPECT_EQ(set(0, 0, 0, 1, 1, 1), BAD);
-    EXPECT_EQ(set(0, 0, 1, -1, 1, 1), BAD);
-    EXPECT_EQ(set(0, 0, 1, 1, 0, 1), BAD);
-    EXPECT_EQ(set(0, 0, 1, 1, 1, 0), BAD);
-    EXPECT_EQ(set(0, 0, 1, 1, 1, 1, cudnnConvolutionMode_t(5)), BAD);
-    EXPECT_EQ(set(1, 0, 2, 1, 2, 3), OK);
-    EXPECT_EQ(output(), OK);
-    EXPECT_EQ((Extents{n, c, h, width}), (Extents{2, 4, 2, 2}));
-    EXPECT_EQ(cudnnSetConvolutionMathType(conv, CUDNN_FMA_MATH), OK);
-    EXPECT_EQ(cudnnSetConvolutionMathType(conv, cudnnMathType_t(8)), BAD);
-    EXPECT_DNN(cudnnSetFilter4dDescriptor(w, F, CUDNN_TENSOR_NCHW, 4, 2, 3, 3));
-    EXPECT_EQ(output(), BAD);  // channels
-    EXPECT_DNN(cudnnSetFilter4dDescriptor(w, F, CUDNN_TENSOR_NCHW, 4, 3, 8, 1));
-    EXPECT_EQ(output(), BAD);  // larger than the padded image
+    EXPECT_DNN(set_conv(good));
+    EXPECT_DNN(output());
+    EXPECT_EQ(y, (Extents{2, 4, 2, 2}));
+    for (const Extents& e : {Extents{4, 2, 3, 3}, {4, 3, 8, 1}}) {  // channels; too large
+        EXPECT_DNN(set_filter(e));
+        EXPECT_EQ(output(), BAD);
+    }
     EXPECT_DNN(cudnnDestroyFilterDescriptor(w));
     EXPECT_DNN(cudnnDestroyConvolutionDescriptor(conv));
 }
@@ -91,37 +88,26 @@ TEST(CudnnDescriptorTest, Pooling) {
     TestTensor x({2, 3, 5, 5}, 1);
     cudnnPoolingDescriptor_t p = nullptr;
     EXPECT_DNN(cudnnCreatePoolingDescriptor(&p));
-    const auto set = [&](int mode, int nan, int window, int pad, int stride) {
-        return cudnnSetPooling2dDescriptor(p, cudnnPoolingMode_t(mode), cudnnNanPropagation_t(nan),
-                                           window, window, pad, pad, stride, stride);
+    const auto set = [&](int mode, int window, int pad, int stride) {
+        return cudnnSetPooling2dDescriptor(p, cudnnPoolingMode_t(mode), CUDNN_PROPAGATE_NAN, window,
+                                           window, pad, pad, stride, stride);
     };
-    int n, c, h, w;
+    Extents y;
     const auto output = [&] {
-        return cudnnGetPooling2dForwardOutputDim(p, x.desc, &n, &c, &h, &w);
+        return cudnnGetPooling2dForwardOutputDim(p, x.desc, &y[0], &y[1], &y[2], &y[3]);
     };
     EXPECT_EQ(output(), BAD);
-    EXPECT_EQ(set(4, 0, 2, 0, 2), BAD);
-    EXPECT_EQ(set(0, 4, 2, 0, 2), BAD);
-    EXPECT_EQ(set(0, 0, 0, 0, 2), BAD);
-    EXPECT_EQ(set(0, 0, 2, 0, 0), BAD);
+    EXPECT_EQ(set(4, 2, 0, 2), BAD);
+    EXPECT_EQ(set(0, 0, 0, 2), BAD);
+    EXPECT_EQ(set(0, 2, 0, 0), BAD);
     for (const auto& [window, pad, size] : {std::array{2, 0, 2}, {3, 1, 3}, {5, 0, 1}}) {
-        EXPECT_EQ(set(0, 0, window, pad, 2), OK);
-        EXPECT_EQ(output(), OK);
-        EXPECT_EQ((Extents{n, c, h, w}), (Extents{2, 3, size, size}));
+        EXPECT_DNN(set(0, window, pad, 2));
+        EXPECT_DNN(output());
+        EXPECT_EQ(y, (Extents{2, 3, size, size}));
     }
-    EXPECT_EQ(set(0, 0, 7, 0, 2), OK);
+    EXPECT_DNN(set(0, 7, 0, 2));
     EXPECT_EQ(output(), BAD);
     EXPECT_DNN(cudnnDestroyPoolingDescriptor(p));
-}
-
-TEST(CudnnDescriptorTest, HandlesAndTexts) {
-    EXPECT_BAD_PARAM(cudnnCreate(nullptr));
-    EXPECT_DNN(cudnnDestroy(nullptr));
-    EXPECT_BAD_PARAM(cudnnSetStream(nullptr, nullptr));
-    EXPECT_STREQ(cudnnGetErrorString(CUDNN_STATUS_NOT_SUPPORTED), "CUDNN_STATUS_NOT_SUPPORTED");
-    EXPECT_STREQ(cudnnGetErrorString(CUDNN_STATUS_ALLOC_FAILED),
-                 "CUDNN_STATUS_INTERNAL_ERROR_HOST_ALLOCATION_FAILED");
-    EXPECT_STREQ(cudnnGetErrorString(cudnnStatus_t(77)), "CUDNN_UNKNOWN_STATUS");
 }
 
 class CudnnBiasTest : public CudnnTest {};

@@ -78,7 +78,6 @@ public:
         return n * stride[0] + c * stride[1] + h * stride[2] + w * stride[3];
     }
     double operator()(int n, int c, int h, int w) const { return values[offset(n, c, h, w)]; }
-    bool contains(int h, int w) const { return h >= 0 && h < extent[2] && w >= 0 && w < extent[3]; }
     float* get() const { return device.get(); }
     std::vector<float> read() const {
         EXPECT_CUDA(cudaDeviceSynchronize());

@@ -2,6 +2,7 @@
 
 namespace {
 
+// The values of all modes are tested with the pooling operators, which take them from here.
 class CudnnPoolingTest : public CudnnTest {
 protected:
     CudnnPoolingTest() { EXPECT_DNN(cudnnCreatePoolingDescriptor(&desc_)); }
@@ -24,93 +25,6 @@ protected:
 
     cudnnPoolingDescriptor_t desc_ = nullptr;
 };
-
-TEST_F(CudnnPoolingTest, WorkedByHand) {
-    const TestTensor x({1, 1, 3, 3}, {1, 2, 3, 4, 5, 6, 7, 8, 9});
-    TestTensor y({1, 1, 3, 3}, 1), dx({1, 1, 3, 3}, 2);
-    const TestTensor ones({1, 1, 3, 3}, std::vector<float>(9, 1));
-    const struct {
-        cudnnPoolingMode_t mode;
-        double first, last, gradient_of_first;
-    } cases[] = {
-        {CUDNN_POOLING_MAX, 5, 9, 0},
-        {CUDNN_POOLING_MAX_DETERMINISTIC, 5, 9, 0},
-        {CUDNN_POOLING_AVERAGE_COUNT_INCLUDE_PADDING, 12 / 9.0, 28 / 9.0, 4 / 9.0},
-        {CUDNN_POOLING_AVERAGE_COUNT_EXCLUDE_PADDING, 3, 7, 1 / 4.0 + 2 / 6.0 + 1 / 9.0},
-    };
-    for (const auto& c : cases) {
-        set(c.mode, {3, 3}, {1, 1}, {1, 1});
-        EXPECT_DNN(forward(x, y));
-        const auto pooled = y.read();
-        EXPECT_FLOAT_EQ(pooled[0], c.first);
-        EXPECT_FLOAT_EQ(pooled[8], c.last);
-        EXPECT_DNN(backward(y, ones, x, dx));
-        EXPECT_FLOAT_EQ(dx.read()[0], c.gradient_of_first);
-    }
-}
-
-TEST_F(CudnnPoolingTest, AllModesByDefinition) {
-    const struct {
-        std::array<int, 2> window, pad, stride;
-        int h, w;
-    } cases[] = {
-        {{2, 2}, {0, 0}, {2, 2}, 3, 4},
-        {{3, 2}, {1, 0}, {2, 1}, 4, 7},
-        {{3, 4}, {2, 3}, {1, 2}, 9, 6},
-        {{1, 1}, {0, 0}, {3, 3}, 3, 3},
-    };
-    for (const auto& c : cases) {
-        for (const int mode : {0, 1, 2, 3}) {
-            for (const Layout layout : {kPacked, kInterleaved, kGaps}) {
-                for (const Scalars& s : kScalars) {
-                    set(cudnnPoolingMode_t(mode), c.window, c.pad, c.stride);
-                    const Extents in = {2, 3, 7, 8}, out = {2, 3, c.h, c.w};
-                    TestTensor x(in, 1, layout), y(out, 2, layout), dy(out, 3, layout),
-                        dx(in, 4, layout);
-                    std::vector<double> pooled(y.values.size()), gradient(x.values.size());
-                    for_all(out, [&](int n, int ch, int oh, int ow) {
-                        double sum = 0;
-                        int largest = -1;
-                        std::vector<int> inside;
-                        for_all({1, 1, c.window[0], c.window[1]}, [&](int, int, int r, int q) {
-                            const int h = oh * c.stride[0] - c.pad[0] + r;
-                            const int w = ow * c.stride[1] - c.pad[1] + q;
-                            if (x.contains(h, w)) {
-                                const int at = x.offset(n, ch, h, w);
-                                inside.push_back(at);
-                                sum += x.values[at];
-                                largest =
-                                    largest < 0 || x.values[at] > x.values[largest] ? at : largest;
-                            }
-                        });
-                        const int at = y.offset(n, ch, oh, ow);
-                        if (mode == 0 || mode == 3) {
-                            pooled[at] = x.values[largest];
-                            gradient[largest] += dy.values[at];
-                        } else {
-                            const double count =
-                                mode == 1 ? c.window[0] * c.window[1] : inside.size();
-                            pooled[at] = sum / count;
-                            for (const int i : inside) {
-                                gradient[i] += dy.values[at] / count;
-                            }
-                        }
-                    });
-                    // The gradient goes by an unblended y.
-                    EXPECT_DNN(forward(x, y));
-                    EXPECT_DNN(backward(y, dy, x, dx, kScalars[0]));
-                    y.expect(kScalars[0], [&](auto... i) { return pooled[y.offset(i...)]; });
-                    dx.make_old(s);
-                    EXPECT_DNN(backward(y, dy, x, dx, s));
-                    dx.expect(s, [&](auto... i) { return gradient[x.offset(i...)]; });
-                    y.make_old(s);
-                    EXPECT_DNN(forward(x, y, s));
-                    y.expect(s, [&](auto... i) { return pooled[y.offset(i...)]; });
-                }
-            }
-        }
-    }
-}
 
 TEST_F(CudnnPoolingTest, TiesAndNans) {
     constexpr float lowest = std::numeric_limits<float>::lowest();

@@ -5,17 +5,20 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
-/// Holds a stream until the gate is opened, which it does by itself after some time, so that a test
-/// that waits for what stands before the gate fails and doesn't hang.
+/// Lets other threads go ahead for a while, which is counted in turns and not in time.
+inline void let_others_run(int turns = 10000) {
+    for (int i = 0; i < turns; ++i) {
+        std::this_thread::yield();
+    }
+}
+
+/// Holds a stream until the gate is opened, which it does by itself after so many looks, so that a
+/// test that waits for what stands before the gate fails and doesn't hang.
 class Gate {
 public:
-    using Clock = std::chrono::steady_clock;
-
-    explicit Gate(cudaStream_t stream, Clock::duration at_most = std::chrono::seconds(60))
-        : end_(Clock::now() + at_most) {
+    explicit Gate(cudaStream_t stream, long looks = 100'000'000) : looks_(looks) {
         EXPECT_EQ(cudaLaunchHostFunc(stream, &Gate::wait, this), cudaSuccess);
     }
     /// The stream must be past the gate before the gate goes.
@@ -32,12 +35,12 @@ public:
 private:
     static void wait(void* self) {
         Gate& gate = *static_cast<Gate*>(self);
-        while (gate.holds() && Clock::now() < gate.end_) {
+        for (long i = 0; gate.holds() && i < gate.looks_; ++i) {
             std::this_thread::yield();
         }
         gate.open();
     }
-    const Clock::time_point end_;
+    const long looks_;
     std::atomic<bool> open_{false};
 };
 

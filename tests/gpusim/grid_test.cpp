@@ -1,7 +1,6 @@
 #include <pthread.h>
 
 #include <cassert>
-#include <chrono>
 #include <cstdlib>
 #include <regex>
 #include <set>
@@ -15,14 +14,10 @@ namespace {
 class GridTest : public LaunchTest {};
 INSTANTIATE_TEST_SUITE_P(Forms, GridTest, testing::Bool());
 
-void pause(int milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
-/// Waits, at most `milliseconds`, until *count is at least `wanted`.
-void wait_for(int* count, int wanted, int milliseconds) {
-    for (int i = 0; i < milliseconds && atomicAdd(count, 0) < wanted; ++i) {
-        pause(1);
+/// Waits, at most so many looks, until *count is at least `wanted`.
+void wait_for(int* count, int wanted, int looks) {
+    for (int i = 0; i < looks && atomicAdd(count, 0) < wanted; ++i) {
+        std::this_thread::yield();
     }
 }
 
@@ -37,9 +32,12 @@ __global__ void meet(int* arrived, unsigned* out, unsigned long* host) {
     __shared__ unsigned turned[64];
     const unsigned t = threadIdx.x;
     if (t == 0) {
-        pause(blockIdx.x == 0 ? 5 : 0);
-        atomicAdd(arrived, blockIdx.x == 0 ? 0 : 1);
-        wait_for(arrived, blockIdx.x == 0 ? 0 : 2, 10000);
+        if (blockIdx.x == 0) {
+            let_others_run();
+        } else {
+            atomicAdd(arrived, 1);
+            wait_for(arrived, 2, 100'000'000);
+        }
         host[blockIdx.x] = pthread_self();
     }
     turned[63 - t] = 64 * blockIdx.x + t;
@@ -70,10 +68,10 @@ TEST_P(GridTest, HostThreadsShareTheBlocksOfALongLaunch) {
 __global__ void fail_twice(int* failing) {
     __syncthreads();
     if (blockIdx.x == 0) {
-        pause(5);
+        let_others_run();
     }
     if (blockIdx.x == 2) {
-        wait_for(failing, 1, 500);
+        wait_for(failing, 1, 1'000'000);
         assert(blockIdx.x != 2);
     }
     if (blockIdx.x >= 3) {
