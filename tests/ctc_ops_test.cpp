@@ -1,5 +1,9 @@
 #include <algorithm>
 #include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
 #include <numeric>
 
 #include "device_test.h"
@@ -213,6 +217,39 @@ TEST(CtcMathTest, LogDomain) {
     for (const auto& [x, y] : {std::pair<float, float>{-3, -3}, {-1, -8}, {-8, -1}, {0, -30}}) {
         EXPECT_NEAR(func::ctc_log_add(x, y), std::log(std::exp(double(x)) + std::exp(double(y))),
                     5e-7);
+    }
+}
+
+// Written as one expression it takes another way to the same bits.
+TEST(CtcMathTest, SumsHaveTheBitsOfTheirParts) {
+    const auto of_parts = [](float x, float y) {
+        const float larger = x < y ? y : x, smaller = x < y ? x : y;
+        const float part = func::ctc_safe_exp(func::ctc_log_sub(smaller, larger));
+        return func::ctc_log_mul(larger, cpu::log(1.0f + part));
+    };
+    const float infinity = std::numeric_limits<float>::infinity();
+    std::vector<float> values{0.0f, -0.0f, 1, -1, -17, CTC_LOG_ZERO, CTC_LOG_INF, FLT_MAX, NAN};
+    for (float value : {CTC_LOG_ZERO, CTC_EXP_LOST, infinity, FLT_MIN}) {
+        values.push_back(-value);
+        values.push_back(std::nextafter(value, infinity));
+        values.push_back(std::nextafter(value, -infinity));
+    }
+    const auto expect_same = [&](float x, float y) {
+        const float sum = func::ctc_log_add(x, y), expected = of_parts(x, y);
+        EXPECT_TRUE(std::memcmp(&sum, &expected, sizeof sum) == 0 ||
+                    (std::isnan(sum) && std::isnan(expected)))
+            << x << " and " << y << ": " << sum << ", not " << expected;
+    };
+    for (float x : values) {
+        for (float y : values) {
+            expect_same(x, y);
+        }
+    }
+    // Some of all distances from -0 to -20.
+    for (std::uint32_t bits = 0x80000000u; bits < 0xc1a00000u; bits += 1009) {
+        float distance;
+        std::memcpy(&distance, &bits, sizeof distance);
+        expect_same(distance, 0);
     }
 }
 

@@ -114,10 +114,16 @@ static __global__ void KeComputeCtcErr(float* out, const float* alpha, const flo
     }
     const int* label_row = labels + n * label_num;
     const float *alpha_row = alpha + r * label_num, *beta_row = beta + r * label_num;
+    // Most classes are not in the row, and counting is fast because no step waits for another.
+    int left = 0;
+    for (int s = 0; s < label_num; ++s) {
+        left += label_row[s] == k;
+    }
     float acc = CTC_LOG_ZERO;
-    for (int s = 0; s < label_num && label_row[s] != -1; ++s) {
+    for (int s = 0; left != 0 && label_row[s] != -1; ++s) {
         if (label_row[s] == k) {
             acc = func::ctc_log_add(func::ctc_log_mul(alpha_row[s], beta_row[s]), acc);
+            --left;
         }
     }
     out[r * class_num + k] = func::ctc_safe_exp(func::ctc_log_sub(acc, pzx[n]));

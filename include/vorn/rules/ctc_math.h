@@ -16,6 +16,8 @@ constexpr float CTC_LOG_ZERO = -1e30f;
 constexpr float CTC_LOG_INF = 1e30f;
 /// From here on, just above the logarithm of the largest float, exponentials saturate.
 constexpr float CTC_EXP_LIMIT = 88.722839f;
+/// Below this an exponential is less than half of the distance from 1 to the next float.
+constexpr float CTC_EXP_LOST = -17.0f;
 
 namespace func {
 
@@ -40,12 +42,21 @@ VORN_HD inline float ctc_safe_exp(float x) {
     return x >= CTC_EXP_LIMIT ? FLT_MAX : math::exp(x);
 }
 
-/// log(exp(x) + exp(y)), from the larger one up.
+/// log(exp(x) + exp(y)) = larger + log(1 + exp(smaller - larger)), with the bits of
+///
+///     ctc_log_mul(larger, log(1 + ctc_safe_exp(ctc_log_sub(smaller, larger))))
+///
+/// A smaller one that is log zero is as far below as any that is lost in the sum.
 VORN_HD inline float ctc_log_add(float x, float y) {
-    if (x < y) {
-        return ctc_log_mul(y, math::log(1.0f + ctc_safe_exp(ctc_log_sub(x, y))));
+    const float larger = x < y ? y : x, smaller = x < y ? x : y;
+    if (larger == CTC_LOG_ZERO) {
+        return CTC_LOG_ZERO;
     }
-    return ctc_log_mul(x, math::log(1.0f + ctc_safe_exp(ctc_log_sub(y, x))));
+    const float distance = smaller - larger;
+    if (distance < CTC_EXP_LOST) {
+        return larger + 0.0f;
+    }
+    return larger + math::softplus_of_negative(distance);
 }
 
 }  // namespace func

@@ -30,6 +30,11 @@ VORN_HD inline float log(float x) {
     VORN_HOST_OR_DEVICE(cpu::log(x), logf(x));
 }
 
+/// log(1 + exp(x)) for -87 <= x <= 0 and NaN.
+VORN_HD inline float softplus_of_negative(float x) {
+    VORN_HOST_OR_DEVICE(cpu::softplus_of_negative(x), logf(1.0f + expf(x)));
+}
+
 VORN_HD inline float tanh(float x) {
     VORN_HOST_OR_DEVICE(cpu::tanh(x), tanhf(x));
 }

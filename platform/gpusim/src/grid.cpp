@@ -20,8 +20,12 @@ namespace {
 using std::chrono::microseconds;
 using std::chrono::steady_clock;
 
-// A helper needs some 50 us to wake up. ThreadSanitizer is to see blocks on several threads.
+// A helper needs some 50 us to wake up, and one that is awake still a few to join in.
+// ThreadSanitizer is to see blocks on several threads.
 constexpr microseconds kAlone(kThreadSanitizer ? 0 : 20);
+constexpr microseconds kAloneOfAwake(kThreadSanitizer ? 0 : 2);
+// Small launches follow each other so closely that it is faster to stay awake in between.
+constexpr microseconds kAwake(50);
 // Blocks are taken in shares that last about this long, so that the clock and the counter cost
 // little.
 constexpr microseconds kShareTime(kThreadSanitizer ? 0 : 5);
@@ -47,6 +51,19 @@ unsigned thread_count() {
     return count;
 }
 
+/// Whether `done` comes true soon.
+template <class F>
+bool stay_awake_until(F done) {
+    const auto end = steady_clock::now() + kAwake;
+    while (!done()) {
+        if (steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
 void run_blocks(Grid& grid) {
     // Its fibers stay with the thread from launch to launch. On the heap, because a library that is
     // loaded while the program runs finds little room for thread-local data.
@@ -65,9 +82,12 @@ public:
         return *helpers;
     }
 
+    bool any_awake() const { return awake_.load(std::memory_order_relaxed) != 0; }
+
     void offer(Grid& grid) {
         std::lock_guard<std::mutex> lock(mutex_);
         grids_.push_back(&grid);
+        offered_.store(true, std::memory_order_relaxed);
         work_.notify_all();
     }
 
@@ -75,7 +95,12 @@ public:
     void withdraw(Grid& grid) {
         std::unique_lock<std::mutex> lock(mutex_);
         leave(grid);
-        changed_.wait(lock, [&] { return grid.running_ == 0; });
+        lock.unlock();
+        const auto is_done = [&] { return grid.running_.load(std::memory_order_acquire) == 0; };
+        if (!stay_awake_until(is_done)) {
+            lock.lock();
+            changed_.wait(lock, is_done);
+        }
     }
 
     /// Waits until nobody runs blocks of the grid but those that wait here.
@@ -96,12 +121,13 @@ private:
 
     void close(Grid& grid) {
         grids_.erase(std::remove(grids_.begin(), grids_.end(), &grid), grids_.end());
+        offered_.store(!grids_.empty(), std::memory_order_relaxed);
     }
 
     void leave(Grid& grid) {
         close(grid);  // all its blocks are taken
-        --grid.running_;
         changed_.notify_all();
+        grid.running_.fetch_sub(1, std::memory_order_release);  // the grid may be gone from here on
     }
 
     [[noreturn]] void run() {
@@ -115,13 +141,20 @@ private:
             run_blocks(grid);
             lock.lock();
             leave(grid);
+            lock.unlock();
+            awake_.fetch_add(1, std::memory_order_relaxed);
+            stay_awake_until([&] { return offered_.load(std::memory_order_relaxed); });
+            awake_.fetch_sub(1, std::memory_order_relaxed);
+            lock.lock();
         }
     }
 
     std::mutex mutex_;
     std::condition_variable work_;
     std::condition_variable changed_;
-    std::vector<Grid*> grids_;  // those that helpers may join
+    std::vector<Grid*> grids_;          // those that helpers may join
+    std::atomic<bool> offered_{false};  // whether there are any
+    std::atomic<unsigned> awake_{0};    // helpers that wait for one
 };
 
 Grid::Grid(detail::KernelCall& kernel, const dim3& grid, const dim3& block)
@@ -156,7 +189,8 @@ bool Grid::take(Share* share) {
         std::max<uint64_t>(1, std::min(share->size, (count - first) / (2 * threads)));
     share->next = next_.fetch_add(size, std::memory_order_relaxed);
     share->last = std::min(share->next + size, count);
-    if (!shared_ && threads > 1 && share->last < count && now - begin_ > kAlone) {
+    if (!shared_ && threads > 1 && share->last < count && now - begin_ > kAloneOfAwake &&
+        (now - begin_ > kAlone || Helpers::get().any_awake())) {
         shared_ = true;
         Helpers::get().offer(*this);
     }

@@ -62,8 +62,8 @@ private:
     bool shared_ = false;
     std::chrono::steady_clock::time_point begin_;
 
-    // Guarded by the helpers' mutex.
-    unsigned running_ = 1;
+    // Change under the helpers' mutex.
+    std::atomic<unsigned> running_{1};
     unsigned faulty_ = 0;
 };
 
