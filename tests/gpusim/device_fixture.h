@@ -6,7 +6,9 @@
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "gate.h"
@@ -76,6 +78,22 @@ private:
     size_t size_;
     T* data_ = nullptr;
 };
+
+/// Whether GPUSIM_ORDER asks for another order than the ascending one.
+inline bool is_shuffled() {
+    const char* order = std::getenv("GPUSIM_ORDER");
+    return order != nullptr && std::string(order) != "forward";
+}
+
+/// What a message says in ascending order, or the pattern of all that it may say in others.
+inline std::string in_order(const std::string& ascending, const std::string& any) {
+    return is_shuffled() ? any : ascending;
+}
+
+/// The pattern of how a message of the simulator's own ends.
+inline std::string order_note() {
+    return in_order("", R"( in GPUSIM_ORDER=shuffle:\d+)");
+}
 
 inline std::vector<float> random_floats(size_t size, unsigned seed) {
     std::mt19937 engine(seed);

@@ -94,12 +94,14 @@ TEST_F(ErrorTest, OutsideAKernel) {
 }
 
 TEST_F(ErrorTest, OrderThatIsNone) {
+    const char* const order_of_this_run = std::getenv("GPUSIM_ORDER");
+    const std::string kept = order_of_this_run == nullptr ? "forward" : order_of_this_run;
     for (const char* order : {"backward", "shuffle", "shuffle:", "shuffle:7x"}) {
         ASSERT_EQ(setenv("GPUSIM_ORDER", order, 1), 0);
         EXPECT_DEATH((launch(config(1, 1), nothing), cudaDeviceSynchronize()),
                      "GPUSIM_ORDER is forward or shuffle:SEED, not '" + std::string(order) + "'");
     }
-    unsetenv("GPUSIM_ORDER");
+    ASSERT_EQ(setenv("GPUSIM_ORDER", kept.c_str(), 1), 0);
 }
 
 TEST_F(ErrorTest, ForkedProcessIsRefused) {
