@@ -85,6 +85,12 @@ inline bool is_shuffled() {
     return order != nullptr && std::string(order) != "forward";
 }
 
+/// Whether this is a run with the simulator's dearer checks.
+inline bool is_strict() {
+    const char* strict = std::getenv("GPUSIM_STRICT");
+    return strict != nullptr && std::string(strict) == "1";
+}
+
 /// What a message says in ascending order, or the pattern of all that it may say in others.
 inline std::string in_order(const std::string& ascending, const std::string& any) {
     return is_shuffled() ? any : ascending;

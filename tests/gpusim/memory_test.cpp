@@ -192,24 +192,108 @@ TEST_F(MemoryTest, BlocksDontOverlapAndMemoryComesBack) {
 TEST_F(MemoryTest, HostCodeCannotTouchDeviceMemory) {
     std::ifstream info("/proc/cpuinfo");
     const std::string text{std::istreambuf_iterator<char>(info), {}};
-    if (text.find(" ospke") == std::string::npos) {
-        GTEST_SKIP() << "this processor has no protection keys";
+    if (text.find(" ospke") == std::string::npos && !is_strict()) {
+        GTEST_SKIP() << "this processor has no protection keys, and GPUSIM_STRICT is not 1";
     }
     DeviceArray<int> device(std::vector<int>{1, 2, 3});
     volatile int* pointer = device.get();
-    EXPECT_DEATH(std::exit(pointer[1]), "");
-    EXPECT_DEATH(pointer[1] = 0, "");
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const char* const report = "";
+#else
+    const char* const report = is_strict() ? "gpusim: host code touches device memory" : "";
+#endif
+    EXPECT_DEATH(std::exit(pointer[1]), report);
+    EXPECT_DEATH(pointer[1] = 0, report);
     // Nor can a function that a stream calls.
     const auto write = [](void* p) { *static_cast<volatile int*>(p) = 0; };
-    EXPECT_DEATH((cudaLaunchHostFunc(nullptr, write, device.get()), cudaDeviceSynchronize()), "");
+    EXPECT_DEATH((cudaLaunchHostFunc(nullptr, write, device.get()), cudaDeviceSynchronize()),
+                 report);
     EXPECT_EQ(device.read(), (std::vector<int>{1, 2, 3}));
 }
 
-#if !defined(__SANITIZE_ADDRESS__)
 struct Holder {
     int tag;
     float* data;
 };
+__global__ void store_first(int* number, Holder holder) {
+    *number = 1;
+    holder.data[0] = 1;
+}
+
+TEST_F(MemoryTest, KernelsGetNoPageableMemory) {
+    DeviceArray<int> device(1);
+    DeviceArray<float> floats(1);
+    std::vector<int> pageable(1);
+    std::vector<float> pageable_floats(1);
+    int* pinned = nullptr;
+    ASSERT_CUDA(cudaMallocHost(&pinned, sizeof(int)));
+    ASSERT_CUDA(cudaHostRegister(pageable_floats.data(), sizeof(float), cudaHostRegisterDefault));
+    for (int* number : {device.get(), pinned}) {
+        for (float* data : {floats.get(), pageable_floats.data()}) {
+            ASSERT_CUDA(launch(config(1, 1), store_first, number, Holder{1, data}));
+            ASSERT_CUDA(cudaDeviceSynchronize());
+        }
+    }
+    EXPECT_EQ(*pinned, 1);
+    EXPECT_EQ(pageable_floats[0], 1);
+    ASSERT_CUDA(cudaHostUnregister(pageable_floats.data()));
+
+    const auto expect_refused = [](int* number, float* data) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(launch(config(1, 1), store_first, number, Holder{1, data}),
+                  cudaErrorIllegalAddress);
+        EXPECT_EQ(cudaDeviceSynchronize(), cudaErrorIllegalAddress);
+        const std::string message = testing::internal::GetCapturedStderr();
+        EXPECT_NE(message.find("gpusim: an argument of kernel "), std::string::npos) << message;
+        EXPECT_NE(message.find("store_first(int*, "), std::string::npos) << message;
+        EXPECT_NE(message.find(" points to host memory that is not page-locked\n"),
+                  std::string::npos)
+            << message;
+        cudaDeviceReset();
+    };
+    expect_refused(pageable.data(), nullptr);
+    if (is_strict()) {
+        expect_refused(pinned, pageable_floats.data());
+    }
+    EXPECT_EQ(pageable[0], 0);
+    ASSERT_CUDA(cudaFreeHost(pinned));
+}
+
+struct alignas(16) Four {
+    float values[4];
+};
+__global__ void copy_fours(const float* in, Four* out) {
+    out[threadIdx.x] = *reinterpret_cast<const Four*>(in + 4 * threadIdx.x);
+}
+
+// A compiler that doesn't optimise copies word by word.
+TEST_F(MemoryTest, MisalignedVectorsAreReported) {
+#if defined(__SANITIZE_ADDRESS__)
+    const char* const report = "misaligned address.*Four";
+#elif defined(__OPTIMIZE__) && !defined(__SANITIZE_THREAD__)
+    const char* const report =
+        is_strict() ? R"(gpusim: kernel .*copy_fours.*, block \[0,0,0\], thread \[.,0,0\]: )"
+                      "an access that is misaligned or outside of memory"
+                    : "";
+#else
+    const char* const report = nullptr;
+#endif
+    if (report == nullptr) {
+        GTEST_SKIP() << "not noticed in this build";
+    }
+    DeviceArray<float> in(20);
+    DeviceArray<Four> out(4);
+    ASSERT_CUDA(launch(config(1, 4), copy_fours, in.get() + 4, out.get()));
+    ASSERT_CUDA(cudaDeviceSynchronize());
+    EXPECT_DEATH(
+        {
+            launch(config(1, 4), copy_fours, in.get() + 1, out.get());
+            cudaDeviceSynchronize();
+        },
+        report);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
 __global__ void store_past(Holder holder, int at) {
     holder.data[at] = 1;
 }

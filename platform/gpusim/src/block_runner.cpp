@@ -375,6 +375,10 @@ std::string BlockRunner::kernel_name(const Site& site) const {
     return "kernel " + (name.empty() ? site.function : name) + ", block " + triple(blockIdx);
 }
 
+std::string BlockRunner::running_thread() const {
+    return kernel_name({"", 0, "?"}) + ", thread " + triple(threadIdx);
+}
+
 std::string BlockRunner::thread_name(unsigned thread) const {
     return "thread " + triple({thread % blockDim.x, thread / blockDim.x % blockDim.y,
                                thread / blockDim.x / blockDim.y});

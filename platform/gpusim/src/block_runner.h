@@ -52,6 +52,9 @@ public:
     /// Prints the device's message for a failed assertion and ends the kernel.
     [[noreturn]] void fail_assertion(const char* expression, const Site& site);
 
+    /// The kernel, its block and its thread that the calling thread is in.
+    std::string running_thread() const;
+
     /// The runner of the kernel that the calling thread is in, or null outside kernels.
     static BlockRunner* current();
 

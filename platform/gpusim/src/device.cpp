@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "memory.h"
+#include "strict.h"
 
 namespace gpusim {
 
@@ -49,6 +50,7 @@ Device& Device::get() {
 Device::Device() : null_stream_(std::make_shared<CUstream_st>(false)) {
     const char* blocking = std::getenv("CUDA_LAUNCH_BLOCKING");
     launch_blocking_ = blocking != nullptr && std::strcmp(blocking, "1") == 0;
+    report_illegal_accesses();
     // A child has none of the streams' threads.
     pthread_atfork(nullptr, nullptr, [] { forked = true; });
     // Kernels must not outlive what exit() destroys, and what it destroys after this must not call:
@@ -129,6 +131,8 @@ StreamPoint Device::submit(const StreamPtr& stream, std::unique_ptr<Task> task) 
 
 void Device::work(const StreamPtr& stream) {
     enter_device_thread();
+    Arena& arena = Memory::get().arena();
+    bool is_open = false;  // from the first task of a full queue to the last one
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         stream->work.wait(lock, [&] { return !stream->queue.empty() || stream->closing; });
@@ -141,11 +145,19 @@ void Device::work(const StreamPtr& stream) {
             point.stream->done.wait(lock, [&] { return point.reached(); });
         }
         lock.unlock();
+        if (!is_open) {
+            arena.open();
+            is_open = true;
+        }
         if (fault() == cudaSuccess) {
             task->run();
         }
         task.reset();
         lock.lock();
+        if (stream->queue.empty()) {
+            arena.close();
+            is_open = false;
+        }
         stream->completed.fetch_add(1, std::memory_order_release);
         stream->done.notify_all();
     }

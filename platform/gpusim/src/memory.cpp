@@ -10,6 +10,7 @@
 #include <iterator>
 
 #include "sanitizer.h"
+#include "strict.h"
 
 namespace gpusim {
 
@@ -102,7 +103,7 @@ bool Arena::map_with_key(size_t size) {
         alias = mmap(nullptr, size, PROT_READ | PROT_WRITE, flags, file, 0);
     }
     if (file >= 0) {
-        close(file);
+        ::close(file);
     }
     if (base != MAP_FAILED && alias != MAP_FAILED &&
         pkey_mprotect(base, size, PROT_READ | PROT_WRITE, key) == 0) {
@@ -132,7 +133,26 @@ bool Arena::map_plain(size_t size) {
     base_ = static_cast<char*>(base);
     madvise(base, size, MADV_DONTDUMP);
     madvise(base, size, MADV_HUGEPAGE);
+    guarded_ = strict() && mprotect(base, size, PROT_NONE) == 0;
     return true;
+}
+
+void Arena::open() {
+    if (guarded_) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (users_++ == 0) {
+            mprotect(base_, size_, PROT_READ | PROT_WRITE);
+        }
+    }
+}
+
+void Arena::close() {
+    if (guarded_) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (--users_ == 0) {
+            mprotect(base_, size_, PROT_NONE);
+        }
+    }
 }
 
 void Arena::discard(size_t offset, size_t size) {
@@ -165,12 +185,18 @@ unsigned exchange_rights(unsigned rights) {
 
 }  // namespace
 
-DeviceAccess::DeviceAccess() : saved_(exchange_rights(0)) {}
+DeviceAccess::DeviceAccess() : saved_(exchange_rights(0)) {
+    Memory::get().arena().open();
+}
 DeviceAccess::~DeviceAccess() {
+    Memory::get().arena().close();
     exchange_rights(saved_);
 }
-HostAccess::HostAccess() : saved_(exchange_rights(PKEY_DISABLE_ACCESS)) {}
+HostAccess::HostAccess() : saved_(exchange_rights(PKEY_DISABLE_ACCESS)) {
+    Memory::get().arena().close();
+}
 HostAccess::~HostAccess() {
+    Memory::get().arena().open();
     exchange_rights(saved_);
 }
 
@@ -459,6 +485,15 @@ bool Memory::device_accessible(const void* pointer, size_t size) {
     --block;
     const size_t inside = offset - block->first;
     return inside <= block->second.size && size <= block->second.size - inside;
+}
+
+bool Memory::may_be_argument(const void* pointer) {
+    if (pointer == nullptr || arena_.contains(pointer)) {
+        return true;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    const char *address = static_cast<const char*>(pointer), *begin = nullptr;
+    return find_host(address, &begin) != nullptr || find_host(address - 1, &begin) != nullptr;
 }
 
 bool Memory::host_accessible(const void* pointer, size_t size) {

@@ -34,6 +34,9 @@ public:
                    : pointer;
     }
     int key() const { return key_; }
+    /// In a strict run without protection keys, nobody can touch the range but between these two.
+    void open();
+    void close();
     /// Gives the pages back to the system; they read as zero afterwards.
     void discard(size_t offset, size_t size);
 
@@ -45,6 +48,9 @@ private:
     size_t size_ = 0;
     int key_ = -1;
     uintptr_t alias_offset_ = 0;
+    bool guarded_ = false;
+    std::mutex mutex_;
+    unsigned users_ = 0;
 };
 
 class Memory {
@@ -79,11 +85,14 @@ public:
     /// Whether all of [pointer, pointer + size) may be used by the device: inside one block, or
     /// inside one pinned range.
     bool device_accessible(const void* pointer, size_t size);
+    /// Whether the address may be a kernel's: on the device, in pinned memory or at its end, or
+    /// null.
+    bool may_be_argument(const void* pointer);
     /// Whether host code may use it: not device memory, and not past the end of a pinned range.
     bool host_accessible(const void* pointer, size_t size);
     cudaMemoryType type(const void* pointer);
 
-    const Arena& arena() const { return arena_; }
+    Arena& arena() { return arena_; }
     size_t used();
 
 private:

@@ -46,6 +46,8 @@ public:
     /// The bytes that the kernel's arguments lie in.
     virtual const void* arguments() const = 0;
     virtual size_t argument_bytes() const = 0;
+    /// Whether `is_usable` accepts all arguments that are pointers.
+    virtual bool have_usable_pointers(bool (*is_usable)(const void*)) const = 0;
 };
 
 /// `Kernel` is a pointer to a function, or a std::integral_constant of one.
@@ -66,8 +68,22 @@ public:
     }
     const void* arguments() const override { return &args_; }
     size_t argument_bytes() const override { return sizeof(args_); }
+    bool have_usable_pointers(bool (*is_usable)(const void*)) const override {
+        return std::apply(
+            [=](const P&... values) { return (is_usable(pointer_to_data(values)) && ...); }, args_);
+    }
 
 private:
+    /// Null for what is no pointer, or one to a function.
+    template <class T>
+    static const void* pointer_to_data(const T& value) {
+        if constexpr (std::is_pointer_v<T> && !std::is_function_v<std::remove_pointer_t<T>>) {
+            return const_cast<const void*>(static_cast<const volatile void*>(value));
+        } else {
+            return nullptr;
+        }
+    }
+
     // Not seen by ThreadSanitizer, to which the threads of a block are separate.
     __attribute__((no_sanitize("thread"))) static void set(unsigned& coordinate, unsigned value) {
         coordinate = value;
