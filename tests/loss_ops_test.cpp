@@ -115,9 +115,9 @@ TEST_P(LossTest, RowSumsMatchTheFormula) {
                 delta[k] = weight * rnnoise_slope_of(x[k], y[k]) + beta * old[k];
             }
         }
-        float element = 0;  // where an empty tensor points
+        const TensorF element = make(Values{0});  // where an empty tensor points
         const auto matrix = [&](const Values& v) {
-            return cols > 0 ? make(size, v) : TensorF(&element, size, device());
+            return cols > 0 ? make(size, v) : TensorF(element.get_ptr(), size, device());
         };
         const TensorF in = matrix(x), label = matrix(y);
         const Tensor<int> on = make(mask);

@@ -1,8 +1,5 @@
 #include "gpusim/launch.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -48,43 +45,17 @@ bool may_be_argument(const void* pointer) {
     return Memory::get().may_be_argument(pointer);
 }
 
-/// Whether `pointer` is the address of something in the host's memory.
-bool is_mapped(const void* pointer) {
-    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    unsigned char resident = 0;
-    return mincore(reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(pointer) / page * page), 1,
-                   &resident) == 0;
-}
-
-/// Whether some eight bytes of the arguments are the address of host memory.
-bool hold_host_address(const KernelCall& call) {
-    // Below are numbers, and rarely a program.
-    constexpr uintptr_t kLowest = uintptr_t{1} << 32;
-    const char* const bytes = static_cast<const char*>(call.arguments());
-    const void* pointer = nullptr;
-    for (size_t i = 0; i + sizeof pointer <= call.argument_bytes(); i += sizeof pointer) {
-        std::memcpy(&pointer, bytes + i, sizeof pointer);
-        if (reinterpret_cast<uintptr_t>(pointer) >= kLowest && !may_be_argument(pointer) &&
-            is_mapped(pointer)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-/// A kernel can use host memory only if it is page-locked. Where a pointer is part of an object it
-/// can't be told from other numbers for certain: that is looked at in strict runs.
+/// A kernel can use host memory only if it is page-locked. It may be given a pointer to other
+/// memory that it doesn't use, so this is looked at in strict runs.
 bool has_usable_arguments(const KernelCall& call) {
-    const bool usable =
-        call.have_usable_pointers(&may_be_argument) && !(strict() && hold_host_address(call));
-    if (!usable) {
-        std::fprintf(stderr,
-                     "gpusim: an argument of kernel %s points to host memory that is not "
-                     "page-locked\n",
-                     function_name(call.address()).c_str());
-        Device::get().set_fault(cudaErrorIllegalAddress);
+    if (!strict() || call.have_usable_pointers(&may_be_argument)) {
+        return true;
     }
-    return usable;
+    std::fprintf(stderr,
+                 "gpusim: an argument of kernel %s points to host memory that is not page-locked\n",
+                 function_name(call.address()).c_str());
+    Device::get().set_fault(cudaErrorIllegalAddress);
+    return false;
 }
 
 void run(KernelCall& call, dim3 grid, dim3 block) {
