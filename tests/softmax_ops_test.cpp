@@ -161,7 +161,7 @@ TEST_P(SoftmaxTest, BackwardIsTheGradient) {
 }
 
 TEST_P(SoftmaxTest, EmptyTensorsHoldNothing) {
-    const TensorF element = make(Dim(1), {5});
+    const TensorF element = make(Values{5});
     float* const somewhere = element.get_ptr();
     TensorF none(somewhere, Dim(0, 4), device()), sums(somewhere, Dim(0, 1), device());
     TensorF no_channel(somewhere, Dim(3, 0), device());
