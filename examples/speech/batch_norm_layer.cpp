@@ -1,5 +1,7 @@
 #include "batch_norm_layer.h"
 
+#include "common/shape_output.h"
+
 namespace speech {
 
 namespace {
@@ -38,7 +40,7 @@ void BatchNormLayer::initialise() {
 
 const vorn::Tensor<float>& BatchNormLayer::train(const vorn::Tensor<float>& in,
                                                  const FrameBatch& batch) {
-    _out.resize(in.get_size());
+    common::shape_output(&_out, in.get_size());
     _out.audio_batch_norm_train(in, _scale.value, _bias.value, batch.mask, _mean, _variance,
                                 _mean_sum, _variance_sum, _saved_mean, _saved_inv_std,
                                 batch.valid_frames(), kBatchShare, kRemembered, kEpsilon);
@@ -63,7 +65,7 @@ const vorn::Tensor<float>& BatchNormLayer::infer(const vorn::Tensor<float>& in,
     vorn::Tensor<int> mask(batch.mask, batch.mask.get_device());
     mask.mul(2);
     mask.add(-1);
-    _out.resize(in.get_size());
+    common::shape_output(&_out, in.get_size());
     _out.audio_batch_norm_inf(in, _scale.value, _bias.value, _saved_mean, _saved_inv_std, mask,
                               kEpsilon);
     return _out;

@@ -27,6 +27,7 @@ struct TrainOptions {
     int layers = 2;
     double learning_rate = 4e-3;
     std::uint64_t seed = 1;
+    std::optional<int> threads;  ///< as many as there are processors where not given
 };
 
 struct TestOptions {

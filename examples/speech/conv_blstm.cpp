@@ -2,11 +2,14 @@
 
 #include <string>
 
+#include "common/shape_output.h"
+
 namespace speech {
 
-ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device)
+ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device,
+                                   common::Team* team)
     : Network(device),
-      _conv("conv", shape.conv, shape.inputs, device),
+      _conv("conv", shape.conv, shape.inputs, device, team),
       _norm("norm", shape.conv.outputs(), device),
       _linear("linear", 2 * shape.hidden, shape.classes, device),
       _lengths(device),
@@ -14,7 +17,7 @@ ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device devic
     for (int i = 0; i < shape.layers; ++i) {
         _layers.push_back(std::make_unique<BlstmLayer>(
             "blstm" + std::to_string(i + 1), i == 0 ? shape.conv.outputs() : 2 * shape.hidden,
-            shape.hidden, device));
+            shape.hidden, device, team));
     }
 }
 
@@ -37,7 +40,7 @@ const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, co
         _inputs.push_back(layer->forward(_inputs.back(), batch, _lengths));
     }
     const vorn::Tensor<float>& logits = _linear.forward(_inputs.back());
-    _posteriors.resize(logits.get_size());
+    common::shape_output(&_posteriors, logits.get_size());
     _posteriors.softmax(logits);
     return _posteriors;
 }

@@ -47,6 +47,10 @@ CLI::App* add_train(CLI::App* app, speech::TrainOptions* options) {
     common::add_number(command, "--learning-rate", &options->learning_rate,
                        "Highest step size of Adam", common::in_range(1e-6, 1.0));
     common::add_seed(command, &options->seed);
+    command
+        ->add_option("--threads", options->threads,
+                     "Threads that compute (default: the processors; 1 on a GPU)")
+        ->check(common::in_range(1, 256));
     return command;
 }
 

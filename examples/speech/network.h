@@ -8,6 +8,7 @@
 
 #include "common/parameter.h"
 #include "common/pass.h"
+#include "common/team.h"
 #include "conv_layer.h"
 #include "ctc_batch.h"
 #include "vorn/vorn.h"
@@ -71,8 +72,10 @@ private:
     vorn::Device _device;
 };
 
-/// A network with all parameters zero. Throws Error as validate() does.
-std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device);
+/// A network with all parameters zero, which shares out its work over `team`. Throws Error as
+/// validate() does.
+std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device,
+                                      common::Team* team);
 
 }  // namespace speech
 

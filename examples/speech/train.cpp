@@ -124,6 +124,7 @@ int run_train(const TrainOptions& options) {
         throw common::Error("training needs a GPU, on which CTC is computed; there is none here");
     }
     const common::ComputeDevice compute(options.device, common::ThreadContext::kAlways);
+    common::Team team(options.threads.value_or(common::Team::default_size(compute.device())));
     common::check_outputs(options.model, options.picture);
 
     Model model;
@@ -134,7 +135,7 @@ int run_train(const TrainOptions& options) {
     model.shape.conv.channels = model.features.channels();
     common::check_memory(parameter_count(model.shape));
     const Data data = prepare(options, &model);
-    model.network = make_network(model.shape, compute.device());
+    model.network = make_network(model.shape, compute.device(), &team);
     const int epoch_count = options.epochs.value_or(default_epochs(options.kind));
     Trainer trainer(
         model.network.get(), &data.train,
@@ -185,7 +186,7 @@ int run_train(const TrainOptions& options) {
         progress.end_line("interrupted; the best model so far is kept");
     }
 
-    const Model chosen = load_model(options.model, compute.device());
+    const Model chosen = load_model(options.model, compute.device(), &team);
     draw(options, chosen, data, epochs);
     std::cout << "model: " << options.model.string() << " (epoch " << best_epoch << ")\n"
               << "training time: " << std::fixed << std::setprecision(1) << seconds << " s\n"

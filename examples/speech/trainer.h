@@ -22,7 +22,7 @@ struct TrainerOptions {
 };
 
 /// Trains a network with CTC and Adam. The same seed gives the same network, bit for bit on the
-/// host where the BLAS computes with the same number of threads. The calling thread has its GPU
+/// host with any number of threads. The calling thread has its GPU
 /// context set up.
 class Trainer {
 public:

@@ -7,6 +7,8 @@
 
 #include "common/format.h"
 #include "common/progress.h"
+#include "common/team.h"
+#include "test_files.h"
 
 namespace {
 
@@ -58,6 +60,27 @@ TEST(CommonProgress, RedrawsOnTerminalsOnly) {
     EXPECT_EQ(drawn.find("60%"), std::string::npos);
     EXPECT_NE(drawn.find("\r\x1b[Kepoch 1: loss 2\n\repoch 2/2 ["), std::string::npos);
     EXPECT_EQ(drawn.substr(drawn.size() - 4), "\x1b[K\n");
+}
+
+TEST(Team, RunsEachTaskOnceAndPassesOnTheFirstFailure) {
+    for (const int threads : {1, 2, 4}) {
+        common::Team team(threads);
+        for (const int count : {0, 1, 3, 100}) {
+            std::vector<int> runs(count);
+            team.for_each(count, [&](int i) { ++runs[i]; });
+            EXPECT_EQ(runs, std::vector<int>(count, 1));
+        }
+        const auto fail = [](const char* why) { throw common::Error(why); };
+        EXPECT_EQ(message_of([&] {
+                      team.run({[] {}, [&] { fail("second"); }, [&] { fail("third"); }});
+                  }),
+                  "second");
+        // Longer than a thread asks for work before it sleeps.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        int sum = 0;
+        team.run({[&] { sum = 5; }});
+        EXPECT_EQ(sum, 5);
+    }
 }
 
 }  // namespace
