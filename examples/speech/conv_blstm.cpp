@@ -45,13 +45,18 @@ const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, co
     return _posteriors;
 }
 
-void ConvBlstmNetwork::backward(const FrameBatch& batch, const vorn::Tensor<float>& error) {
+void ConvBlstmNetwork::backward(const FrameBatch& batch, const vorn::Tensor<float>& error,
+                                const common::GradientsReady& ready) {
     vorn::Tensor<float>* layer_error = &_linear.backward(_inputs.back(), error);
+    ready(_linear.parameters());
     for (std::size_t i = _layers.size(); i-- > 0;) {
         layer_error = &_layers[i]->backward(_inputs[i], batch, _lengths, *layer_error);
+        ready(_layers[i]->parameters());
     }
     _norm.backward(_conv_out, batch, *layer_error);
+    ready(_norm.parameters());
     _conv.backward(*layer_error);
+    ready(_conv.parameters());
 }
 
 std::vector<common::Parameter*> ConvBlstmNetwork::parameters() {

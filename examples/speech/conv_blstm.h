@@ -21,9 +21,11 @@ public:
 
     void initialise(common::Random* random) override;
     const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass pass) override;
-    void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) override;
+    void backward(const FrameBatch& batch, const vorn::Tensor<float>& error,
+                  const common::GradientsReady& ready) override;
     std::vector<common::Parameter*> parameters() override;
     std::vector<common::NamedTensor> statistics() override { return _norm.statistics(); }
+    void share_statistics(common::Ranks* ranks) override { _norm.share_statistics(ranks); }
 
 private:
     ConvLayer _conv;

@@ -63,7 +63,7 @@ double CtcLoss::compute(const vorn::Tensor<float>& posteriors, const FrameBatch&
 }
 
 double CtcLoss::compute(const vorn::Tensor<float>& posteriors, const FrameBatch& frames,
-                        const LabelBatch& labels, vorn::Tensor<float>* error) {
+                        const LabelBatch& labels, float weight, vorn::Tensor<float>* error) {
     const double loss = fill_alpha(posteriors, frames, labels);
 
     _beta.resize(vorn::Dim(frames.rows(), labels.width), false);
@@ -74,14 +74,13 @@ double CtcLoss::compute(const vorn::Tensor<float>& posteriors, const FrameBatch&
     _occupancy.resize(posteriors.get_size());
     _occupancy.compute_ctc_err(_alpha, _beta, labels.labels, labels.frame_counts, _pzx);
 
-    // Behind the softmax, the gradient of an utterance's loss is posterior minus occupancy.
-    const float share = 1.0f / static_cast<float>(frames.size);
+    // Before the softmax, the gradient of an utterance's loss is posterior minus occupancy.
     vorn::Tensor<float> occupancy = _occupancy;
     if (!vorn::is_same_devices(posteriors.get_device(), vorn::GPU)) {
         occupancy = vorn::Tensor<float>(_occupancy, posteriors.get_device());
     }
     common::shape_output(error, posteriors.get_size());
-    error->elem_add(posteriors, occupancy, share, -share, 0);
+    error->elem_add(posteriors, occupancy, weight, -weight, 0);
     error->vec_mask(*error, frames.mask);
     return loss;
 }

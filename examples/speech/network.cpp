@@ -48,10 +48,13 @@ public:
         return _posteriors;
     }
 
-    void backward(const FrameBatch&, const vorn::Tensor<float>& error) override {
+    void backward(const FrameBatch&, const vorn::Tensor<float>& error,
+                  const common::GradientsReady& ready) override {
         vorn::Tensor<float>* layer_error = &_linear.backward(_inputs.back(), error);
+        ready(_linear.parameters());
         for (std::size_t i = _layers.size(); i-- > 0;) {
             _layers[i]->backward(_inputs[i], *layer_error);
+            ready(_layers[i]->parameters());
             if (i > 0) {
                 layer_error = &_layers[i]->compute_input_error();
             }

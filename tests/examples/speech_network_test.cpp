@@ -50,6 +50,7 @@ protected:
 
     common::Random _random{7};
     common::Team _team{2};
+    common::Ranks _ranks;
 
 private:
     std::unique_ptr<vorn::ThreadContextScope> _context;
@@ -90,8 +91,8 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
             }
             const speech::FrameBatch batch = speech::make_frame_batch(features, device);
             computed = ctc.compute(network->forward(batch, common::Pass::kTraining), batch,
-                                   speech::make_label_batch(transcripts, batch), &error);
-            network->backward(batch, error);
+                                   speech::make_label_batch(transcripts, batch), 0.25f, &error);
+            network->backward(batch, error, [](const auto&) {});
         }
 
         const auto loss = [&] {
@@ -209,11 +210,12 @@ protected:
     /// The mean losses of two epochs, and the one that is left.
     std::vector<double> train(vorn::Device device, std::uint64_t seed, common::Team* team) {
         _model.network = speech::make_network(_model.shape, device, team);
-        speech::Trainer trainer(_model.network.get(), &_samples,
-                                {2, 5, 1e-2, seed, _model.features});
+        speech::TrainingSet samples(_samples);
+        speech::Trainer trainer(_model.network.get(), &samples, {2, 5, 1e-2, seed, _model.features},
+                                &_ranks);
         const auto go_on = [](std::int64_t, double) { return true; };
         const double first = trainer.run_epoch(go_on);
-        return {first, trainer.run_epoch(go_on), trainer.mean_loss(_samples)};
+        return {first, trainer.run_epoch(go_on), trainer.loss_of(_samples) / 12};
     }
 
     /// The bytes of its model file.
@@ -288,10 +290,11 @@ TEST_P(SpeechTraining, RecognisesEachUtteranceAsIfAloneAndStopsWhereItDiverges) 
     EXPECT_TRUE(together.back().empty());
     EXPECT_EQ(speech::score(network, _samples).total().reference, 25);
 
-    speech::Trainer trainer(network, &_samples, {});
+    speech::TrainingSet samples(_samples);
+    speech::Trainer trainer(network, &samples, {}, &_ranks);
     _samples[3].features.values[0] = NAN;
     EXPECT_EQ(message_of([&] {
-                  trainer.train_batch({&_samples[2], &_samples[3]});
+                  trainer.train_batch({_samples[2], _samples[3]}, 2);
               }),
               "training diverged: the loss is not finite; try a lower --learning-rate");
 }
