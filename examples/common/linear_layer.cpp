@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "common/shape_output.h"
+
 namespace common {
 
 LinearLayer::LinearLayer(const std::string& name, int inputs, int outputs, vorn::Device device)
@@ -16,7 +18,7 @@ void LinearLayer::initialise(Random* random, float gain) {
 }
 
 const vorn::Tensor<float>& LinearLayer::forward(const vorn::Tensor<float>& in) {
-    _out.resize(vorn::Dim(in.get_h(), _weight.value.get_w()));
+    shape_output(&_out, vorn::Dim(in.get_h(), _weight.value.get_w()));
     _out.mul(in, _weight.value);
     _out.row_add_vec(_out, _bias.value);
     return _out;
@@ -26,7 +28,7 @@ vorn::Tensor<float>& LinearLayer::backward(const vorn::Tensor<float>& in,
                                            const vorn::Tensor<float>& error) {
     _weight.gradient.mul(in, true, error, false);
     _bias.gradient.col_sum(error);
-    _in_error.resize(in.get_size());
+    shape_output(&_in_error, in.get_size());
     _in_error.mul(error, false, _weight.value, true);
     return _in_error;
 }

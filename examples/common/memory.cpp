@@ -9,12 +9,16 @@
 
 namespace common {
 
+double physical_memory() {
+    return static_cast<double>(sysconf(_SC_PHYS_PAGES)) *
+           static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
 void check_memory(std::int64_t parameters) {
     // A parameter, its gradient, three values of Adam's; and the best model is read back at last.
     constexpr int values = 2 + 3 + 2;
     const double needed = sizeof(float) * values * static_cast<double>(parameters);
-    const double there =
-        static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGESIZE));
+    const double there = physical_memory();
     if (needed > there) {
         std::ostringstream text;
         text << std::fixed << std::setprecision(1) << "training this network takes "

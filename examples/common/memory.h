@@ -10,6 +10,9 @@ namespace common {
 /// beside the parameters of a network that is too large.
 void check_memory(std::int64_t parameters);
 
+/// Bytes of memory that this machine has.
+double physical_memory();
+
 }  // namespace common
 
 #endif  // COMMON_MEMORY_H_

@@ -44,6 +44,15 @@ Adam::Adam(const std::vector<Parameter*>& parameters) : _parameters(parameters) 
     }
 }
 
+std::vector<NamedTensor> Adam::moments() {
+    std::vector<NamedTensor> all;
+    for (std::size_t i = 0; i < _parameters.size(); ++i) {
+        all.push_back({_parameters[i]->name + ".mean", &_moments[i].mean});
+        all.push_back({_parameters[i]->name + ".square", &_moments[i].square});
+    }
+    return all;
+}
+
 void Adam::step(double rate) {
     ++_steps;
     const double mean_scale = 1 / (1 - std::pow(kMeanDecay, _steps));

@@ -29,6 +29,10 @@ public:
 
     void step(double rate);
 
+    /// Steps so far, and the running means: all that the next step depends on.
+    int& steps() { return _steps; }
+    std::vector<NamedTensor> moments();
+
 private:
     struct Moments {
         vorn::Tensor<float> mean, square, move;

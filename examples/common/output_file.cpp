@@ -1,7 +1,12 @@
 #include "common/output_file.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <set>
 #include <string>
 #include <system_error>
@@ -12,6 +17,26 @@
 #include "common/gnuplot.h"
 
 namespace common {
+
+namespace {
+
+/// Bytes: with less to spare, a disk is full.
+constexpr std::uintmax_t kFull = 1 << 16;
+
+/// Waits until a file, or a folder's list of names, is on the disk.
+bool synchronise(const std::filesystem::path& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        return false;
+    }
+    const bool done = fsync(file) == 0;
+    const int reason = errno;
+    close(file);
+    errno = reason;
+    return done;
+}
+
+}  // namespace
 
 OutputFile::OutputFile(std::filesystem::path file) : _file(std::move(file)), _target(_file) {
     std::error_code ignored;
@@ -37,15 +62,27 @@ OutputFile::~OutputFile() {
 
 void OutputFile::finish() {
     _stream.close();
-    require(_stream.good());
-    std::error_code error;
-    std::filesystem::rename(_unfinished, _target, error);
-    require(!error);
+    if (!_stream) {
+        // The stream doesn't tell why.
+        std::error_code ignored;
+        const auto space = std::filesystem::space(_unfinished, ignored);
+        fail(space.available < kFull ? ENOSPC : 0);
+    }
+    const std::filesystem::path folder = _target.parent_path();
+    if (!synchronise(_unfinished) || std::rename(_unfinished.c_str(), _target.c_str()) != 0 ||
+        !synchronise(folder.empty() ? "." : folder)) {
+        fail(errno);
+    }
+}
+
+void OutputFile::fail(int reason) const {
+    const std::string text = reason != 0 ? std::string(": ") + std::strerror(reason) : "";
+    throw Error(_file.string() + ": cannot be written" + text);
 }
 
 void OutputFile::require(bool good) const {
     if (!good) {
-        throw Error(_file.string() + ": cannot be written");
+        fail(0);
     }
 }
 

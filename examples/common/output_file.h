@@ -19,11 +19,13 @@ public:
 
     std::ofstream& stream() { return _stream; }
 
-    /// Puts the file in its place. Throws Error when something could not be written.
+    /// Puts the file in its place, on the disk itself: a machine that stops later finds all of it.
+    /// Throws Error when something could not be written.
     void finish();
 
 private:
     void require(bool good) const;
+    [[noreturn]] void fail(int reason) const;
 
     std::filesystem::path _file, _target, _unfinished;
     std::ofstream _stream;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/parameter.h"
+#include "common/ranks.h"
 #include "ctc_batch.h"
 #include "vorn/vorn.h"
 
@@ -19,6 +20,10 @@ public:
     BatchNormLayer(const std::string& name, int columns, vorn::Device device);
 
     void initialise();
+    /// From now on training normalizes with the mean and variance of the batches of all ranks,
+    /// which call train() and backward() at the same time. So they make the same model as one rank
+    /// with all their utterances.
+    void share_statistics(common::Ranks* ranks) { _ranks = ranks; }
     /// Normalizes with the statistics of `in`, and remembers them.
     const vorn::Tensor<float>& train(const vorn::Tensor<float>& in, const FrameBatch& batch);
     /// Normalizes with the statistics that were gathered in training.
@@ -35,13 +40,22 @@ public:
     }
 
 private:
+    bool is_shared() const { return _ranks != nullptr && _ranks->size() > 1; }
+    void train_shared(const vorn::Tensor<float>& in, const FrameBatch& batch);
+    void add_other_ranks(const vorn::Tensor<float>& in, const FrameBatch& batch,
+                         vorn::Tensor<float>& error);
+
     std::string _name;
+    common::Ranks* _ranks = nullptr;
     common::Parameter _scale;
     common::Parameter _bias;
     // Sums over all batches so far, older ones counting for less, and the sum of what they count.
     vorn::Tensor<float> _mean_sum, _variance_sum, _batches;
     // Of the latest batch.
     vorn::Tensor<float> _mean, _variance, _saved_mean, _saved_inv_std, _out;
+    double _all_frames = 0;  ///< of all ranks
+    vorn::Tensor<float> _unread_mean_sum, _unread_variance_sum;
+    vorn::Tensor<float> _correction, _factor, _offset;
     vorn::Tensor<float> _inv_std, _ones;  ///< for inference
 };
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/parameter.h"
+#include "common/team.h"
 #include "ctc_batch.h"
 #include "lstm_layer.h"
 #include "vorn/vorn.h"
@@ -15,8 +16,9 @@ namespace speech {
 /// first. The outputs of the forward one come first in a row.
 class BlstmLayer {
 public:
-    /// `cells` in each direction.
-    BlstmLayer(const std::string& name, int inputs, int cells, vorn::Device device);
+    /// `cells` in each direction. The directions are tasks of `team`.
+    BlstmLayer(const std::string& name, int inputs, int cells, vorn::Device device,
+               common::Team* team);
 
     void initialise(common::Random* random);
     /// The outputs of all frames, rows x 2 cells; good until the next call. `lengths` are the
@@ -32,9 +34,11 @@ public:
 
 private:
     int _cells;
+    common::Team* _team;
     LstmLayer _forward;
     LstmLayer _backward;
-    vorn::Tensor<float> _reversed_in, _half, _out, _half_error, _reversed_error, _in_error;
+    vorn::Tensor<float> _reversed_in, _reversed_out, _out;
+    vorn::Tensor<float> _forward_error, _backward_error, _reversed_error, _in_error;
 };
 
 }  // namespace speech

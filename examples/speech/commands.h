@@ -27,6 +27,12 @@ struct TrainOptions {
     int layers = 2;
     double learning_rate = 4e-3;
     std::uint64_t seed = 1;
+    std::optional<int> threads;        ///< as many as there are processors where not given
+    std::filesystem::path checkpoint;  ///< folder; empty: none
+    double checkpoint_minutes = 10;
+    std::optional<double> feature_memory;  ///< GiB on a rank; half the machine's where not given
+    std::filesystem::path logs;            ///< folder for the ranks but the first; empty: none
+    double patience = 300;                 ///< seconds
 };
 
 struct TestOptions {
@@ -47,7 +53,7 @@ int run_corpus(const CorpusOptions& options);
 
 /// Trains on train.tsv, but for a slice that is held out to choose the best epoch by, and writes
 /// that epoch's model. The test set is only reported on. Ctrl-C ends training; the best model so
-/// far is kept.
+/// far is kept. Runs on all ranks that mpirun has started; the first one reports and writes.
 int run_train(const TrainOptions& options);
 
 /// Prints the digit error rate on test.tsv and the worst utterances.

@@ -2,11 +2,14 @@
 
 #include <string>
 
+#include "common/shape_output.h"
+
 namespace speech {
 
-ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device)
+ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device,
+                                   common::Team* team)
     : Network(device),
-      _conv("conv", shape.conv, shape.inputs, device),
+      _conv("conv", shape.conv, shape.inputs, device, team),
       _norm("norm", shape.conv.outputs(), device),
       _linear("linear", 2 * shape.hidden, shape.classes, device),
       _lengths(device),
@@ -14,7 +17,7 @@ ConvBlstmNetwork::ConvBlstmNetwork(const NetworkShape& shape, vorn::Device devic
     for (int i = 0; i < shape.layers; ++i) {
         _layers.push_back(std::make_unique<BlstmLayer>(
             "blstm" + std::to_string(i + 1), i == 0 ? shape.conv.outputs() : 2 * shape.hidden,
-            shape.hidden, device));
+            shape.hidden, device, team));
     }
 }
 
@@ -37,18 +40,23 @@ const vorn::Tensor<float>& ConvBlstmNetwork::forward(const FrameBatch& batch, co
         _inputs.push_back(layer->forward(_inputs.back(), batch, _lengths));
     }
     const vorn::Tensor<float>& logits = _linear.forward(_inputs.back());
-    _posteriors.resize(logits.get_size());
+    common::shape_output(&_posteriors, logits.get_size());
     _posteriors.softmax(logits);
     return _posteriors;
 }
 
-void ConvBlstmNetwork::backward(const FrameBatch& batch, const vorn::Tensor<float>& error) {
+void ConvBlstmNetwork::backward(const FrameBatch& batch, const vorn::Tensor<float>& error,
+                                const common::GradientsReady& ready) {
     vorn::Tensor<float>* layer_error = &_linear.backward(_inputs.back(), error);
+    ready(_linear.parameters());
     for (std::size_t i = _layers.size(); i-- > 0;) {
         layer_error = &_layers[i]->backward(_inputs[i], batch, _lengths, *layer_error);
+        ready(_layers[i]->parameters());
     }
     _norm.backward(_conv_out, batch, *layer_error);
+    ready(_norm.parameters());
     _conv.backward(*layer_error);
+    ready(_conv.parameters());
 }
 
 std::vector<common::Parameter*> ConvBlstmNetwork::parameters() {

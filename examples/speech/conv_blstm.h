@@ -7,6 +7,7 @@
 #include "batch_norm_layer.h"
 #include "blstm_layer.h"
 #include "common/linear_layer.h"
+#include "common/team.h"
 #include "conv_layer.h"
 #include "network.h"
 
@@ -16,13 +17,15 @@ namespace speech {
 /// linear layer and a softmax.
 class ConvBlstmNetwork : public Network {
 public:
-    ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device);
+    ConvBlstmNetwork(const NetworkShape& shape, vorn::Device device, common::Team* team);
 
     void initialise(common::Random* random) override;
     const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass pass) override;
-    void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) override;
+    void backward(const FrameBatch& batch, const vorn::Tensor<float>& error,
+                  const common::GradientsReady& ready) override;
     std::vector<common::Parameter*> parameters() override;
     std::vector<common::NamedTensor> statistics() override { return _norm.statistics(); }
+    void share_statistics(common::Ranks* ranks) override { _norm.share_statistics(ranks); }
 
 private:
     ConvLayer _conv;

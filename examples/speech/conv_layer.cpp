@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "common/error.h"
+#include "common/shape_output.h"
 
 namespace speech {
 
@@ -38,8 +39,9 @@ void validate(const ConvShape& shape, int inputs) {
 }
 
 ConvLayer::ConvLayer(const std::string& name, const ConvShape& shape, int inputs,
-                     vorn::Device device)
+                     vorn::Device device, common::Team* team)
     : _shape(shape),
+      _team(team),
       _patch(shape.filter_size * (inputs / shape.bands)),
       _weight(name + ".weight", vorn::Dim(shape.groups * _patch, shape.filters), device),
       _bias(name + ".bias", vorn::Dim(shape.groups, shape.filters), device),
@@ -49,6 +51,8 @@ ConvLayer::ConvLayer(const std::string& name, const ConvShape& shape, int inputs
         first.push_back(group * shape.group_positions());
         last.push_back(first.back() + shape.group_positions() - 1);
         sizes.push_back(shape.group_positions());
+        _group_first.push_back(make_vector({first.back()}, device));
+        _group_last.push_back(make_vector({last.back()}, device));
     }
     _first = make_vector(first, device);
     _last = make_vector(last, device);
@@ -68,15 +72,17 @@ const vorn::Tensor<float>& ConvLayer::forward(const vorn::Tensor<float>& in) {
     _rows = static_cast<int>(in.get_h());
     const int group_rows = _rows * _shape.group_positions();
     _patches.resize(vorn::Dim(_shape.groups * group_rows, _patch), false);
-    _patches.expand_feat(in, _shape.bands, _shape.channels, _shape.group_positions(),
-                         _shape.filter_size, _first, _last);
-    _conv.resize(vorn::Dim(_shape.groups * group_rows, _shape.filters));
-    _conv.batch_mul(_patches, false, std::int64_t{group_rows} * _patch, _weight.value, false,
-                    std::int64_t{_patch} * _shape.filters,
-                    std::int64_t{group_rows} * _shape.filters, _shape.groups);
-    _conv.audio_conv_batch_bias(_bias.value, _shape.groups);
-    _out.resize(vorn::Dim(_rows, _shape.outputs()));
-    _max_idx.resize(_out.get_size());
+    common::shape_output(&_conv, vorn::Dim(_shape.groups * group_rows, _shape.filters));
+    _team->for_each(_shape.groups, [&](int g) {
+        vorn::Tensor<float> patches = _patches.range_row(g, g + 1, group_rows);
+        vorn::Tensor<float> conv = _conv.range_row(g, g + 1, group_rows);
+        patches.expand_feat(in, _shape.bands, _shape.channels, _shape.group_positions(),
+                            _shape.filter_size, _group_first[g], _group_last[g]);
+        conv.mul(patches, _weight.value.range_row(g, g + 1, _patch));
+        conv.audio_conv_batch_bias(_bias.value.range_row(g, g + 1), 1);
+    });
+    common::shape_output(&_out, vorn::Dim(_rows, _shape.outputs()));
+    _max_idx.resize(_out.get_size(), false);
     _out.max_pooling(_conv, _sizes, _shape.groups * _shape.filters, _shape.pooling, _max_idx);
     _out.relu();
     return _out;
@@ -90,15 +96,17 @@ void ConvLayer::backward(vorn::Tensor<float>& error) {
     _conv_error.zero();
     _conv_error.max_pooling_bp(error, _sizes, _shape.groups * _shape.filters, _shape.pooling,
                                _max_idx);
-    _weight.gradient.batch_mul(_patches, true, std::int64_t{group_rows} * _patch, _conv_error,
-                               false, std::int64_t{group_rows} * _shape.filters,
-                               std::int64_t{_patch} * _shape.filters, _shape.groups);
-    _bias.gradient.audio_conv_batch_bias_bp(_conv_error, _shape.groups);
+    _team->for_each(_shape.groups, [&](int g) {
+        const vorn::Tensor<float> conv_error = _conv_error.range_row(g, g + 1, group_rows);
+        _weight.gradient.range_row(g, g + 1, _patch)
+            .mul(_patches.range_row(g, g + 1, group_rows), true, conv_error, false);
+        _bias.gradient.range_row(g, g + 1).audio_conv_batch_bias_bp(conv_error, 1);
+    });
 }
 
 vorn::Tensor<float>& ConvLayer::input_error() {
     const int group_rows = _rows * _shape.group_positions();
-    _patch_error.resize(_patches.get_size());
+    common::shape_output(&_patch_error, _patches.get_size());
     _patch_error.batch_mul(_conv_error, false, std::int64_t{group_rows} * _shape.filters,
                            _weight.value, true, std::int64_t{_patch} * _shape.filters,
                            std::int64_t{group_rows} * _patch, _shape.groups);

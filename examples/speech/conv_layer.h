@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/parameter.h"
+#include "common/team.h"
 #include "vorn/vorn.h"
 
 namespace speech {
@@ -32,7 +33,9 @@ void validate(const ConvShape& shape, int inputs);
 /// row holds filter k at pooled position p of all groups at k * (pooled positions) + p.
 class ConvLayer {
 public:
-    ConvLayer(const std::string& name, const ConvShape& shape, int inputs, vorn::Device device);
+    /// The groups are tasks of `team`.
+    ConvLayer(const std::string& name, const ConvShape& shape, int inputs, vorn::Device device,
+              common::Team* team);
 
     void initialise(common::Random* random);
     const vorn::Tensor<float>& forward(const vorn::Tensor<float>& in);
@@ -44,10 +47,13 @@ public:
 
 private:
     ConvShape _shape;
+    common::Team* _team;
     int _patch;                               ///< columns of a patch
     common::Parameter _weight;                ///< (groups * patch) x filters
     common::Parameter _bias;                  ///< groups x filters
     vorn::Tensor<int> _first, _last, _sizes;  ///< filter positions of each group
+    /// The elements of _first and _last, each a tensor.
+    std::vector<vorn::Tensor<int>> _group_first, _group_last;
 
     // Of the latest batch; rows stand group by group, then frame by frame, but in _out.
     int _rows = 0;

@@ -42,6 +42,14 @@ FrameBatch make_frame_batch(const std::vector<const FrameMatrix*>& utterances,
     return batch;
 }
 
+FrameBatch make_padding(int columns, vorn::Device device) {
+    const FrameMatrix row(1, columns);
+    FrameBatch batch = make_frame_batch({&row}, device);
+    batch.lengths = {0};
+    batch.mask.zero();
+    return batch;
+}
+
 LabelBatch make_label_batch(const std::vector<const std::vector<int>*>& transcripts,
                             const FrameBatch& frames) {
     LabelBatch batch;

@@ -27,6 +27,9 @@ struct FrameBatch {
 /// Lays utterances of one width, at least one of which has frames, side by side on `device`.
 FrameBatch make_frame_batch(const std::vector<const FrameMatrix*>& utterances, vorn::Device device);
 
+/// One row of padding: what goes through a network in place of no utterances.
+FrameBatch make_padding(int columns, vorn::Device device);
+
 /// What is said in the utterances of a FrameBatch, as the CTC tables want it, on the GPU.
 struct LabelBatch {
     int width = 0;               ///< positions of the longest extended sequence

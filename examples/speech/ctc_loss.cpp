@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstddef>
 
+#include "common/shape_output.h"
+
 namespace speech {
 
 namespace {
@@ -24,10 +26,10 @@ double CtcLoss::fill_alpha(const vorn::Tensor<float>& posteriors, const FrameBat
     if (_log_posteriors.get_device() != posteriors.get_device()) {
         _log_posteriors = vorn::Tensor<float>(posteriors.get_device());
     }
-    _log_posteriors.resize(posteriors.get_size());
+    common::shape_output(&_log_posteriors, posteriors.get_size());
     _log_posteriors.limit(posteriors, kLeastPosterior, 1);
     _log_posteriors.log();
-    _prob.resize(posteriors.get_size());
+    _prob.resize(posteriors.get_size(), false);
     _prob.copy_from(_log_posteriors);
 
     _alpha.resize(vorn::Dim(frames.rows(), labels.width), false);
@@ -61,7 +63,7 @@ double CtcLoss::compute(const vorn::Tensor<float>& posteriors, const FrameBatch&
 }
 
 double CtcLoss::compute(const vorn::Tensor<float>& posteriors, const FrameBatch& frames,
-                        const LabelBatch& labels, vorn::Tensor<float>* error) {
+                        const LabelBatch& labels, float weight, vorn::Tensor<float>* error) {
     const double loss = fill_alpha(posteriors, frames, labels);
 
     _beta.resize(vorn::Dim(frames.rows(), labels.width), false);
@@ -72,14 +74,13 @@ double CtcLoss::compute(const vorn::Tensor<float>& posteriors, const FrameBatch&
     _occupancy.resize(posteriors.get_size());
     _occupancy.compute_ctc_err(_alpha, _beta, labels.labels, labels.frame_counts, _pzx);
 
-    // Behind the softmax, the gradient of an utterance's loss is posterior minus occupancy.
-    const float share = 1.0f / static_cast<float>(frames.size);
+    // Before the softmax, the gradient of an utterance's loss is posterior minus occupancy.
     vorn::Tensor<float> occupancy = _occupancy;
     if (!vorn::is_same_devices(posteriors.get_device(), vorn::GPU)) {
         occupancy = vorn::Tensor<float>(_occupancy, posteriors.get_device());
     }
-    error->resize(posteriors.get_size());
-    error->elem_add(posteriors, occupancy, share, -share, 0);
+    common::shape_output(error, posteriors.get_size());
+    error->elem_add(posteriors, occupancy, weight, -weight, 0);
     error->vec_mask(*error, frames.mask);
     return loss;
 }

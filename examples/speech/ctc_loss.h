@@ -13,11 +13,11 @@ namespace speech {
 class CtcLoss {
 public:
     /// The loss of each utterance, summed. `posteriors` are the softmax outputs of the network,
-    /// frames.rows() x classes. `error` becomes the gradient of the mean loss of the batch with
+    /// frames.rows() x classes. `error` becomes the gradient of `weight` times that sum with
     /// respect to the softmax inputs, on the device of the posteriors, and zero at padding.
     /// Every transcript must fit its frames.
     double compute(const vorn::Tensor<float>& posteriors, const FrameBatch& frames,
-                   const LabelBatch& labels, vorn::Tensor<float>* error);
+                   const LabelBatch& labels, float weight, vorn::Tensor<float>* error);
 
     /// The loss alone.
     double compute(const vorn::Tensor<float>& posteriors, const FrameBatch& frames,

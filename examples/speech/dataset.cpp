@@ -42,13 +42,13 @@ std::string shortage(const Utterance& utterance, const FeatureOptions& options) 
 }
 
 std::vector<Utterance> drop_short(const std::vector<Utterance>& utterances,
-                                  const FeatureOptions& options) {
+                                  const FeatureOptions& options, bool warn) {
     std::vector<Utterance> kept;
     for (const Utterance& utterance : utterances) {
         const std::string why = shortage(utterance, options);
         if (why.empty()) {
             kept.push_back(utterance);
-        } else {
+        } else if (warn) {
             std::cerr << "warning: " << why << "; skipped\n";
         }
     }
@@ -90,10 +90,10 @@ std::vector<Sample> extract_all(const std::vector<Utterance>& utterances,
     return samples;
 }
 
-std::vector<const FrameMatrix*> features_of(const std::vector<const Sample*>& samples) {
+std::vector<const FrameMatrix*> features_of(const std::vector<Sample>& samples) {
     std::vector<const FrameMatrix*> features;
-    for (const Sample* sample : samples) {
-        features.push_back(&sample->features);
+    for (const Sample& sample : samples) {
+        features.push_back(&sample.features);
     }
     return features;
 }

@@ -23,17 +23,17 @@ int row_count(const Utterance& utterance, const FeatureOptions& options);
 /// the file.
 std::string shortage(const Utterance& utterance, const FeatureOptions& options);
 
-/// The utterances whose frames can carry their labels; a warning on standard error names each of
-/// the others.
+/// The utterances whose frames can carry their labels. Where `warn` is set, a warning on standard
+/// error names each of the others.
 std::vector<Utterance> drop_short(const std::vector<Utterance>& utterances,
-                                  const FeatureOptions& options);
+                                  const FeatureOptions& options, bool warn = true);
 
 /// Extracts the features of all utterances, on all cores. Throws Error at a broken file.
 std::vector<Sample> extract_all(const std::vector<Utterance>& utterances,
                                 const FeatureOptions& options);
 
 /// Views of the features, for a batch.
-std::vector<const FrameMatrix*> features_of(const std::vector<const Sample*>& samples);
+std::vector<const FrameMatrix*> features_of(const std::vector<Sample>& samples);
 
 }  // namespace speech
 

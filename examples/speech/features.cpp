@@ -264,39 +264,28 @@ Normaliser::Normaliser(std::vector<float> mean, std::vector<float> inverse_devia
     }
 }
 
-Normaliser Normaliser::fit(const std::vector<FrameMatrix>& utterances) {
-    const int columns = utterances.empty() ? 0 : utterances.front().columns;
-    std::vector<double> mean(columns, 0.0);
-    std::vector<double> variance(columns, 0.0);
-    double count = 0;
-    const auto each_row = [&](auto visit) {
-        for (const FrameMatrix& frames : utterances) {
-            for (int t = 0; t < frames.rows; ++t) {
-                visit(frames.row(t));
-            }
+void FrameSums::add(const FrameMatrix& frames) {
+    _values[0] += frames.rows;
+    for (int t = 0; t < frames.rows; ++t) {
+        const float* row = frames.row(t);
+        for (int c = 0; c < _columns; ++c) {
+            const double value = row[c];
+            _values[1 + c] += value;
+            _values[1 + _columns + c] += value * value;
         }
-    };
-    each_row([&](const float* row) {
-        count += 1;
-        for (int c = 0; c < columns; ++c) {
-            mean[c] += row[c];
-        }
-    });
-    if (count == 0) {
+    }
+}
+
+Normaliser Normaliser::fit(const FrameSums& sums) {
+    if (sums.count() == 0) {
         throw common::Error("normaliser: there are no frames to learn from");
     }
-    for (double& m : mean) {
-        m /= count;
-    }
-    each_row([&](const float* row) {
-        for (int c = 0; c < columns; ++c) {
-            variance[c] += (row[c] - mean[c]) * (row[c] - mean[c]);
-        }
-    });
     Normaliser result;
-    for (int c = 0; c < columns; ++c) {
-        const double deviation = std::sqrt(variance[c] / count);
-        result._mean.push_back(static_cast<float>(mean[c]));
+    for (int c = 0; c < sums.columns(); ++c) {
+        const double mean = sums.sum(c) / sums.count();
+        const double variance = sums.squares(c) / sums.count() - mean * mean;
+        const double deviation = std::sqrt(std::max(0.0, variance));
+        result._mean.push_back(static_cast<float>(mean));
         result._inverse_deviation.push_back(deviation > 1e-6 ? static_cast<float>(1 / deviation)
                                                              : 1.0f);
     }

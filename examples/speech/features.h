@@ -97,6 +97,25 @@ private:
     std::unique_ptr<Impl> _impl;
 };
 
+/// Gathers, in double precision, what the mean and variance of each column are made of.
+class FrameSums {
+public:
+    explicit FrameSums(int columns) : _columns(columns), _values(1 + 2 * columns) {}
+
+    void add(const FrameMatrix& frames);
+
+    int columns() const { return _columns; }
+    double count() const { return _values[0]; }
+    double sum(int column) const { return _values[1 + column]; }
+    double squares(int column) const { return _values[1 + _columns + column]; }
+    /// All of them, to be added up with those of other frames.
+    std::vector<double>& values() { return _values; }
+
+private:
+    int _columns;
+    std::vector<double> _values;
+};
+
 /// Corpus-wide mean and variance normalisation: out[t][c] = (in[t][c] - mean[c]) *
 /// inverse_deviation[c]. The statistics are those of all frames of the training set, so that a
 /// single utterance, even a short one, is treated as in training; they are stored with the model.
@@ -105,9 +124,8 @@ public:
     Normaliser() = default;
     Normaliser(std::vector<float> mean, std::vector<float> inverse_deviation);
 
-    /// Statistics over all rows of all matrices, gathered in double. A column that does not vary
-    /// is only shifted.
-    static Normaliser fit(const std::vector<FrameMatrix>& utterances);
+    /// Of the frames in the sums. A column that does not vary is only shifted.
+    static Normaliser fit(const FrameSums& sums);
 
     void apply(FrameMatrix* frames) const;
 

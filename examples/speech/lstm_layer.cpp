@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "common/shape_output.h"
+
 namespace speech {
 
 namespace {
@@ -22,8 +24,8 @@ LstmLayer::LstmLayer(const std::string& name, int inputs, int cells, vorn::Devic
       _peep_f(name + ".peep_f", vorn::Dim(cells), device),
       _peep_o(name + ".peep_o", vorn::Dim(cells), device) {
     for (vorn::Tensor<float>* tensor :
-         {&_gates, &_i, &_f, &_g, &_o, &_tanh_cell, &_cell, &_output, &_gate_error, &_cell_error,
-          &_next_error, &_product, &_in_error}) {
+         {&_gates, &_i, &_f, &_g, &_o, &_tanh_cell, &_cell, &_output, &_recurrent_transposed,
+          &_gate_error, &_cell_error, &_next_error, &_product, &_in_error}) {
         tensor->set_device(device);
     }
 }
@@ -45,12 +47,13 @@ void LstmLayer::initialise(common::Random* random) {
 void LstmLayer::resize(int rows, int batch) {
     _batch = batch;
     _frames = rows / batch;
-    _gates.resize(vorn::Dim(rows, 4 * _cells));
+    common::shape_output(&_gates, vorn::Dim(rows, 4 * _cells));
     for (vorn::Tensor<float>* tensor : {&_i, &_f, &_g, &_o, &_tanh_cell}) {
-        tensor->resize(vorn::Dim(rows, _cells), false);
+        common::shape_output(tensor, vorn::Dim(rows, _cells));
     }
     for (vorn::Tensor<float>* tensor : {&_cell, &_output}) {
-        tensor->resize(vorn::Dim(rows + batch, _cells));
+        common::shape_output(tensor, vorn::Dim(rows + batch, _cells));
+        frame(*tensor, 0).zero();
     }
 }
 
@@ -83,14 +86,18 @@ const vorn::Tensor<float>& LstmLayer::forward(const vorn::Tensor<float>& in, int
 }
 
 void LstmLayer::backward(const vorn::Tensor<float>& in, vorn::Tensor<float>& error) {
-    _gate_error.resize(_gates.get_size());
-    _cell_error.resize(vorn::Dim(_batch, _cells));
+    common::shape_output(&_gate_error, _gates.get_size());
+    common::shape_output(&_cell_error, vorn::Dim(_batch, _cells));
+    // Nothing comes back to the last frame.
     _next_error.resize(vorn::Dim(_batch, _cells));
+    // Once, and not in the product of every frame.
+    common::shape_output(&_recurrent_transposed, vorn::Dim(4 * _cells, _cells));
+    _recurrent_transposed.transpose(_recurrent_weight.value);
     for (int t = _frames - 1; t >= 0; --t) {
         vorn::Tensor<float> frame_error = frame(error, t);
         if (t + 1 < _frames) {
             const vorn::Tensor<float> later = frame(_gate_error, t + 1);
-            frame_error.mul(later, false, _recurrent_weight.value, true, 1, 1);
+            frame_error.mul(later, _recurrent_transposed, 1, 1);
             // The cell of this frame reaches the next through the forget gate's product and
             // through the peepholes of the input and forget gates.
             _next_error.elem_mul(_cell_error, frame(_f, t + 1));
@@ -117,13 +124,13 @@ void LstmLayer::backward(const vorn::Tensor<float>& in, vorn::Tensor<float>& err
 
 void LstmLayer::set_peephole_gradient(common::Parameter* peephole, int gate,
                                       const vorn::Tensor<float>& cells) {
-    _product.resize(cells.get_size());
+    common::shape_output(&_product, cells.get_size());
     _product.elem_mul(_gate_error.range_col(gate, gate + 1, _cells), cells);
     peephole->gradient.col_sum(_product);
 }
 
-vorn::Tensor<float>& LstmLayer::input_error() {
-    _in_error.resize(vorn::Dim(_gate_error.get_h(), _input_weight.value.get_h()));
+vorn::Tensor<float>& LstmLayer::compute_input_error() {
+    common::shape_output(&_in_error, vorn::Dim(_gate_error.get_h(), _input_weight.value.get_h()));
     _in_error.mul(_gate_error, false, _input_weight.value, true);
     return _in_error;
 }

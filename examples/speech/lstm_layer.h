@@ -26,8 +26,9 @@ public:
     /// it.
     void backward(const vorn::Tensor<float>& in, vorn::Tensor<float>& error);
 
-    /// After backward(): the gradient with respect to the inputs.
-    vorn::Tensor<float>& input_error();
+    /// After backward(): computes the gradient with respect to the inputs.
+    vorn::Tensor<float>& compute_input_error();
+    const vorn::Tensor<float>& input_error() const { return _in_error; }
 
     std::vector<common::Parameter*> parameters() {
         return {&_input_weight, &_recurrent_weight, &_bias, &_peep_i, &_peep_f, &_peep_o};
@@ -52,6 +53,7 @@ private:
     vorn::Tensor<float> _gates, _i, _f, _g, _o, _tanh_cell, _cell, _output;
     vorn::Tensor<float> _result;  ///< _output without the zeros
 
+    vorn::Tensor<float> _recurrent_transposed;
     vorn::Tensor<float> _gate_error, _cell_error, _next_error, _product, _in_error;
 };
 

@@ -47,6 +47,27 @@ CLI::App* add_train(CLI::App* app, speech::TrainOptions* options) {
     common::add_number(command, "--learning-rate", &options->learning_rate,
                        "Highest step size of Adam", common::in_range(1e-6, 1.0));
     common::add_seed(command, &options->seed);
+    command
+        ->add_option("--threads", options->threads,
+                     "Threads that compute (default: the processors; 1 on a GPU)")
+        ->check(common::in_range(1, 256));
+    command
+        ->add_option("--checkpoint", options->checkpoint,
+                     "Folder for the state of training, which goes on from what is there")
+        ->check(common::kNotEmpty);
+    common::add_number(command, "--checkpoint-minutes", &options->checkpoint_minutes,
+                       "Minutes from one checkpoint to the next", common::in_range(0.0, 1e4));
+    command
+        ->add_option("--feature-memory", options->feature_memory,
+                     "GiB of features that a rank keeps; it reads the others' files each time "
+                     "(default: its part of half of the memory)")
+        ->check(common::in_range(0.0, 1e6));
+    command
+        ->add_option("--logs", options->logs, "Folder for the reports of the ranks but the first")
+        ->check(common::kNotEmpty);
+    common::add_number(command, "--patience", &options->patience,
+                       "Seconds after which a rank that waits for the others gives up",
+                       common::in_range(1.0, 1e6));
     return command;
 }
 

@@ -61,7 +61,7 @@ vorn::Tensor<float> to_tensor(const std::vector<float>& values) {
     return tensor;
 }
 
-Model read_model(common::ModelReader& reader, vorn::Device device) {
+Model read_model(common::ModelReader& reader, vorn::Device device, common::Team* team) {
     Model model;
     reader.begin_head(kMagic);
     visit_fields(model.features, model.shape,
@@ -79,7 +79,7 @@ Model read_model(common::ModelReader& reader, vorn::Device device) {
     std::vector<float> mean = reader.read_vector("mean", model.shape.inputs);
     std::vector<float> deviation = reader.read_vector("inverse_deviation", model.shape.inputs);
     model.normaliser = Normaliser(std::move(mean), std::move(deviation));
-    model.network = make_network(model.shape, device);
+    model.network = make_network(model.shape, device, team);
     for (const common::NamedTensor& stored : stored_tensors(model.network.get())) {
         reader.read(stored);
     }
@@ -103,9 +103,9 @@ void save_model(const std::filesystem::path& file, const Model& model) {
     output.finish();
 }
 
-Model load_model(const std::filesystem::path& file, vorn::Device device) {
+Model load_model(const std::filesystem::path& file, vorn::Device device, common::Team* team) {
     return common::read_model_file(
-        file, [&](common::ModelReader& reader) { return read_model(reader, device); });
+        file, [&](common::ModelReader& reader) { return read_model(reader, device, team); });
 }
 
 }  // namespace speech

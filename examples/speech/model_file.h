@@ -24,7 +24,7 @@ void save_model(const std::filesystem::path& file, const Model& model);
 
 /// Reads a model file onto either device. Throws Error, naming the file, when it cannot be read,
 /// is no model file, is damaged or truncated, or holds tensors that do not fit its head.
-Model load_model(const std::filesystem::path& file, vorn::Device device);
+Model load_model(const std::filesystem::path& file, vorn::Device device, common::Team* team);
 
 }  // namespace speech
 

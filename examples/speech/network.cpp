@@ -4,6 +4,7 @@
 
 #include "common/error.h"
 #include "common/linear_layer.h"
+#include "common/shape_output.h"
 #include "conv_blstm.h"
 #include "lstm_layer.h"
 
@@ -42,17 +43,20 @@ public:
             _inputs.push_back(layer->forward(_inputs.back(), batch.size));
         }
         const vorn::Tensor<float>& logits = _linear.forward(_inputs.back());
-        _posteriors.resize(logits.get_size());
+        common::shape_output(&_posteriors, logits.get_size());
         _posteriors.softmax(logits);
         return _posteriors;
     }
 
-    void backward(const FrameBatch&, const vorn::Tensor<float>& error) override {
+    void backward(const FrameBatch&, const vorn::Tensor<float>& error,
+                  const common::GradientsReady& ready) override {
         vorn::Tensor<float>* layer_error = &_linear.backward(_inputs.back(), error);
+        ready(_linear.parameters());
         for (std::size_t i = _layers.size(); i-- > 0;) {
             _layers[i]->backward(_inputs[i], *layer_error);
+            ready(_layers[i]->parameters());
             if (i > 0) {
-                layer_error = &_layers[i]->input_error();
+                layer_error = &_layers[i]->compute_input_error();
             }
         }
     }
@@ -133,10 +137,11 @@ std::int64_t parameter_count(const NetworkShape& shape) {
     return count;
 }
 
-std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device) {
+std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device,
+                                      common::Team* team) {
     validate(shape);
     if (shape.kind == kConvBlstm) {
-        return std::make_unique<ConvBlstmNetwork>(shape, device);
+        return std::make_unique<ConvBlstmNetwork>(shape, device, team);
     }
     return std::make_unique<LstmNetwork>(shape, device);
 }

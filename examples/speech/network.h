@@ -6,8 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "common/gradient_sum.h"
 #include "common/parameter.h"
 #include "common/pass.h"
+#include "common/ranks.h"
+#include "common/team.h"
 #include "conv_layer.h"
 #include "ctc_batch.h"
 #include "vorn/vorn.h"
@@ -55,12 +58,17 @@ public:
     /// The posteriors, batch.rows() x classes; good until the next call.
     virtual const vorn::Tensor<float>& forward(const FrameBatch& batch, common::Pass pass) = 0;
     /// After a training forward() of the same batch: sets the gradients of all parameters from the
-    /// gradient of the loss with respect to the softmax inputs.
-    virtual void backward(const FrameBatch& batch, const vorn::Tensor<float>& error) = 0;
+    /// gradient of the loss with respect to the softmax inputs, and tells `ready` of them layer by
+    /// layer, from the last in parameters() to the first.
+    virtual void backward(const FrameBatch& batch, const vorn::Tensor<float>& error,
+                          const common::GradientsReady& ready) = 0;
     /// All parameters, in the order in which a model file holds them.
     virtual std::vector<common::Parameter*> parameters() = 0;
     /// What the network has learnt besides its parameters; stands after them in a model file.
     virtual std::vector<common::NamedTensor> statistics() { return {}; }
+    /// From now on what training takes from a batch as a whole, it takes from the batches of all
+    /// ranks, which make their passes at the same time.
+    virtual void share_statistics(common::Ranks*) {}
 
     vorn::Device device() const { return _device; }
 
@@ -71,8 +79,10 @@ private:
     vorn::Device _device;
 };
 
-/// A network with all parameters zero. Throws Error as validate() does.
-std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device);
+/// A network with all parameters zero, which shares out its work over `team`. Throws Error as
+/// validate() does.
+std::unique_ptr<Network> make_network(const NetworkShape& shape, vorn::Device device,
+                                      common::Team* team);
 
 }  // namespace speech
 

@@ -11,7 +11,8 @@ namespace speech {
 
 int run_recognise(const RecogniseOptions& options) {
     const common::ComputeDevice compute(options.device, common::ThreadContext::kWithGpu);
-    const Model model = load_model(options.model, compute.device());
+    common::Team team(common::Team::default_size(compute.device()));
+    const Model model = load_model(options.model, compute.device(), &team);
     FeatureExtractor extractor(model.features);
     for (const std::filesystem::path& file : options.files) {
         Sample sample;

@@ -23,7 +23,8 @@ std::string words_or_nothing(const std::vector<int>& labels) {
 
 int run_test(const TestOptions& options) {
     const common::ComputeDevice compute(options.device, common::ThreadContext::kWithGpu);
-    const Model model = load_model(options.model, compute.device());
+    common::Team team(common::Team::default_size(compute.device()));
+    const Model model = load_model(options.model, compute.device(), &team);
     std::vector<Sample> samples =
         extract_all(read_list(options.corpus / "test.tsv"), model.features);
     for (Sample& sample : samples) {

@@ -6,6 +6,8 @@
 
 #include "common/format.h"
 #include "common/progress.h"
+#include "common/team.h"
+#include "test_files.h"
 
 namespace {
 
@@ -53,6 +55,27 @@ TEST(CommonProgress, RedrawsOnTerminalsOnly) {
     EXPECT_EQ(terminal.str(),
               "\r" + first + "\x1b[K\r\x1b[Kepoch 1: loss 2\n\r" + second + "\x1b[K\n");
     EXPECT_EQ(plain.str(), "epoch 1: loss 2\n" + second + "\n");
+}
+
+TEST(Team, RunsEachTaskOnceAndPassesOnTheFirstFailure) {
+    for (const int threads : {1, 2, 4}) {
+        common::Team team(threads);
+        for (const int count : {0, 1, 3, 100}) {
+            std::vector<int> runs(count);
+            team.for_each(count, [&](int i) { ++runs[i]; });
+            EXPECT_EQ(runs, std::vector<int>(count, 1));
+        }
+        const auto fail = [](const char* why) { throw common::Error(why); };
+        EXPECT_EQ(message_of([&] {
+                      team.run({[] {}, [&] { fail("second"); }, [&] { fail("third"); }});
+                  }),
+                  "second");
+        // Longer than a thread asks for work before it sleeps.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        int sum = 0;
+        team.run({[&] { sum = 5; }});
+        EXPECT_EQ(sum, 5);
+    }
 }
 
 }  // namespace

@@ -191,7 +191,11 @@ TEST(SpeechFeatures, NormalisesOverTheCorpus) {
             row[2] = 4;
         }
     }
-    const auto normaliser = speech::Normaliser::fit(utterances);
+    speech::FrameSums sums(3);
+    for (const FrameMatrix& utterance : utterances) {
+        sums.add(utterance);
+    }
+    const auto normaliser = speech::Normaliser::fit(sums);
     std::vector<reference::Frames> frames;
     for (FrameMatrix& utterance : utterances) {
         normaliser.apply(&utterance);
@@ -206,7 +210,7 @@ TEST(SpeechFeatures, NormalisesOverTheCorpus) {
     FrameMatrix narrow(1, 2);
     EXPECT_EQ(message_of([&] { normaliser.apply(&narrow); }),
               "normaliser: made for 3 columns, not 2");
-    EXPECT_EQ(message_of([] { speech::Normaliser::fit({FrameMatrix(0, 3)}); }),
+    EXPECT_EQ(message_of([] { speech::Normaliser::fit(speech::FrameSums(3)); }),
               "normaliser: there are no frames to learn from");
 }
 

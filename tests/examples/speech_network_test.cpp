@@ -49,6 +49,8 @@ protected:
     }
 
     common::Random _random{7};
+    common::Team _team{2};
+    common::Ranks _ranks;
 
 private:
     std::unique_ptr<vorn::ThreadContextScope> _context;
@@ -74,7 +76,7 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
         const bool is_conv_blstm = run % 2 == 1;
         const speech::NetworkShape& shape = shapes[run % 2];
         SCOPED_TRACE(shape.kind + (device == vorn::CPU ? " on the host" : " on the GPU"));
-        const auto network = speech::make_network(shape, device);
+        const auto network = speech::make_network(shape, device, &_team);
         reference::Values values = randomise(network.get());
         speech::CtcLoss ctc;
         vorn::Tensor<float> error(device);
@@ -89,8 +91,8 @@ TEST_F(SpeechNetwork, GradientIsThatOfTheLossOnBothDevices) {
             }
             const speech::FrameBatch batch = speech::make_frame_batch(features, device);
             computed = ctc.compute(network->forward(batch, common::Pass::kTraining), batch,
-                                   speech::make_label_batch(transcripts, batch), &error);
-            network->backward(batch, error);
+                                   speech::make_label_batch(transcripts, batch), 0.25f, &error);
+            network->backward(batch, error, [](const auto&) {});
         }
 
         const auto loss = [&] {
@@ -126,7 +128,7 @@ TEST_F(SpeechNetwork, ConvolutionErrorAtTheFeaturesIsTheDerivative) {
     const speech::ConvShape shape = {8, 2, 3, 2, 3, 2};
     for (const vorn::Device device : kDevices) {
         SCOPED_TRACE(device == vorn::CPU ? "host" : "GPU");
-        speech::ConvLayer layer("conv", shape, 32, device);
+        speech::ConvLayer layer("conv", shape, 32, device, &_team);
         const reference::Values values = randomise(&layer);
         FrameMatrix features, output_error;
         for (int batch = 0; batch < 2; ++batch) {
@@ -206,13 +208,14 @@ protected:
     }
 
     /// The mean losses of two epochs, and the one that is left.
-    std::vector<double> train(vorn::Device device, std::uint64_t seed) {
-        _model.network = speech::make_network(_model.shape, device);
-        speech::Trainer trainer(_model.network.get(), &_samples,
-                                {2, 5, 1e-2, seed, _model.features});
+    std::vector<double> train(vorn::Device device, std::uint64_t seed, common::Team* team) {
+        _model.network = speech::make_network(_model.shape, device, team);
+        speech::TrainingSet samples(_samples);
+        speech::Trainer trainer(_model.network.get(), &samples, {2, 5, 1e-2, seed, _model.features},
+                                &_ranks);
         const auto go_on = [](std::int64_t, double) { return true; };
         const double first = trainer.run_epoch(go_on);
-        return {first, trainer.run_epoch(go_on), trainer.mean_loss(_samples)};
+        return {first, trainer.run_epoch(go_on), trainer.loss_of(_samples) / 12};
     }
 
     /// The bytes of its model file.
@@ -227,14 +230,14 @@ protected:
 };
 
 TEST_P(SpeechTraining, RepeatsOnTheHostAndAgreesWithTheGpu) {
-    const std::vector<double> once = train(vorn::CPU, 1);
+    const std::vector<double> once = train(vorn::CPU, 1, &_team);
     const std::string model = saved(_model);
     EXPECT_LT(once[2], once[0]);
-    EXPECT_EQ(train(vorn::CPU, 1), once);
+    EXPECT_EQ(train(vorn::CPU, 1, &_team), once);
     EXPECT_EQ(saved(_model), model);
-    EXPECT_NE(train(vorn::CPU, 2), once);
+    EXPECT_NE(train(vorn::CPU, 2, &_team), once);
 
-    const std::vector<double> on_gpu = train(vorn::GPU, 1);
+    const std::vector<double> on_gpu = train(vorn::GPU, 1, &_team);
     for (std::size_t i = 0; i < once.size(); ++i) {
         EXPECT_NEAR(on_gpu[i], once[i], 1e-4 * once[i]);
     }
@@ -245,7 +248,7 @@ TEST_P(SpeechTraining, RepeatsOnTheHostAndAgreesWithTheGpu) {
     const FrameMatrix& features = _samples[0].features;
     const FrameMatrix expected = speech::posteriors_of(_model.network.get(), features);
     for (const vorn::Device device : kDevices) {
-        const speech::Model loaded = speech::load_model(folder / "gpu", device);
+        const speech::Model loaded = speech::load_model(folder / "gpu", device, &_team);
         EXPECT_EQ(loaded.network->device(), device);
         EXPECT_EQ(saved(loaded), read_file(folder / "gpu"));
         const FrameMatrix actual = speech::posteriors_of(loaded.network.get(), features);
@@ -255,9 +258,27 @@ TEST_P(SpeechTraining, RepeatsOnTheHostAndAgreesWithTheGpu) {
     }
 }
 
+TEST_P(SpeechTraining, GivesTheSameBitsWithAnyNumberOfThreads) {
+    for (const vorn::Device device : kDevices) {
+        std::vector<double> losses;
+        std::string model;
+        for (const int threads : {1, 2, 3}) {
+            common::Team team(threads);
+            const std::vector<double> its_losses = train(device, 1, &team);
+            if (threads == 1) {
+                losses = its_losses;
+                model = saved(_model);
+            }
+            EXPECT_EQ(its_losses, losses) << threads;
+            EXPECT_EQ(saved(_model), model) << threads;
+            _model.network.reset();
+        }
+    }
+}
+
 TEST_P(SpeechTraining, RecognisesEachUtteranceAsIfAloneAndStopsWhereItDiverges) {
     _samples.push_back({"", {1}, noise(0, _model.shape.inputs)});
-    const auto made = speech::make_network(_model.shape, vorn::CPU);
+    const auto made = speech::make_network(_model.shape, vorn::CPU, &_team);
     speech::Network* network = made.get();
     network->initialise(&_random);
     randomise(network, 3);  // so that what it reads is not always the same
@@ -269,10 +290,11 @@ TEST_P(SpeechTraining, RecognisesEachUtteranceAsIfAloneAndStopsWhereItDiverges) 
     EXPECT_TRUE(together.back().empty());
     EXPECT_EQ(speech::score(network, _samples).total().reference, 25);
 
-    speech::Trainer trainer(network, &_samples, {});
+    speech::TrainingSet samples(_samples);
+    speech::Trainer trainer(network, &samples, {}, &_ranks);
     _samples[3].features.values[0] = NAN;
     EXPECT_EQ(message_of([&] {
-                  trainer.train_batch({&_samples[2], &_samples[3]});
+                  trainer.train_batch({_samples[2], _samples[3]}, 2);
               }),
               "training diverged: the loss is not finite; try a lower --learning-rate");
 }
