@@ -152,7 +152,7 @@ protected:
         synchronize();
     }
     /// Queues a fill that runs once the gate is opened.
-    void fill_behind_gate() {
+    void queue_fill() {
         _gate = std::make_unique<Gate>(default_stream);
         _shared->set_element(1);
     }
@@ -164,7 +164,7 @@ protected:
 };
 
 TEST_F(DroppedBlockTest, IsNotReusedBeforeWorkOfTheThreadThatAllocatedIt) {
-    _other.run([&] { allocate(), fill_behind_gate(); });
+    _other.run([&] { allocate(), queue_fill(); });
     _shared.reset();
     const Tensor<float> fresh = fives(_size);
     synchronize();  // waits for this thread's work only
@@ -173,7 +173,7 @@ TEST_F(DroppedBlockTest, IsNotReusedBeforeWorkOfTheThreadThatAllocatedIt) {
 
 TEST_F(DroppedBlockTest, IsNotReusedBeforeWorkOfTheThreadThatDropsIt) {
     _other.run([&] { allocate(); });
-    fill_behind_gate();
+    queue_fill();
     _shared.reset();
     Tensor<float> fresh(GPU);
     _other.run([&] { fresh = fives(_size); });
@@ -185,7 +185,7 @@ TEST_F(DroppedBlockTest, MayOutliveTheThreadThatAllocatedIt) {
     Worker third;
     _other.run([&] { allocate(); });
     _other.end();
-    fill_behind_gate();
+    queue_fill();
     _shared.reset();
     Tensor<float> fresh(GPU);
     third.run([&] {
@@ -262,7 +262,7 @@ TEST_F(KernelTailTest, SynchronizeStopsOnAFailure) {
                          "assert triggered\n"));
 }
 
-// No launch is refused for an output without elements: the error would stay behind, and the next
+// No launch is refused for an output without elements: the error would stay, and the next
 // tail would lay it to another launch.
 TEST_F(KernelTailTest, EmptyOutputsLaunchNothing) {
     const Dim size(0, 4), wide(0, 16);

@@ -115,7 +115,7 @@ TEST(FillTest, HostFills) {
                 block.write(std::vector<T>(block.count(), T(3)));
                 block.tensor.set_element(val);
                 EXPECT_TRUE(values_of(block.tensor) == std::vector<T>(size.product(), val))
-                    << size << " behind " << left;
+                    << size << " after " << left;
                 block.expect_beside(T(3));
             }
         }

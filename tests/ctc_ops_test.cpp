@@ -81,8 +81,8 @@ struct Batch {
     }
 
     /// The probability of frames [first, last) of utterance n, summed over the paths that collapse
-    /// to `to` between the symbols `before` and `behind`.
-    double sum_paths(int n, int first, int last, const Labels& before, const Labels& behind,
+    /// to `to` between the symbols `before` and `after`.
+    double sum_paths(int n, int first, int last, const Labels& before, const Labels& after,
                      const Labels& to) const {
         double sum = 0;
         for (int code = 0; code < std::pow(classes, last - first); ++code) {
@@ -92,7 +92,7 @@ struct Batch {
                 path.push_back(rest % classes);
                 log_p += log_prob[(t * count + n) * classes + path.back()];
             }
-            path.insert(path.end(), behind.begin(), behind.end());
+            path.insert(path.end(), after.begin(), after.end());
             sum += collapse(path, blank) == to ? std::exp(log_p) : 0;
         }
         return sum;

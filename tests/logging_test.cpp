@@ -70,31 +70,31 @@ void throw_failure(const logging::CheckFailure& failure) {
     throw Caught{failure};
 }
 
-TEST(LoggingTest, HandlerThatThrowsLeavesTheOperationAndTheTensors) {
-    const ThreadContextScope context;
+class HandlerTest : public DeviceTest {};
+
+TEST_P(HandlerTest, ThatThrowsLeavesTheOperationAndTheTensors) {
     const HandlerScope scope(throw_failure);
-    for (const Device device : {CPU, GPU}) {
-        Tensor<float> out(Dim(2, 3), device), in(Dim(3, 2), device);
-        out.set_element(5);
-        for (int repeat = 0; repeat < 100; ++repeat) {
-            try {
-                out.tanh(in);
-                FAIL() << "the check holds";
-            } catch (const Caught& caught) {
-                EXPECT_EQ(caught.failure.message.find("Check failed: "), 0u);
-                EXPECT_NE(std::string(caught.failure.file).find("ops.h"), std::string::npos);
-                EXPECT_GT(caught.failure.line, 0);
-                EXPECT_TRUE(std::regex_search(
-                    caught.failure.trace,
-                    std::regex(
-                        "^Stack trace returned [1-9][0-9]* entries:\n\\[bt\\] \\(0\\) .+\n")));
-            }
+    Tensor<float> out(Dim(2, 3), device()), in(Dim(3, 2), device());
+    out.set_element(5);
+    for (int repeat = 0; repeat < 100; ++repeat) {
+        try {
+            out.tanh(in);
+            FAIL() << "the check holds";
+        } catch (const Caught& caught) {
+            EXPECT_EQ(caught.failure.message.find("Check failed: "), 0u);
+            EXPECT_NE(std::string(caught.failure.file).find("ops.h"), std::string::npos);
+            EXPECT_GT(caught.failure.line, 0);
+            EXPECT_TRUE(std::regex_search(
+                caught.failure.trace,
+                std::regex("^Stack trace returned [1-9][0-9]* entries:\n\\[bt\\] \\(0\\) .+\n")));
         }
-        EXPECT_EQ(out.sum(), 30);
-        out.tanh();
-        EXPECT_NEAR(out.sum(), 6 * std::tanh(5.0), 1e-5);
     }
+    EXPECT_EQ(out.sum(), 30);
+    out.tanh();
+    EXPECT_NEAR(out.sum(), 6 * std::tanh(5.0), 1e-5);
 }
+
+INSTANTIATE_TEST_SUITE_P(Places, HandlerTest, kDensePlaces, name_of_place);
 
 TEST(LoggingTest, HandlerThatReturnsAbortsWithTheLog) {
     EXPECT_DEATH(

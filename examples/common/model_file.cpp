@@ -95,7 +95,7 @@ std::vector<float> ModelReader::read_vector(const std::string& name, int columns
 
 void ModelReader::end() {
     if (static_cast<std::uintmax_t>(_in.tellg()) != _size) {
-        throw Error("goes on behind its last tensor");
+        throw Error("goes on past its last tensor");
     }
 }
 

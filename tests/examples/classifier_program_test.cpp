@@ -76,7 +76,7 @@ TEST_F(ClassifierProgram, RefusesBadInputInOneLineAndLosesNothing) {
         {
             {"", "is no model file of this program"},
             {good.substr(0, good.size() - 1), "is truncated at 'last.bias'"},
-            {good + "x", "goes on behind its last tensor"},
+            {good + "x", "goes on past its last tensor"},
             {replaced("hidden 8", "hidden 8192"), "is truncated"},
             {replaced("hidden 8", "hidden 7"),
              "'hidden1.weight' has not the shape that the head tells"},

@@ -79,7 +79,7 @@ TEST_F(SpeechProgramTrained, RefusesBadInputInOneLine) {
         {good.substr(0, head), "is truncated"},
         {cut(good, 1), "is truncated at 'linear.bias'"},
         {cut(conv, 1), "is truncated at 'norm.batches'"},
-        {good + "x", "goes on behind its last tensor"},
+        {good + "x", "goes on past its last tensor"},
         {good.substr(0, head) + std::string(good.size() - head, '\xff'),
          "'mean' has not the shape that the head tells"},
     };

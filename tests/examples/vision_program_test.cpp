@@ -72,7 +72,7 @@ TEST_F(VisionProgram, RefusesBadInputInOneLine) {
         {
             {"", "is no model file of this program"},
             {good.substr(0, good.size() - 1), "is truncated at 'norm3.variance'"},
-            {good + "x", "goes on behind its last tensor"},
+            {good + "x", "goes on past its last tensor"},
             {replaced("hidden 16", "hidden 8192"), "is truncated"},
             {replaced("filters 2", "filters 1"),
              "'conv1.weight' has not the shape that the head tells"},
